@@ -1,0 +1,40 @@
+#pragma once
+
+#include <filesystem>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "palomir/export.hpp"
+
+namespace palomir {
+
+/// Where Palomir keeps its files (log files): $XDG_CACHE_HOME, else ~/.cache.
+/// Empty when neither can be found.
+PALOMIR_API std::filesystem::path cachesDirectory();
+/// Sets another caches directory. Mobile hosts must call this before
+/// Palomir is first used, since the default does not exist there.
+PALOMIR_API void setCachesDirectory(std::filesystem::path directory);
+
+struct LocaleInfo {
+    std::string identifier;                 // "de_CH", "en", "C"
+    std::optional<std::string> languageCode;  // "de"
+    std::optional<std::string> regionCode;    // "CH"
+};
+
+/// The user's languages in order of preference ("de-CH", "en"), from
+/// LANGUAGE, LC_ALL, LC_MESSAGES and LANG.
+PALOMIR_API std::vector<std::string> preferredLanguages();
+/// The current locale from LC_ALL, LC_MESSAGES and LANG.
+PALOMIR_API LocaleInfo currentLocale();
+/// Lets a host (or the Qt module) supply the languages and locale itself.
+PALOMIR_API void setLocaleOverride(std::vector<std::string> languages, LocaleInfo locale);
+
+struct DeviceInfo {
+    std::string machine;    // uname machine, "x86_64"
+    std::string osName;     // uname sysname, "Linux"
+    std::string osRelease;  // uname release, "6.1.0-18-amd64"
+};
+PALOMIR_API const DeviceInfo& deviceInfo();
+
+}  // namespace palomir

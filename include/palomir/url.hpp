@@ -1,0 +1,65 @@
+#pragma once
+
+#include <optional>
+#include <string>
+#include <string_view>
+#include <utility>
+#include <vector>
+
+#include "palomir/export.hpp"
+
+namespace palomir {
+
+/// An absolute URL, validated and taken apart by libcurl's URL parser.
+/// Only texts that a strict URL parser accepts as they stand make a Url:
+/// blanks, control characters, non-ASCII bytes and the characters that
+/// RFC 3986 never allows unescaped ("<>\"{}|\\^`) are refused, not escaped.
+class PALOMIR_API Url {
+public:
+    struct QueryItem {
+        std::string name;
+        std::optional<std::string> value;
+        friend bool operator==(const QueryItem&, const QueryItem&) = default;
+    };
+
+    /// The URL for an absolute URL text, or nothing when the text is not one.
+    static std::optional<Url> parse(std::string_view text);
+
+    /// The text as given (and validated).
+    const std::string& absoluteString() const { return _text; }
+
+    const std::string& scheme() const { return _scheme; }
+    const std::optional<std::string>& user() const { return _user; }
+    const std::optional<std::string>& password() const { return _password; }
+    const std::string& host() const { return _host; }
+    /// The port written in the URL, if any (no scheme default is filled in).
+    std::optional<int> port() const { return _port; }
+    /// The path, percent-decoded; "" when the URL has none.
+    const std::string& path() const { return _path; }
+    /// The path as written (still percent-encoded).
+    const std::string& rawPath() const { return _rawPath; }
+    const std::optional<std::string>& query() const { return _query; }
+    /// Query items in order, names and values percent-decoded ("+" kept).
+    std::vector<QueryItem> queryItems() const;
+
+    /// Last component of the decoded path ("" for "/" or no path).
+    std::string lastPathComponent() const;
+    /// Extension of the last path component without the dot ("" when none).
+    std::string pathExtension() const;
+
+    friend bool operator==(const Url& a, const Url& b) { return a._text == b._text; }
+
+private:
+    Url() = default;
+    std::string _text;
+    std::string _scheme;
+    std::optional<std::string> _user;
+    std::optional<std::string> _password;
+    std::string _host;
+    std::optional<int> _port;
+    std::string _path;
+    std::string _rawPath;
+    std::optional<std::string> _query;
+};
+
+}  // namespace palomir
