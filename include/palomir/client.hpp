@@ -1,0 +1,138 @@
+#pragma once
+
+#include <filesystem>
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <utility>
+#include <vector>
+
+#include "palomir/api_client.hpp"
+#include "palomir/app_info.hpp"
+#include "palomir/credentials.hpp"
+#include "palomir/dispatch.hpp"
+#include "palomir/errors.hpp"
+#include "palomir/export.hpp"
+#include "palomir/logging.hpp"
+#include "palomir/model.hpp"
+#include "palomir/notification_center.hpp"
+#include "palomir/presentation.hpp"
+#include "palomir/result.hpp"
+#include "palomir/url_request.hpp"
+
+namespace palomir {
+
+/// The one object through which a host uses Palomir: `Palomir::shared()`.
+///
+/// Calls may come from any thread. Every completion is delivered on the
+/// queue the caller passes, always asynchronously (never inside the call),
+/// also for answers from memory and for local failures. Screen work
+/// (`lockdownIfNeeded`) runs on the main queue.
+class PALOMIR_API Palomir final : public AttachmentProvider {
+public:
+    template <class T, class E = Error>
+    using Completion = std::function<void(Result<T, E>)>;
+    using ServicesResult = std::pair<std::vector<Service>, MaxAge>;
+    using ServiceResult = std::pair<Service, MaxAge>;
+
+    /// Notification names, posted on `notificationCenter()` with a `Service`
+    /// or a `std::vector<Service>` as the object. `systemServicesUpdated` has
+    /// the same text as `systemServiceUpdated`, so an observer of either
+    /// receives both kinds of post.
+    static constexpr std::string_view serviceUpdated = "serviceUpdated";
+    static constexpr std::string_view servicesUpdated = "servicesUpdated";
+    static constexpr std::string_view systemServiceUpdated = "systemServiceUpdated";
+    static constexpr std::string_view systemServicesUpdated = "systemServiceUpdated";
+
+    enum class MessageViewLocation { top = 0, bottom = 1 };
+
+    /// Created on first use, never destroyed.
+    static Palomir& shared();
+
+    Palomir(const Palomir&) = delete;
+    Palomir& operator=(const Palomir&) = delete;
+
+    NotificationCenter& notificationCenter() { return *_notificationCenter; }
+
+    std::optional<AppCredentials> appCredentials() const;
+    /// Rebuilds the API client; the user credentials of the previous client
+    /// are kept. Nothing clears them but setting no app credentials.
+    void setAppCredentials(std::optional<AppCredentials> credentials);
+    std::shared_ptr<UserCredentials> userCredentials() const;
+    /// Rebuilds the API client. Without app credentials the value is
+    /// discarded: user credentials live only inside an API client.
+    void setUserCredentials(std::shared_ptr<UserCredentials> credentials);
+    std::optional<AppInfo> appInfo() const;
+    void setAppInfo(std::optional<AppInfo> info);
+    std::shared_ptr<APIClient> client() const;
+    void setClient(std::shared_ptr<APIClient> client);
+
+    std::optional<Configuration> configuration() const;
+    void setConfiguration(std::optional<Configuration> configuration);
+    std::optional<std::vector<Service>> services() const;
+    std::optional<std::vector<Service>> systemServices() const;
+    std::shared_ptr<DispatchQueue> queue() const { return _queue; }
+    /// Screens presented by `lockdownIfNeeded`, in order; never shrinks.
+    std::vector<std::shared_ptr<ConfigurableViewController>> viewControllers() const;
+
+    std::shared_ptr<Logger> logger() const;
+    /// API clients built later use the new logger; earlier ones keep theirs.
+    void setLogger(std::shared_ptr<Logger> logger);
+
+    /// Points the client at another backend (staging, the local sandbox) and
+    /// rebuilds the API client. Not in effect for exchanges under way.
+    void setBackend(BackendOptions options);
+    BackendOptions backend() const;
+
+    /// The held configuration while its next timed check-in lies in the
+    /// future (or it names none); otherwise a fresh one from the backend.
+    void checkin(std::shared_ptr<DispatchQueue> queue, Completion<Configuration> completion = {});
+    /// A signed GET request for a backend web page that the host loads itself.
+    void webRequest(const std::string& url, std::shared_ptr<DispatchQueue> queue,
+                    Completion<URLRequest> completion = {});
+
+    /// Checks in, then presents or dismisses the lockdown screen on `window`
+    /// (on the main queue). `animated` is accepted and ignored: the flow
+    /// decides. `completion` runs on the main thread, at most once.
+    void lockdownIfNeeded(std::shared_ptr<Window> window, bool animated,
+                          std::function<void(DismissAction)> dismissCallback,
+                          std::function<void(LockdownResult)> completion);
+
+    void services(std::shared_ptr<DispatchQueue> queue, Completion<ServicesResult> completion = {});
+    void service(const std::string& identifier, std::shared_ptr<DispatchQueue> queue,
+                 Completion<ServiceResult> completion = {});
+    void systemServices(std::shared_ptr<DispatchQueue> queue, Completion<ServicesResult> completion = {});
+    void systemService(const std::string& identifier, std::shared_ptr<DispatchQueue> queue,
+                       Completion<ServiceResult> completion = {});
+
+    /// Uploads every attachment, then submits the feedback naming them.
+    /// Success carries the empty text.
+    void feedback(const std::string& title, const std::string& message, const std::string& submittedBy,
+                  std::vector<Attachment> attachments,
+                  std::vector<std::shared_ptr<AttachmentProvider>> attachmentProviders,
+                  std::shared_ptr<DispatchQueue> queue, Completion<std::string, PalomirError> completion = {});
+    /// As above, reading each file; a file that cannot be read is left out.
+    void feedback(const std::string& title, const std::string& message, const std::string& submittedBy,
+                  const std::vector<std::filesystem::path>& fileAttachments,
+                  std::vector<std::shared_ptr<AttachmentProvider>> attachmentProviders,
+                  std::shared_ptr<DispatchQueue> queue, Completion<std::string, PalomirError> completion = {});
+
+    /// One attachment per log file of the client's file logger.
+    std::vector<Attachment> feedbackAttachments() override;
+    std::vector<std::filesystem::path> logFiles() const;
+
+    struct Impl;
+
+private:
+    Palomir();
+    ~Palomir() override;
+
+    std::unique_ptr<NotificationCenter> _notificationCenter;
+    std::shared_ptr<DispatchQueue> _queue;
+    std::shared_ptr<Impl> _impl;
+};
+
+}  // namespace palomir
