@@ -1,0 +1,3 @@
+list(APPEND PALOMIR_SOURCES
+  ${CMAKE_CURRENT_LIST_DIR}/errors.cpp
+)
