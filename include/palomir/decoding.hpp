@@ -1,0 +1,59 @@
+#pragma once
+
+#include <string>
+#include <string_view>
+
+#include <nlohmann/json.hpp>
+
+#include "palomir/export.hpp"
+#include "palomir/result.hpp"
+
+namespace palomir {
+
+/// Why a JSON document could not be turned into a record. The key path names
+/// the offending member ("lockdown.notes[1].identifier"; "" for the document
+/// itself), the reason says what was wrong with it.
+struct PALOMIR_API DecodingError {
+    std::string keyPath;
+    std::string reason;
+
+    /// keyPath + ": " + reason.
+    std::string message() const;
+
+    friend bool operator==(const DecodingError&, const DecodingError&) = default;
+};
+
+/// Why a value has no JSON form (only dynamic values can fail to encode).
+struct PALOMIR_API EncodingError {
+    std::string keyPath;
+    std::string reason;
+
+    /// keyPath + ": " + reason.
+    std::string message() const;
+
+    friend bool operator==(const EncodingError&, const EncodingError&) = default;
+};
+
+/// Strict decoding of one record from a JSON value. Defined (as explicit
+/// specialisations) for every record of the data model and for the dynamic
+/// values; see palomir/model.hpp and palomir/any_codable.hpp. Never throws and
+/// never yields a partly decoded record.
+template <class T>
+Result<T, DecodingError> decode(const nlohmann::json& json);
+
+/// Parses `text` as JSON and decodes a T from it. A text that is not JSON
+/// fails with key path "" and the parser's message as reason.
+template <class T>
+Result<T, DecodingError> decodeJson(std::string_view text);
+
+// Declares the decode and decodeJson specialisations that a record provides.
+#define PALOMIR_DECLARE_DECODING(T)                                                        \
+    template <>                                                                            \
+    PALOMIR_API Result<T, DecodingError> decode<T>(const nlohmann::json& json);            \
+    template <>                                                                            \
+    PALOMIR_API Result<T, DecodingError> decodeJson<T>(std::string_view text)
+
+/// Parses `text` as one JSON document (no comments, nothing after it).
+PALOMIR_API Result<nlohmann::json, DecodingError> parseJson(std::string_view text);
+
+}  // namespace palomir
