@@ -1,7 +1,10 @@
 # Platform layer. HTTP sessions and pinning keep their own list.
 list(APPEND PALOMIR_SOURCES
+  ${CMAKE_CURRENT_LIST_DIR}/bundle.cpp
   ${CMAKE_CURRENT_LIST_DIR}/crypto.cpp
+  ${CMAKE_CURRENT_LIST_DIR}/dispatch.cpp
   ${CMAKE_CURRENT_LIST_DIR}/environment.cpp
+  ${CMAKE_CURRENT_LIST_DIR}/notification_center.cpp
   ${CMAKE_CURRENT_LIST_DIR}/url.cpp
   ${CMAKE_CURRENT_LIST_DIR}/uuid.cpp
 )
