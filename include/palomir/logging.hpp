@@ -46,6 +46,8 @@ public:
     struct Clock;
 
 private:
+    // The file logger formats straight into its pending buffer with the same clock.
+    friend class FileLogger;
     std::shared_ptr<Clock> _clock;
 };
 
@@ -100,6 +102,7 @@ private:
     std::string _filePrefix;
     LogType _logLevel;
     std::shared_ptr<const LogFormatter> _logFormatter;
+    std::shared_ptr<PalomirLogFormatter::Clock> _clock;  // set when the formatter is a PalomirLogFormatter
     std::shared_ptr<State> _state;
 };
 
