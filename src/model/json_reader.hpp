@@ -1,0 +1,137 @@
+#pragma once
+
+// Strict reading of JSON values into records, shared by the model and the
+// dynamic values. A failure is raised as a DecodeFailure carrying the key path
+// of the offending member; the public decode functions catch it, so nothing
+// escapes the library and no record is ever half decoded.
+
+#include <cstdint>
+#include <map>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include <nlohmann/json.hpp>
+
+#include "palomir/decoding.hpp"
+
+namespace palomir::model {
+
+using nlohmann::json;
+
+struct DecodeFailure {
+    DecodingError error;
+};
+
+/// The member being read, kept as a stack while descending.
+class JsonPath {
+public:
+    void push(std::string_view key) { _segments.push_back({key, 0, true}); }
+    void push(std::size_t index) { _segments.push_back({{}, index, false}); }
+    void pop() { _segments.pop_back(); }
+
+    std::string text() const;
+    [[noreturn]] void fail(std::string reason) const;
+
+private:
+    struct Segment {
+        std::string_view key;
+        std::size_t index;
+        bool isKey;
+    };
+    std::vector<Segment> _segments;
+};
+
+class PathScope {
+public:
+    template <class Segment>
+    PathScope(JsonPath& path, Segment segment) : _path(path) {
+        _path.push(segment);
+    }
+    ~PathScope() { _path.pop(); }
+    PathScope(const PathScope&) = delete;
+    PathScope& operator=(const PathScope&) = delete;
+
+private:
+    JsonPath& _path;
+};
+
+/// "null", "boolean", "number", "string", "array", "object".
+const char* jsonKindName(const json& value);
+[[noreturn]] void failExpected(const JsonPath& path, const char* expected, const json& found);
+
+const json& expectObject(const JsonPath& path, const json& value);
+const json& expectArray(const JsonPath& path, const json& value);
+
+template <class T>
+struct Tag {};
+
+std::string read(JsonPath& path, const json& value, Tag<std::string>);
+bool read(JsonPath& path, const json& value, Tag<bool>);
+std::int64_t read(JsonPath& path, const json& value, Tag<std::int64_t>);
+double read(JsonPath& path, const json& value, Tag<double>);
+
+template <class T>
+std::vector<T> read(JsonPath& path, const json& value, Tag<std::vector<T>>) {
+    const json& array = expectArray(path, value);
+    std::vector<T> out;
+    out.reserve(array.size());
+    std::size_t index = 0;
+    for (const json& element : array) {
+        PathScope scope(path, index++);
+        out.push_back(read(path, element, Tag<T>{}));
+    }
+    return out;
+}
+
+template <class T>
+std::map<std::string, T> read(JsonPath& path, const json& value, Tag<std::map<std::string, T>>) {
+    const json& object = expectObject(path, value);
+    std::map<std::string, T> out;
+    for (auto it = object.begin(); it != object.end(); ++it) {
+        PathScope scope(path, std::string_view(it.key()));
+        out.emplace_hint(out.end(), it.key(), read(path, it.value(), Tag<T>{}));
+    }
+    return out;
+}
+
+/// A member that must be present and not null.
+template <class T>
+T required(JsonPath& path, const json& object, std::string_view key) {
+    PathScope scope(path, key);
+    const auto it = object.find(key);
+    if (it == object.end()) path.fail("missing required key");
+    return read(path, *it, Tag<T>{});
+}
+
+/// A member that is absent when missing or null, and read strictly otherwise.
+template <class T>
+std::optional<T> optional(JsonPath& path, const json& object, std::string_view key) {
+    const auto it = object.find(key);
+    if (it == object.end() || it->is_null()) return std::nullopt;
+    PathScope scope(path, key);
+    return read(path, *it, Tag<T>{});
+}
+
+/// Runs a reader at the root of a document and turns failures into errors.
+template <class T>
+Result<T, DecodingError> decodeRoot(const json& value) {
+    try {
+        JsonPath path;
+        return Ok<T>{read(path, value, Tag<T>{})};
+    } catch (DecodeFailure& failure) {
+        return Err<DecodingError>{std::move(failure.error)};
+    } catch (const std::exception& e) {
+        return Err<DecodingError>{DecodingError{"", e.what()}};
+    }
+}
+
+template <class T>
+Result<T, DecodingError> decodeText(std::string_view text) {
+    auto parsed = parseJson(text);
+    if (parsed.hasError()) return Err<DecodingError>{std::move(parsed).error()};
+    return decodeRoot<T>(parsed.value());
+}
+
+}  // namespace palomir::model

@@ -1,0 +1,119 @@
+#include <algorithm>
+#include <array>
+
+#include "palomir/model.hpp"
+
+namespace palomir {
+
+std::string_view toString(CheckinEvent event) {
+    switch (event) {
+        case CheckinEvent::launch: return "launch";
+        case CheckinEvent::foreground: return "foreground";
+    }
+    return "launch";
+}
+
+std::optional<CheckinEvent> checkinEventFromString(std::string_view text) {
+    if (text == "launch") return CheckinEvent::launch;
+    if (text == "foreground") return CheckinEvent::foreground;
+    return std::nullopt;
+}
+
+std::string_view toString(LockdownType type) {
+    switch (type) {
+        case LockdownType::hard: return "hard";
+        case LockdownType::soft: return "soft";
+    }
+    return "soft";
+}
+
+std::optional<LockdownType> lockdownTypeFromString(std::string_view text) {
+    if (text == "hard") return LockdownType::hard;
+    if (text == "soft") return LockdownType::soft;
+    return std::nullopt;
+}
+
+LockdownResult evaluate(const Lockdown& lockdown) {
+    if (!lockdown.active) return LockdownResult::open();
+    return LockdownResult::lockedDown(lockdown.type.value_or(LockdownType::soft));
+}
+
+namespace {
+
+// Severity, best first. Deliberately disabled and unknown rank below error.
+constexpr std::array<ServiceState, 5> sortOrder{ServiceState::ok, ServiceState::warning, ServiceState::error,
+                                                 ServiceState::disabled, ServiceState::unknown};
+
+std::size_t severity(ServiceState state) {
+    return static_cast<std::size_t>(std::find(sortOrder.begin(), sortOrder.end(), state) - sortOrder.begin());
+}
+
+}  // namespace
+
+std::string_view toString(ServiceState state) {
+    switch (state) {
+        case ServiceState::ok: return "ok";
+        case ServiceState::warning: return "warning";
+        case ServiceState::error: return "error";
+        case ServiceState::disabled: return "disabled";
+        case ServiceState::unknown: return "unknown";
+    }
+    return "unknown";
+}
+
+std::optional<ServiceState> serviceStateFromString(std::string_view text) {
+    for (ServiceState state : sortOrder)
+        if (toString(state) == text) return state;
+    return std::nullopt;
+}
+
+bool operator<(ServiceState a, ServiceState b) { return severity(a) < severity(b); }
+bool operator<=(ServiceState a, ServiceState b) { return severity(a) <= severity(b); }
+bool operator>(ServiceState a, ServiceState b) { return severity(a) > severity(b); }
+bool operator>=(ServiceState a, ServiceState b) { return severity(a) >= severity(b); }
+
+std::vector<Service> Configuration::messageServices() const {
+    std::vector<Service> out;
+    if (!services) return out;
+    std::copy_if(services->begin(), services->end(), std::back_inserter(out),
+                 [](const Service& service) { return service.triggersMessage; });
+    return out;
+}
+
+std::optional<Service> Configuration::worstService() const {
+    std::vector<Service> candidates = messageServices();
+    std::stable_sort(candidates.begin(), candidates.end(),
+                     [](const Service& a, const Service& b) { return a.state > b.state; });
+    if (candidates.empty()) return std::nullopt;
+    return candidates.front();
+}
+
+std::string Note::description() const {
+    // The unpaired closing quote is part of the log format that tools match.
+    std::string out = "\tNote\n\t\ttitle: " + title;
+    out += "\n\t\tsubtitle: " + subtitle.value_or("");
+    out += "\n\t\tcontent: " + content;
+    out += "\n\t\timage: " + (image ? image->absoluteString() : std::string());
+    out += '"';
+    return out;
+}
+
+Attachment Attachment::fromData(std::string filename, std::optional<std::string> contentType,
+                                std::vector<std::uint8_t> data) {
+    std::string type;
+    if (contentType) {
+        type = std::move(*contentType);
+    } else {
+        const auto dot = filename.rfind('.');
+        type = dot == std::string::npos || dot == 0 ? std::string() : mimeTypeForExtension(std::string_view(filename).substr(dot + 1));
+    }
+    return Attachment{std::move(filename), std::move(type), std::move(data)};
+}
+
+Attachment Attachment::fromText(std::string filename, std::optional<std::string> contentType, std::string_view text) {
+    return fromData(std::move(filename), std::move(contentType), std::vector<std::uint8_t>(text.begin(), text.end()));
+}
+
+AttachmentProvider::~AttachmentProvider() = default;
+
+}  // namespace palomir
