@@ -1,0 +1,5 @@
+# Backend access.
+list(APPEND PALOMIR_SOURCES
+  ${CMAKE_CURRENT_LIST_DIR}/oauth.cpp
+  ${CMAKE_CURRENT_LIST_DIR}/credentials.cpp
+)
