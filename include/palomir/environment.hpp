@@ -29,6 +29,8 @@ PALOMIR_API std::vector<std::string> preferredLanguages();
 PALOMIR_API LocaleInfo currentLocale();
 /// Lets a host (or the Qt module) supply the languages and locale itself.
 PALOMIR_API void setLocaleOverride(std::vector<std::string> languages, LocaleInfo locale);
+/// Goes back to reading the languages and locale from the environment.
+PALOMIR_API void clearLocaleOverride();
 
 struct DeviceInfo {
     std::string machine;    // uname machine, "x86_64"

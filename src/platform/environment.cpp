@@ -114,6 +114,12 @@ void setLocaleOverride(std::vector<std::string> languages, LocaleInfo locale) {
     gLocaleOverride = std::move(locale);
 }
 
+void clearLocaleOverride() {
+    std::lock_guard lock(gEnvironmentMutex);
+    gLanguagesOverride.reset();
+    gLocaleOverride.reset();
+}
+
 const DeviceInfo& deviceInfo() {
     static const DeviceInfo info = [] {
         DeviceInfo result;

@@ -1,0 +1,110 @@
+#include "palomir/bundle.hpp"
+
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <fstream>
+
+#include "palomir/environment.hpp"
+#include "palomir_build_info.hpp"
+
+using namespace palomir;
+namespace fs = std::filesystem;
+
+namespace {
+
+// A Palomir.bundle stand-in, removed again when the test ends.
+class ResourceDirectory : public ::testing::Test {
+protected:
+    void SetUp() override {
+        _directory = fs::temp_directory_path() / ("palomir-bundle-" + std::to_string(getpid()));
+        fs::remove_all(_directory);
+        fs::create_directories(_directory);
+    }
+    void TearDown() override {
+        Bundle::setPalomirResourceDirectory({});
+        clearLocaleOverride();
+        fs::remove_all(_directory);
+    }
+    void write(const std::string& name, const std::string& content) {
+        const auto path = _directory / name;
+        fs::create_directories(path.parent_path());
+        std::ofstream(path, std::ios::binary) << content;
+    }
+    fs::path _directory;
+};
+
+}  // namespace
+
+TEST(PalomirBundle, CarriesCompiledInInfo) {
+    const auto bundle = Bundle::palomir();
+    EXPECT_EQ(bundle.identifier(), "io.palomir.sdk");
+    EXPECT_EQ(bundle.string("CFBundleVersion"), PALOMIR_BUILD_NUMBER);
+    EXPECT_EQ(bundle.string("CFBundleShortVersionString"), PALOMIR_VERSION_STRING);
+    EXPECT_EQ(bundle.string("CFBundleDisplayName"), std::nullopt);
+}
+
+TEST(PalomirBundle, UsesCompiledInResourcesWithoutAnOverride) {
+    const auto bundle = Bundle::palomir();
+    EXPECT_EQ(bundle.resourceDirectory(), std::nullopt);  // no Palomir.bundle beside the test program
+    const auto text = bundle.resourceText("en.lproj/Localizable.json");
+    ASSERT_TRUE(text.has_value());
+    EXPECT_NE(text->find("\"Close\""), std::string::npos);
+    EXPECT_EQ(bundle.resourceFile("en.lproj/Localizable.json"), std::nullopt);
+    EXPECT_EQ(bundle.resourceData("no/such/resource.qml"), std::nullopt);
+}
+
+TEST_F(ResourceDirectory, OverrideDirectoryIsLookedInFirst) {
+    write("en.lproj/Localizable.json", R"({"PalomirCloseButtonTitle": "Shut"})");
+    write("layouts/Extra.qml", "Item {}");
+    Bundle::setPalomirResourceDirectory(_directory);
+    const auto bundle = Bundle::palomir();
+    EXPECT_EQ(bundle.resourceDirectory(), _directory);
+    EXPECT_EQ(bundle.resourceText("en.lproj/Localizable.json"), R"({"PalomirCloseButtonTitle": "Shut"})");
+    EXPECT_EQ(bundle.resourceFile("en.lproj/Localizable.json"), _directory / "en.lproj/Localizable.json");
+    EXPECT_EQ(bundle.resourceText("layouts/Extra.qml"), "Item {}");
+    // What the directory lacks still comes from the library.
+    ASSERT_TRUE(bundle.resourceText("de.lproj/Localizable.json").has_value());
+    EXPECT_NE(bundle.resourceText("de.lproj/Localizable.json")->find("Schließen"), std::string::npos);
+    // Names may not reach outside the directory.
+    write("../outside.txt", "x");
+    EXPECT_EQ(bundle.resourceText("../outside.txt"), std::nullopt);
+    fs::remove(_directory.parent_path() / "outside.txt");
+
+    Bundle::setPalomirResourceDirectory({});
+    EXPECT_EQ(Bundle::palomir().resourceText("layouts/Extra.qml"), std::nullopt);
+}
+
+TEST_F(ResourceDirectory, LocalizedStringsFollowThePreferredLanguages) {
+    const auto bundle = Bundle::palomir();
+    setLocaleOverride({"de-CH", "en"}, LocaleInfo{"de_CH", "de", "CH"});
+    EXPECT_EQ(bundle.localizedString("PalomirCloseButtonTitle"), "Schließen");
+    setLocaleOverride({"fr-FR"}, LocaleInfo{"fr_FR", "fr", "FR"});
+    EXPECT_EQ(bundle.localizedString("PalomirCloseButtonTitle"), "Close");
+    EXPECT_EQ(bundle.localizedString("NoSuchKey", "fallback"), "fallback");
+
+    // A table in the override directory wins for its keys only.
+    write("fr.lproj/Localizable.json", R"({"PalomirCloseButtonTitle": "Fermer"})");
+    write("de.lproj/Localizable.json", R"({"Other": "Anderes"})");
+    Bundle::setPalomirResourceDirectory(_directory);
+    EXPECT_EQ(Bundle::palomir().localizedString("PalomirCloseButtonTitle"), "Fermer");
+    setLocaleOverride({"de"}, LocaleInfo{"de", "de", std::nullopt});
+    EXPECT_EQ(Bundle::palomir().localizedString("PalomirCloseButtonTitle"), "Schließen");
+    EXPECT_EQ(Bundle::palomir().localizedString("Other"), "Anderes");
+
+    const Bundle bare(nlohmann::json::object(), std::nullopt);
+    EXPECT_EQ(bare.localizedString("PalomirCloseButtonTitle", "Close?"), "Close?");
+}
+
+TEST(MainBundle, DefaultsToTheExecutableNameAndCanBeReplaced) {
+    ASSERT_FALSE(Bundle::hasCustomMain());
+    const auto fallback = Bundle::main();
+    EXPECT_EQ(fallback.identifier(), "tests_platform");
+    EXPECT_EQ(fallback.string("CFBundleVersion"), std::nullopt);
+
+    Bundle::setMain(Bundle(nlohmann::json{{"CFBundleIdentifier", "com.example.host"}, {"CFBundleVersion", 12}},
+                           std::nullopt));
+    EXPECT_TRUE(Bundle::hasCustomMain());
+    EXPECT_EQ(Bundle::main().identifier(), "com.example.host");
+    EXPECT_EQ(Bundle::main().string("CFBundleVersion"), std::nullopt);  // a number is not text
+}
