@@ -1,0 +1,161 @@
+#include <httplib.h>
+#include <openssl/ssl.h>
+#include <strings.h>
+
+#include <stdexcept>
+
+#include "palomir_test/tls.hpp"
+
+namespace palomir_test {
+
+struct TlsTestServer::State {
+    std::mutex mutex;
+    CertificateChain chain;
+    Handler handler;
+    std::vector<RecordedRequest> requests;
+    std::atomic<std::size_t> handshakes{0};
+    bool keepAlive = true;
+
+    std::unique_ptr<httplib::SSLServer> server;
+    std::thread thread;
+};
+
+namespace {
+
+using State = TlsTestServer::State;
+
+// Chosen per handshake, so that a new chain applies to the next connection.
+int presentChain(SSL* ssl, void* argument) {
+    auto* state = static_cast<State*>(argument);
+    CertificateChain chain;
+    {
+        std::lock_guard lock(state->mutex);
+        chain = state->chain;
+    }
+    if (chain.empty() || !chain.front().key()) return 0;
+    if (SSL_use_certificate(ssl, chain.front().x509()) != 1) return 0;
+    if (SSL_use_PrivateKey(ssl, chain.front().key()) != 1) return 0;
+    SSL_clear_chain_certs(ssl);
+    for (std::size_t i = 1; i < chain.size(); ++i)
+        if (SSL_add1_chain_cert(ssl, chain[i].x509()) != 1) return 0;
+    return 1;
+}
+
+void countHandshakes(const SSL* ssl, int where, int) {
+    if (!(where & SSL_CB_HANDSHAKE_DONE)) return;
+    auto* state = static_cast<State*>(SSL_CTX_get_app_data(SSL_get_SSL_CTX(ssl)));
+    if (state) ++state->handshakes;
+}
+
+bool isServerNote(const std::string& name) {
+    for (const char* note : {"REMOTE_ADDR", "REMOTE_PORT", "LOCAL_ADDR", "LOCAL_PORT"})
+        if (strcasecmp(name.c_str(), note) == 0) return true;
+    return false;
+}
+
+}  // namespace
+
+TlsTestServer::TlsTestServer(Options options) : _state(std::make_shared<State>()) {
+    _state->chain = std::move(options.chain);
+    _state->handler = std::move(options.handler);
+    _state->keepAlive = options.keepAlive;
+    start();
+}
+
+TlsTestServer::~TlsTestServer() { stop(); }
+
+void TlsTestServer::start() {
+    State* state = _state.get();
+    state->server = std::make_unique<httplib::SSLServer>([state](SSL_CTX& context) {
+        SSL_CTX_set_app_data(&context, state);
+        SSL_CTX_set_cert_cb(&context, presentChain, state);
+        SSL_CTX_set_info_callback(&context, countHandshakes);
+        return true;
+    });
+    auto route = [state](const httplib::Request& request, httplib::Response& response) {
+        RecordedRequest recorded;
+        recorded.method = request.method;
+        recorded.path = request.target.empty() ? request.path : request.target;
+        for (const auto& [name, value] : request.headers)
+            if (!isServerNote(name)) recorded.headers.emplace_back(name, value);
+        recorded.body = request.body;
+        recorded.remotePort = request.remote_port;
+        Handler handler;
+        {
+            std::lock_guard lock(state->mutex);
+            state->requests.push_back(recorded);
+            handler = state->handler;
+        }
+        TestResponse answer;
+        answer.body = "ok";
+        if (handler) answer = handler(recorded);
+        response.status = answer.status;
+        for (const auto& [name, value] : answer.headers) response.set_header(name, value);
+        if (answer.chunkedBytes) {
+            const std::size_t total = *answer.chunkedBytes;
+            response.set_chunked_content_provider(answer.contentType, [total](std::size_t offset, httplib::DataSink& sink) {
+                if (offset >= total) {
+                    sink.done();
+                    return true;
+                }
+                const std::string chunk(std::min<std::size_t>(64 * 1024, total - offset), 'x');
+                return sink.write(chunk.data(), chunk.size());
+            });
+        } else if (!answer.body.empty()) {
+            response.set_content(answer.body, answer.contentType);
+        }
+    };
+    const std::string everything = ".*";
+    state->server->Get(everything, route);
+    state->server->Post(everything, route);
+    state->server->Put(everything, route);
+    state->server->Patch(everything, route);
+    state->server->Delete(everything, route);
+    state->server->Options(everything, route);
+    if (!state->keepAlive) state->server->set_keep_alive_max_count(1);
+    if (!state->server->is_valid()) throw std::runtime_error("test server: TLS set-up failed");
+
+    if (_port == 0) {
+        _port = state->server->bind_to_any_port("127.0.0.1");
+        if (_port <= 0) throw std::runtime_error("test server: cannot bind");
+    } else if (!state->server->bind_to_port("127.0.0.1", _port)) {
+        throw std::runtime_error("test server: cannot bind to port " + std::to_string(_port) + " again");
+    }
+    httplib::SSLServer* server = state->server.get();
+    state->thread = std::thread([server] { server->listen_after_bind(); });
+}
+
+void TlsTestServer::stop() {
+    if (!_state->server) return;
+    _state->server->stop();
+    if (_state->thread.joinable()) _state->thread.join();
+    _state->server.reset();
+}
+
+void TlsTestServer::restart() {
+    stop();
+    start();
+}
+
+std::string TlsTestServer::url(const std::string& path, const std::string& host) const {
+    return "https://" + host + ":" + std::to_string(_port) + path;
+}
+
+void TlsTestServer::setChain(CertificateChain chain) {
+    std::lock_guard lock(_state->mutex);
+    _state->chain = std::move(chain);
+}
+
+void TlsTestServer::setHandler(Handler handler) {
+    std::lock_guard lock(_state->mutex);
+    _state->handler = std::move(handler);
+}
+
+std::vector<RecordedRequest> TlsTestServer::requests() const {
+    std::lock_guard lock(_state->mutex);
+    return _state->requests;
+}
+
+std::size_t TlsTestServer::completedHandshakes() const { return _state->handshakes.load(); }
+
+}  // namespace palomir_test
