@@ -1,0 +1,99 @@
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <limits>
+
+#include "palomir/any_codable.hpp"
+
+namespace palomir {
+namespace {
+
+struct AnyDecodeCase {
+    const char* document;
+    AnyKind kind;
+};
+
+class AnyDecoding : public ::testing::TestWithParam<AnyDecodeCase> {};
+
+TEST_P(AnyDecoding, PicksTheFirstMatchingKind) {
+    const auto decoded = decodeJson<AnyDecodable>(GetParam().document);
+    ASSERT_TRUE(decoded.hasValue()) << GetParam().document;
+    EXPECT_EQ(decoded.value().kind(), GetParam().kind) << GetParam().document;
+}
+
+INSTANTIATE_TEST_SUITE_P(Table, AnyDecoding,
+                         ::testing::Values(AnyDecodeCase{"null", AnyKind::null},
+                                           AnyDecodeCase{"true", AnyKind::boolean},
+                                           AnyDecodeCase{"false", AnyKind::boolean},
+                                           AnyDecodeCase{"1", AnyKind::int64},
+                                           AnyDecodeCase{"-9223372036854775808", AnyKind::int64},
+                                           AnyDecodeCase{"9223372036854775807", AnyKind::int64},
+                                           AnyDecodeCase{"9223372036854775808", AnyKind::uint64},
+                                           AnyDecodeCase{"18446744073709551615", AnyKind::uint64},
+                                           AnyDecodeCase{"1.5", AnyKind::double_},
+                                           AnyDecodeCase{"1.0", AnyKind::double_},
+                                           AnyDecodeCase{"18446744073709551616", AnyKind::double_},
+                                           AnyDecodeCase{"\"2024-05-01T06:30:00.000Z\"", AnyKind::string},
+                                           AnyDecodeCase{"[]", AnyKind::list},
+                                           AnyDecodeCase{"{}", AnyKind::map}));
+
+TEST(AnyCodable, DecodesNestedValuesAndKeepsNullMembers) {
+    const auto decoded = decodeJson<AnyCodable>(R"({"a":[1,true,null,"x"],"b":null,"c":{"d":18446744073709551615}})");
+    ASSERT_TRUE(decoded.hasValue());
+    const auto expected = AnyCodable::map({
+        {"a", AnyCodable::list({AnyCodable::int64(1), AnyCodable::boolean(true), AnyCodable::null(), AnyCodable::string("x")})},
+        {"b", AnyCodable::null()},
+        {"c", AnyCodable::map({{"d", AnyCodable::uint64(18446744073709551615ull)}})},
+    });
+    EXPECT_EQ(decoded.value(), expected);
+    const auto encoded = encode(decoded.value());
+    ASSERT_TRUE(encoded.hasValue());
+    EXPECT_EQ(encoded.value().dump(), R"({"a":[1,true,null,"x"],"b":null,"c":{"d":18446744073709551615}})");
+}
+
+TEST(AnyCodable, EqualityNeedsTheSameKind) {
+    EXPECT_EQ(AnyCodable::int32(1), AnyCodable::int32(1));
+    EXPECT_NE(AnyCodable::int32(1), AnyCodable::int64(1));
+    EXPECT_NE(AnyCodable::boolean(true), AnyCodable::int64(1));
+    EXPECT_NE(AnyCodable::float_(1.0f), AnyCodable::double_(1.0));
+    EXPECT_NE(AnyCodable::list({AnyCodable::int8(1)}), AnyCodable::list({AnyCodable::int8(1), AnyCodable::int8(2)}));
+    EXPECT_NE(AnyCodable::map({{"a", AnyCodable::null()}}), AnyCodable::map({{"b", AnyCodable::null()}}));
+    EXPECT_EQ(AnyCodable::null(), AnyCodable::null());
+}
+
+TEST(AnyEncodable, WritesEveryKind) {
+    const auto url = Url::parse("https://example.com/a?b=c");
+    ASSERT_TRUE(url.has_value());
+    const auto value = AnyEncodable::list({
+        AnyEncodable::null(), AnyEncodable::boolean(false), AnyEncodable::int8(-8), AnyEncodable::int16(-16),
+        AnyEncodable::int32(-32), AnyEncodable::int64(-64), AnyEncodable::uint8(255), AnyEncodable::uint16(65535),
+        AnyEncodable::uint32(4294967295u), AnyEncodable::uint64(18446744073709551615ull), AnyEncodable::float_(0.1f),
+        AnyEncodable::double_(2.5), AnyEncodable::string("s"),
+        AnyEncodable::date(Date(std::chrono::milliseconds(1714545000000))), AnyEncodable::url(*url)});
+    const auto encoded = encode(value);
+    ASSERT_TRUE(encoded.hasValue());
+    EXPECT_EQ(encoded.value().dump(),
+              R"([null,false,-8,-16,-32,-64,255,65535,4294967295,18446744073709551615,0.1,2.5,"s",)"
+              R"("2024-05-01T06:30:00.000Z","https://example.com/a?b=c"])");
+}
+
+TEST(AnyEncodable, NonFiniteNumbersHaveNoJsonForm) {
+    const auto nested = AnyEncodable::map(
+        {{"metadata", AnyEncodable::list({AnyEncodable::int8(1), AnyEncodable::double_(std::nan(""))})}});
+    const auto result = encode(nested);
+    ASSERT_TRUE(result.hasError());
+    EXPECT_EQ(result.error().message(), "metadata[1]: AnyEncodable value cannot be encoded");
+    const auto infinite = encode(AnyEncodable::float_(std::numeric_limits<float>::infinity()));
+    ASSERT_TRUE(infinite.hasError());
+    EXPECT_EQ(infinite.error().reason, "AnyEncodable value cannot be encoded");
+}
+
+TEST(AnyDecodable, DiscardedValueCannotBeDecoded) {
+    const nlohmann::json discarded(nlohmann::json::value_t::discarded);
+    const auto result = decode<AnyDecodable>(discarded);
+    ASSERT_TRUE(result.hasError());
+    EXPECT_EQ(result.error().message(), ": AnyDecodable value cannot be decoded");
+}
+
+}  // namespace
+}  // namespace palomir
