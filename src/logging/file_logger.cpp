@@ -30,6 +30,10 @@ constexpr const char* kQueueLabel = "io.palomir.Palomir.FileLogger";
 // the process's memory without ever dropping a line.
 constexpr std::size_t kMaxPendingBytes = 8u << 20;
 
+// Pending text beyond this wakes the writer before its doze ends, which keeps
+// the buffers small enough to stay in cache.
+constexpr std::size_t kHurryBytes = 256u << 10;
+
 // Guards the open file, its path and the reported-error flag of every file logger.
 std::mutex gSessionLock;
 
@@ -111,6 +115,11 @@ namespace {
 // The one writer thread of all file loggers. A state is queued at most once
 // at a time; the writer takes its whole pending text in one swap and writes it
 // with as few system calls as the kernel allows.
+//
+// Waking a sleeping thread is a system call on the logging thread, so callers
+// avoid it: after a batch the writer only dozes for a short while and comes
+// back by itself, and only a writer that found nothing to do and fell asleep
+// for good is woken by the next line. Much pending text or a flush wakes it early.
 class FileQueue {
 public:
     static FileQueue& shared() {
@@ -126,10 +135,20 @@ public:
     void enqueue(std::shared_ptr<FileLogger::State> state) {
         std::lock_guard lock(_mutex);
         _ready.push_back(std::move(state));
-        if (_idle) _wake.notify_one();
+        if (_mode == Mode::asleep) _wake.notify_one();
+    }
+
+    // Asks for the pending text now rather than at the end of the doze.
+    void hurry() {
+        std::lock_guard lock(_mutex);
+        _hurry = true;
+        if (_mode != Mode::working) _wake.notify_one();
     }
 
 private:
+    enum class Mode { working, dozing, asleep };
+    static constexpr auto kDoze = std::chrono::milliseconds(2);
+
     FileQueue() { std::thread([this] { run(); }).detach(); }
 
     void run() {
@@ -137,13 +156,16 @@ private:
         std::unique_lock lock(_mutex);
         for (;;) {
             if (_ready.empty()) {
-                _busy = false;
+                _mode = Mode::asleep;
                 _done.notify_all();
-                _idle = true;
                 _wake.wait(lock, [this] { return !_ready.empty(); });
-                _idle = false;
             }
-            _busy = true;
+            if (!_hurry) {
+                _mode = Mode::dozing;
+                _wake.wait_for(lock, kDoze, [this] { return _hurry; });
+            }
+            _hurry = false;
+            _mode = Mode::working;
             batch.swap(_ready);
             lock.unlock();
             for (auto& state : batch) state->drain();
@@ -155,15 +177,17 @@ private:
     // Lines logged just before the process ends still reach their files.
     void drainBeforeExit() {
         std::unique_lock lock(_mutex);
-        _done.wait_for(lock, std::chrono::seconds(2), [this] { return _ready.empty() && !_busy; });
+        _hurry = true;
+        _wake.notify_one();
+        _done.wait_for(lock, std::chrono::seconds(2), [this] { return _ready.empty() && _mode == Mode::asleep; });
     }
 
     std::mutex _mutex;
     std::condition_variable _wake;
     std::condition_variable _done;
     std::vector<std::shared_ptr<FileLogger::State>> _ready;
-    bool _idle = false;
-    bool _busy = true;
+    Mode _mode = Mode::working;
+    bool _hurry = false;
 };
 
 }  // namespace
@@ -297,49 +321,67 @@ void FileLogger::log(const std::string& message, LogType type) {
         return;
     }
 
-    char stamp[kStampCapacity];
-    std::size_t stampLength = 0;
-    std::string text;
+    // The line is put together before the lock so that the lock covers one copy.
+    char small[512];
+    std::string large;
+    std::string_view text;
     if (_clock) {
-        stampLength = _clock->stamp(stamp);
+        const std::string_view label = logTypeLabel(type);
+        char stamp[kStampCapacity];
+        const std::size_t stampLength = _clock->stamp(stamp);
+        const std::size_t length = stampLength + label.size() + message.size() + 5;
+        char* out = small;
+        if (length > sizeof small) {
+            large.resize(length);
+            out = large.data();
+        }
+        char* at = out;
+        auto put = [&at](const char* data, std::size_t size) {
+            std::memcpy(at, data, size);
+            at += size;
+        };
+        put(stamp, stampLength);
+        put(" [", 2);
+        put(label.data(), label.size());
+        put("] ", 2);
+        put(message.data(), message.size());
+        *at++ = '\n';
+        text = std::string_view(out, length);
     } else if (_logFormatter) {
-        text = _logFormatter->format(message, type);
-        if (text.empty()) return;
+        large = _logFormatter->format(message, type);
+        if (large.empty()) return;
+        text = large;
+    } else {
+        text = message;
     }
 
-    bool wake = false;
+    bool wake = false, hurry = false;
     {
         std::unique_lock lock(state.mutex);
         if (state.pending.size() >= kMaxPendingBytes) {
             state.progressed.wait(lock, [&] { return state.pending.size() < kMaxPendingBytes; });
         }
         const std::size_t before = state.pending.size();
-        if (_clock) {
-            const std::string_view label = logTypeLabel(type);
-            state.pending.append(stamp, stampLength)
-                .append(" [")
-                .append(label)
-                .append("] ")
-                .append(message)
-                .push_back('\n');
-        } else if (_logFormatter) {
-            state.pending.append(text);
-        } else {
-            state.pending.append(message);
-        }
+        state.pending.append(text);
         state.appendedBytes += state.pending.size() - before;
         if (!state.queued) {
             state.queued = true;
             wake = true;
         }
+        hurry = before < kHurryBytes && state.pending.size() >= kHurryBytes;
     }
     if (wake) FileQueue::shared().enqueue(_state);
+    if (hurry) FileQueue::shared().hurry();
 }
 
 void FileLogger::flush() {
     State& state = *_state;
     std::unique_lock lock(state.mutex);
     const std::uint64_t target = state.appendedBytes;
+    if (state.writtenBytes >= target) return;
+    lock.unlock();
+    FileQueue::shared().hurry();
+    lock.lock();
     state.progressed.wait(lock, [&] { return state.writtenBytes >= target; });
 }
 
