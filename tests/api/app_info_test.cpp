@@ -1,0 +1,216 @@
+#include "palomir/app_info.hpp"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <limits>
+
+#include "api/app_info_internal.hpp"
+
+namespace palomir {
+namespace {
+
+Bundle bundle(nlohmann::json info) { return Bundle(std::move(info), std::nullopt); }
+
+nlohmann::json hostInfo() {
+    return {{"CFBundleIdentifier", "com.example.app"},
+            {"CFBundleDisplayName", "Example"},
+            {"CFBundleVersion", "42"},
+            {"CFBundleShortVersionString", "1.2"}};
+}
+
+const Bundle kSdk = Bundle(nlohmann::json{{"CFBundleIdentifier", "io.palomir.sdk"},
+                                          {"CFBundleVersion", "5"},
+                                          {"CFBundleShortVersionString", "0.1.0"}},
+                           std::nullopt);
+
+TEST(AppInfo, ReadsTheHostBundleAndSdkVersion) {
+    auto result = detail::makeAppInfo(bundle(hostInfo()), kSdk, {"de-CH", "en"});
+    ASSERT_TRUE(result.hasValue());
+    const AppInfo& info = result.value();
+    EXPECT_EQ(info.name, "Example");
+    EXPECT_EQ(info.bundleIdentifier, "com.example.app");
+    EXPECT_EQ(info.version, "1.2");
+    EXPECT_EQ(info.build, "42");
+    EXPECT_EQ(info.sdkVersion, "5");
+    EXPECT_EQ(info.preferredLanguages, (std::vector<std::string>{"de-CH", "en"}));
+    EXPECT_FALSE(info.metadata);
+}
+
+TEST(AppInfo, MakeUsesPalomirsOwnBundleAndTheUsersLanguages) {
+    auto result = AppInfo::make(bundle(hostInfo()));
+    ASSERT_TRUE(result.hasValue());
+    EXPECT_EQ(result.value().sdkVersion, Bundle::palomir().string("CFBundleVersion"));
+    EXPECT_EQ(result.value().preferredLanguages, preferredLanguages());
+}
+
+TEST(AppInfo, NonTextDisplayNameIsNoName) {
+    auto info = hostInfo();
+    info["CFBundleDisplayName"] = 3;
+    auto result = detail::makeAppInfo(bundle(info), kSdk, {});
+    ASSERT_TRUE(result.hasValue());
+    EXPECT_FALSE(result.value().name);
+}
+
+struct FailureCase {
+    std::string removeFromHost;
+    nlohmann::json replacement;  // null: removed
+    bool sdkWithoutVersion;
+    AppInfoError expected;
+    std::string text;
+};
+
+class AppInfoFailure : public ::testing::TestWithParam<FailureCase> {};
+
+TEST_P(AppInfoFailure, ReportsTheMissingPiece) {
+    const auto& c = GetParam();
+    auto info = hostInfo();
+    if (c.replacement.is_null()) info.erase(c.removeFromHost);
+    else info[c.removeFromHost] = c.replacement;
+    auto sdkInfo = kSdk.info();
+    if (c.sdkWithoutVersion) sdkInfo.erase("CFBundleVersion");
+
+    auto result = detail::makeAppInfo(bundle(info), bundle(sdkInfo), {});
+    ASSERT_TRUE(result.hasError());
+    EXPECT_EQ(result.error(), c.expected);
+    EXPECT_EQ(toString(result.error()), c.text);
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Cases, AppInfoFailure,
+    ::testing::Values(
+        FailureCase{"CFBundleIdentifier", nullptr, false, AppInfoError::missingBundleIdentifier, "missingBundleIdentifier"},
+        FailureCase{"CFBundleVersion", nullptr, false, AppInfoError::missingBundleVersion, "missingBundleVersion"},
+        FailureCase{"CFBundleShortVersionString", nullptr, false, AppInfoError::missingBundleVersion,
+                    "missingBundleVersion"},
+        FailureCase{"CFBundleVersion", 42, false, AppInfoError::missingBundleVersion, "missingBundleVersion"},
+        FailureCase{"CFBundleDisplayName", nullptr, true, AppInfoError::missingSDKBundleVersion,
+                    "missingSDKBundleVersion"}));
+
+TEST(AppInfoError, FrameworkCaseHasItsName) {
+    EXPECT_EQ(toString(AppInfoError::missingFrameworkBundle), "missingFrameworkBundle");
+}
+
+TEST(AppInfoJson, KeysInOrderAndAbsentNameLeftOut) {
+    auto info = hostInfo();
+    info.erase("CFBundleDisplayName");
+    auto made = detail::makeAppInfo(bundle(info), kSdk, {"en"});
+    ASSERT_TRUE(made.hasValue());
+    auto json = encode(made.value());
+    ASSERT_TRUE(json.hasValue());
+    EXPECT_EQ(json.value().dump(),
+              R"({"bundle_identifier":"com.example.app","version":"1.2","build":"42","sdk_version":"5",)"
+              R"("preferred_languages":["en"]})");
+}
+
+TEST(AppInfoJson, NameFirstAndMetadataLast) {
+    auto made = detail::makeAppInfo(bundle(hostInfo()), kSdk, {});
+    ASSERT_TRUE(made.hasValue());
+    AppInfo info = made.value();
+    info.metadata = std::map<std::string, AnyEncodable>{
+        {"plan", AnyEncodable::string("pro")},
+        {"seats", AnyEncodable::int32(3)},
+        {"tags", AnyEncodable::list({AnyEncodable::boolean(true), AnyEncodable::null()})}};
+    auto json = encode(info);
+    ASSERT_TRUE(json.hasValue());
+    EXPECT_EQ(json.value().dump(),
+              R"({"name":"Example","bundle_identifier":"com.example.app","version":"1.2","build":"42",)"
+              R"("sdk_version":"5","preferred_languages":[],"metadata":{"plan":"pro","seats":3,"tags":[true,null]}})");
+}
+
+TEST(AppInfoJson, MetadataWithoutJsonFormFailsWithItsPath) {
+    auto made = detail::makeAppInfo(bundle(hostInfo()), kSdk, {});
+    ASSERT_TRUE(made.hasValue());
+    AppInfo info = made.value();
+    info.metadata = std::map<std::string, AnyEncodable>{
+        {"ok", AnyEncodable::int64(1)},
+        {"bad", AnyEncodable::list({AnyEncodable::double_(std::numeric_limits<double>::quiet_NaN())})}};
+    auto json = encode(info);
+    ASSERT_TRUE(json.hasError());
+    EXPECT_EQ(json.error().message(), "metadata.bad[0]: AnyEncodable value cannot be encoded");
+}
+
+TEST(AppInfoDescription, RendersOptionalNameAndLanguageList) {
+    auto made = detail::makeAppInfo(bundle(hostInfo()), kSdk, {"de-CH", "en"});
+    ASSERT_TRUE(made.hasValue());
+    EXPECT_EQ(made.value().description(),
+              "\tAppInfo\n\t\tname: Optional(\"Example\")\n\t\tbundleIdentifier: com.example.app\n\t\tversion: 1.2"
+              "\n\t\tbuild: 42\n\t\tsdkVersion: 5\n\t\tpreferredLanguages: [\"de-CH\", \"en\"]");
+
+    AppInfo unnamed = made.value();
+    unnamed.name.reset();
+    unnamed.preferredLanguages.clear();
+    const std::string text = unnamed.description();
+    EXPECT_NE(text.find("\t\tname: nil\n"), std::string::npos) << text;
+    EXPECT_TRUE(text.ends_with("preferredLanguages: []")) << text;
+}
+
+TEST(AppInfoDescription, QuotesEscapeSpecialCharacters) {
+    EXPECT_EQ(detail::describeOptional(std::string("a\"b\\c\nd\x01")), "Optional(\"a\\\"b\\\\c\\nd\\u{1}\")");
+    EXPECT_EQ(detail::describeList({"x"}), "[\"x\"]");
+}
+
+struct UserAgentCase {
+    std::string name;
+    nlohmann::json mainInfo;
+    LocaleInfo locale;
+    std::vector<std::string> additional;
+    std::string expected;
+};
+
+class UserAgentText : public ::testing::TestWithParam<UserAgentCase> {};
+
+TEST_P(UserAgentText, Composes) {
+    const auto& c = GetParam();
+    const DeviceInfo device{"x86_64", "Linux", "6.1.0-18-amd64"};
+    EXPECT_EQ(detail::composeUserAgent(bundle(c.mainInfo), kSdk, device, c.locale, c.additional), c.expected);
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Cases, UserAgentText,
+    ::testing::Values(
+        UserAgentCase{"Plain", hostInfo(), {"de_CH", "de", "CH"}, {},
+                      "com.example.app/42/1.2 (x86_64; Unknown; Linux; 6.1.0-18-amd64; de; CH) io.palomir.sdk/5/0.1.0"},
+        UserAgentCase{"SubversionAndNumbers",
+                      {{"CFBundleIdentifier", "com.example.app"},
+                       {"CFBundleVersion", 42},
+                       {"CFBundleShortVersionString", "1.2"},
+                       {"EQBuildSubversion", 7}},
+                      {"en_US", "en", "US"}, {},
+                      "com.example.app/42/1.2/7 (x86_64; Unknown; Linux; 6.1.0-18-amd64; en; US) io.palomir.sdk/5/0.1.0"},
+        UserAgentCase{"EverythingMissing", nlohmann::json::object(), {"C", std::nullopt, std::nullopt}, {},
+                      "__/__/__ (x86_64; Unknown; Linux; 6.1.0-18-amd64; __; __) io.palomir.sdk/5/0.1.0"},
+        UserAgentCase{"NoRegion", hostInfo(), {"fr", "fr", std::nullopt}, {},
+                      "com.example.app/42/1.2 (x86_64; Unknown; Linux; 6.1.0-18-amd64; fr; __) io.palomir.sdk/5/0.1.0"},
+        UserAgentCase{"AdditionalFields", hostInfo(), {"fr_FR", "fr", "FR"}, {"Qt 6.4", "beta"},
+                      "com.example.app/42/1.2 (x86_64; Unknown; Linux; 6.1.0-18-amd64; fr; FR; Qt 6.4; beta) "
+                      "io.palomir.sdk/5/0.1.0"}),
+    [](const auto& info) { return info.param.name; });
+
+TEST(UserAgent, BaseHasExactlyTwoSlashesWithoutSubversion) {
+    const std::string agent = detail::composeUserAgent(bundle(hostInfo()), kSdk, DeviceInfo{"m", "o", "r"},
+                                                      LocaleInfo{"en", "en", std::nullopt}, {});
+    const std::string base = agent.substr(0, agent.find(" ("));
+    EXPECT_EQ(std::count(base.begin(), base.end(), '/'), 2) << base;
+    EXPECT_TRUE(agent.ends_with("; en; __) io.palomir.sdk/5/0.1.0")) << agent;
+}
+
+TEST(UserAgent, ComputedOnceFromTheProcessEnvironment) {
+    AppInfo::setAdditionalUserAgentFields({"first"});
+    const std::string agent = AppInfo::userAgent();
+    EXPECT_NE(agent.find("; Unknown; " + deviceInfo().osName + "; " + deviceInfo().osRelease + "; "),
+              std::string::npos) << agent;
+    EXPECT_NE(agent.find("; first) "), std::string::npos) << agent;
+    const Bundle sdk = Bundle::palomir();
+    EXPECT_TRUE(agent.ends_with(") " + sdk.identifier().value_or("__") + "/" +
+                                sdk.string("CFBundleVersion").value_or("__") + "/" +
+                                sdk.string("CFBundleShortVersionString").value_or("__")))
+        << agent;
+
+    AppInfo::setAdditionalUserAgentFields({"second"});
+    EXPECT_EQ(AppInfo::additionalUserAgentFields(), std::vector<std::string>{"second"});
+    EXPECT_EQ(AppInfo::userAgent(), agent);
+}
+
+}  // namespace
+}  // namespace palomir
