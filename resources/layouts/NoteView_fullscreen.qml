@@ -1,0 +1,103 @@
+import QtQuick
+import QtQuick.Layouts
+
+// One note as a whole page: picture, then title, subtitle and text.
+Item {
+    id: root
+    objectName: "noteView"
+    width: 390
+    height: 720
+
+    Rectangle {
+        id: backgroundView
+        objectName: "backgroundView"
+        anchors.fill: parent
+        color: "transparent"
+    }
+
+    Flickable {
+        id: scroller
+        anchors.fill: parent
+        contentWidth: width
+        contentHeight: Math.max(height, column.implicitHeight + 48)
+        flickableDirection: Flickable.VerticalFlick
+        clip: true
+
+        ColumnLayout {
+            id: column
+            x: 28
+            width: scroller.width - 56
+            y: Math.max(24, (scroller.height - implicitHeight) / 2)
+            spacing: 0
+
+            Image {
+                id: imageView
+                objectName: "imageView"
+                Layout.alignment: Qt.AlignHCenter
+                Layout.preferredWidth: Math.min(column.width, 300)
+                Layout.preferredHeight: 220
+                Layout.bottomMargin: 32
+                fillMode: Image.PreserveAspectFit
+                Accessible.role: Accessible.Graphic
+                Accessible.name: titleLabel.text
+            }
+
+            Item {
+                id: titleContainer
+                objectName: "titleContainer"
+                Layout.fillWidth: true
+                implicitHeight: (titleLabel.visible ? titleLabel.implicitHeight : 0) + 10
+                Text {
+                    id: titleLabel
+                    objectName: "titleLabel"
+                    width: parent.width
+                    font.pixelSize: 30
+                    font.weight: Font.Bold
+                    color: "#1C1C1E"
+                    wrapMode: Text.WordWrap
+                    horizontalAlignment: Text.AlignHCenter
+                    Accessible.role: Accessible.Heading
+                    Accessible.name: text
+                }
+            }
+
+            Item {
+                id: subtitleContainer
+                objectName: "subtitleContainer"
+                Layout.fillWidth: true
+                implicitHeight: (subtitleLabel.visible ? subtitleLabel.implicitHeight : 0) + 16
+                Text {
+                    id: subtitleLabel
+                    objectName: "subtitleLabel"
+                    width: parent.width
+                    font.pixelSize: 19
+                    font.weight: Font.DemiBold
+                    color: "#6C6C70"
+                    wrapMode: Text.WordWrap
+                    horizontalAlignment: Text.AlignHCenter
+                    Accessible.role: Accessible.StaticText
+                    Accessible.name: text
+                }
+            }
+
+            Item {
+                id: contentContainer
+                objectName: "contentContainer"
+                Layout.fillWidth: true
+                implicitHeight: contentLabel.visible ? contentLabel.implicitHeight : 0
+                Text {
+                    id: contentLabel
+                    objectName: "contentLabel"
+                    width: parent.width
+                    font.pixelSize: 17
+                    lineHeight: 1.3
+                    color: "#3A3A3C"
+                    wrapMode: Text.WordWrap
+                    horizontalAlignment: Text.AlignHCenter
+                    Accessible.role: Accessible.StaticText
+                    Accessible.name: text
+                }
+            }
+        }
+    }
+}
