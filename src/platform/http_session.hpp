@@ -76,8 +76,9 @@ enum class HttpCachePolicy {
 struct HttpSessionConfiguration {
     /// Names the network thread (for logs and debuggers).
     std::string label = "palomir.http";
-    /// Longest time without a byte moving in either direction, connection
-    /// set-up included.
+    /// Longest time without progress: connection set-up included, then
+    /// without a body byte moving either way or a complete header line
+    /// arriving.
     std::chrono::milliseconds idleTimeout{60'000};
     /// Longest time for a whole exchange; none: no limit beyond idleTimeout.
     std::optional<std::chrono::milliseconds> totalTimeout;

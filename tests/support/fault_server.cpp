@@ -75,15 +75,14 @@ void FaultServer::serve(int socket) {
         head.append(buffer, static_cast<std::size_t>(got));
     }
     const auto& response = _behaviour.response;
-    if (_behaviour.dripInterval.count() == 0) {
-        if (!_stopping && !response.empty()) send(socket, response.data(), response.size(), MSG_NOSIGNAL);
-    } else {
-        for (char byte : response) {
-            for (auto waited = std::chrono::milliseconds(0); waited < _behaviour.dripInterval && !_stopping;
-                 waited += std::chrono::milliseconds(slice))
-                std::this_thread::sleep_for(std::min(std::chrono::milliseconds(slice), _behaviour.dripInterval - waited));
-            if (_stopping || send(socket, &byte, 1, MSG_NOSIGNAL) != 1) break;
-        }
+    const std::size_t atOnce =
+        _behaviour.dripInterval.count() == 0 ? response.size() : std::min(_behaviour.sendAtOnce, response.size());
+    bool open = _stopping || atOnce == 0 || send(socket, response.data(), atOnce, MSG_NOSIGNAL) == static_cast<ssize_t>(atOnce);
+    for (std::size_t i = atOnce; open && i < response.size(); ++i) {
+        for (auto waited = std::chrono::milliseconds(0); waited < _behaviour.dripInterval && !_stopping;
+             waited += std::chrono::milliseconds(slice))
+            std::this_thread::sleep_for(std::min(std::chrono::milliseconds(slice), _behaviour.dripInterval - waited));
+        open = !_stopping && send(socket, &response[i], 1, MSG_NOSIGNAL) == 1;
     }
     while (_behaviour.holdOpen && !_stopping) std::this_thread::sleep_for(std::chrono::milliseconds(slice));
     ::close(socket);

@@ -172,6 +172,9 @@ public:
         std::chrono::milliseconds dripInterval{0};
         /// Keep the connection open after the response until the server stops.
         bool holdOpen = true;
+        /// How many bytes at the start of the response go out at once, before
+        /// the dripping starts (a complete head, say).
+        std::size_t sendAtOnce = 0;
     };
 
     explicit FaultServer(Behaviour behaviour);

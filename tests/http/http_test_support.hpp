@@ -1,0 +1,65 @@
+#pragma once
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <chrono>
+#include <future>
+#include <memory>
+#include <optional>
+#include <string>
+
+#include "palomir_test/tls.hpp"
+#include "platform/http_session.hpp"
+
+namespace palomir::testing {
+
+struct Outcome {
+    std::optional<HttpResponse> response;
+    std::optional<HttpError> error;
+    bool onSessionThread = false;
+    double seconds = 0;
+
+    std::string body() const { return response ? std::string(response->body.begin(), response->body.end()) : ""; }
+    std::string errorText() const { return error ? error->message : "(no error)"; }
+};
+
+/// Runs one task and waits for its completion (at most 30 s).
+inline Outcome perform(const std::shared_ptr<HttpSession>& session, HttpRequest request,
+                       std::shared_ptr<const std::vector<std::uint8_t>> upload = nullptr) {
+    auto promise = std::make_shared<std::promise<Outcome>>();
+    auto future = promise->get_future();
+    const auto start = std::chrono::steady_clock::now();
+    std::weak_ptr<HttpSession> weak = session;
+    HttpCompletion completion = [promise, weak, start](std::optional<HttpResponse> response,
+                                                      std::optional<HttpError> error) {
+        Outcome outcome;
+        outcome.response = std::move(response);
+        outcome.error = std::move(error);
+        const auto alive = weak.lock();
+        outcome.onSessionThread = alive && alive->isCurrent();
+        outcome.seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+        promise->set_value(std::move(outcome));
+    };
+    if (upload)
+        session->uploadTask(std::move(request), std::move(upload), std::move(completion));
+    else
+        session->dataTask(std::move(request), std::move(completion));
+    if (future.wait_for(std::chrono::seconds(30)) != std::future_status::ready) {
+        ADD_FAILURE() << "no completion within 30 s";
+        return {};
+    }
+    return future.get();
+}
+
+inline HttpRequest get(std::string url) {
+    HttpRequest request;
+    request.url = std::move(url);
+    return request;
+}
+
+inline std::shared_ptr<const std::vector<std::uint8_t>> bytesOf(const std::string& text) {
+    return std::make_shared<const std::vector<std::uint8_t>>(text.begin(), text.end());
+}
+
+}  // namespace palomir::testing

@@ -1,0 +1,212 @@
+#include <gtest/gtest.h>
+
+#include <functional>
+#include <map>
+
+#include "http_test_support.hpp"
+#include "platform/pinning.hpp"
+
+namespace palomir::testing {
+namespace {
+
+using palomir_test::CertificateChain;
+using palomir_test::CertificateFactory;
+using palomir_test::TestPki;
+using palomir_test::TlsTestServer;
+
+// Trusted: the roots of A and B. Not trusted: U.
+struct World {
+    TestPki a = TestPki::make("A");
+    TestPki b = TestPki::make("B");
+    TestPki u = TestPki::make("U");
+    palomir_test::TempDir dir;
+    std::filesystem::path anchors = dir / "anchors.pem";
+
+    World() { palomir_test::writePem(anchors, {a.root, b.root}); }
+};
+
+using Pins = std::map<std::string, std::vector<std::uint8_t>>;
+
+struct PinCase {
+    std::string name;
+    std::function<CertificateChain(const World&)> chain;
+    std::function<Pins(const World&)> pins;
+    std::string host = "localhost";
+    /// Empty: the exchange succeeds.
+    std::string refusal = "";
+    std::function<std::vector<std::filesystem::path>(const World&)> anchors = [](const World& w) {
+        return std::vector<std::filesystem::path>{w.anchors};
+    };
+};
+
+std::ostream& operator<<(std::ostream& out, const PinCase& c) { return out << c.name; }
+
+const std::string noPin = "Certificate pinning refused localhost: no key is pinned for this host";
+const std::string noKeyInChain =
+    "Certificate pinning refused localhost: no certificate of the verified chain carries the pinned key";
+
+class PinningTest : public ::testing::TestWithParam<PinCase> {};
+
+TEST_P(PinningTest, AcceptsOnlyAVerifiedChainHoldingThePinnedKey) {
+    const PinCase& c = GetParam();
+    World world;
+    TlsTestServer server({c.chain(world), {}, true});
+
+    HttpSessionConfiguration configuration;
+    configuration.trustAnchors = c.anchors(world);
+    configuration.pins = std::make_shared<const PinSet>(c.pins(world));
+    auto session = HttpSession::make(configuration);
+
+    const Outcome outcome = perform(session, get(server.url("/probe", c.host)));
+    if (c.refusal.empty()) {
+        ASSERT_TRUE(outcome.response) << outcome.errorText();
+        EXPECT_EQ(outcome.response->status, 200);
+        EXPECT_EQ(outcome.body(), "ok");
+        ASSERT_EQ(server.requests().size(), 1u);
+        EXPECT_EQ(server.requests()[0].path, "/probe");
+    } else {
+        ASSERT_TRUE(outcome.error) << "accepted, status " << outcome.response->status;
+        EXPECT_EQ(outcome.error->kind, HttpError::Kind::refusedTls);
+        EXPECT_EQ(outcome.error->message, c.refusal);
+        // The handshake never completed, so not one request byte was sent.
+        EXPECT_TRUE(server.requests().empty());
+        EXPECT_EQ(server.completedHandshakes(), 0u);
+    }
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Chains, PinningTest,
+    ::testing::Values(
+        PinCase{"LeafPinned", [](const World& w) { return w.a.chain(); },
+                [](const World& w) { return Pins{{"localhost", w.a.leaf.der()}}; }},
+        PinCase{"IntermediatePinnedLeafDiffers", [](const World& w) { return w.a.chain(); },
+                [](const World& w) { return Pins{{"localhost", w.a.intermediate.der()}}; }},
+        PinCase{"RootPinnedNotSentByServer", [](const World& w) { return w.a.chain(); },
+                [](const World& w) { return Pins{{"localhost", w.a.root.der()}}; }},
+        PinCase{"IpLiteralWithoutSni", [](const World& w) { return w.a.chain(); },
+                [](const World& w) { return Pins{{"127.0.0.1", w.a.intermediate.der()}}; }, "127.0.0.1"},
+        PinCase{"WrongKey", [](const World& w) { return w.a.chain(); },
+                [](const World& w) { return Pins{{"localhost", w.b.leaf.der()}}; }, "localhost", noKeyInChain},
+        PinCase{"NoPinForHost", [](const World& w) { return w.a.chain(); },
+                [](const World& w) { return Pins{{"api.example", w.a.leaf.der()}}; }, "localhost", noPin},
+        PinCase{"HostInAnotherCase", [](const World& w) { return w.a.chain(); },
+                [](const World& w) { return Pins{{"localhost", w.a.leaf.der()}}; }, "LOCALHOST",
+                "Certificate pinning refused LOCALHOST: no key is pinned for this host"},
+        PinCase{"EmptyPinSet", [](const World& w) { return w.a.chain(); }, [](const World&) { return Pins{}; },
+                "localhost", noPin},
+        PinCase{"UnreadablePinnedCertificate", [](const World& w) { return w.a.chain(); },
+                [](const World&) { return Pins{{"localhost", {0x30, 0x82, 0x01, 0x00, 0xde, 0xad}}}; }, "localhost",
+                noPin},
+        PinCase{"UntrustedChainHoldingThePinnedKey", [](const World& w) { return w.u.chain(); },
+                [](const World& w) { return Pins{{"localhost", w.u.leaf.der()}}; }, "localhost",
+                "SSL certificate problem: unable to get local issuer certificate"},
+        PinCase{"PinnedCertificateAppendedToAnotherCasValidChain",
+                [](const World& w) { return CertificateChain{w.b.leaf, w.b.intermediate, w.a.intermediate}; },
+                [](const World& w) { return Pins{{"localhost", w.a.intermediate.der()}}; }, "localhost",
+                noKeyInChain},
+        PinCase{"RightKeyWrongHostName",
+                [](const World& w) {
+                    palomir_test::LeafOptions other;
+                    other.commonName = "other.example";
+                    other.dnsNames = {"other.example"};
+                    other.ipAddresses = {};
+                    return CertificateChain{CertificateFactory::makeLeaf(w.a.intermediate, other), w.a.intermediate};
+                },
+                [](const World& w) { return Pins{{"localhost", w.a.intermediate.der()}}; }, "localhost",
+                "SSL certificate problem: hostname mismatch"},
+        PinCase{"ExpiredLeaf",
+                [](const World& w) {
+                    palomir_test::LeafOptions expired;
+                    expired.expired = true;
+                    return CertificateChain{CertificateFactory::makeLeaf(w.a.intermediate, expired), w.a.intermediate};
+                },
+                [](const World& w) { return Pins{{"localhost", w.a.intermediate.der()}}; }, "localhost",
+                "SSL certificate problem: certificate has expired"},
+        // A pinned intermediate in the trust store is no trust anchor on its own.
+        PinCase{"TrustedIntermediateWithoutItsRoot", [](const World& w) { return w.a.chain(); },
+                [](const World& w) { return Pins{{"localhost", w.a.intermediate.der()}}; }, "localhost",
+                "SSL certificate problem: unable to get issuer certificate",
+                [](const World& w) {
+                    w.a.intermediate.writePem(w.dir / "intermediate.pem");
+                    return std::vector<std::filesystem::path>{w.dir / "intermediate.pem"};
+                }}),
+    [](const auto& info) { return info.param.name; });
+
+TEST(PinningSession, RogueChainOnALaterConnectionIsRefused) {
+    World world;
+    // One request per connection, so the second request needs a new one.
+    TlsTestServer server({world.a.chain(), {}, false});
+    HttpSessionConfiguration configuration;
+    configuration.trustAnchors = {world.anchors};
+    configuration.pins = std::make_shared<const PinSet>(Pins{{"localhost", world.a.intermediate.der()}});
+    auto session = HttpSession::make(configuration);
+
+    const Outcome first = perform(session, get(server.url("/first")));
+    ASSERT_TRUE(first.response) << first.errorText();
+    EXPECT_EQ(first.response->status, 200);
+
+    // Trusted, but not pinned: only a fresh verification can tell.
+    server.setChain(world.b.chain());
+    const Outcome second = perform(session, get(server.url("/second")));
+    ASSERT_TRUE(second.error) << "the rogue chain was accepted";
+    EXPECT_EQ(second.error->message, noKeyInChain);
+    ASSERT_EQ(server.requests().size(), 1u);
+    EXPECT_EQ(server.requests()[0].path, "/first");
+}
+
+TEST(PinningSession, RestartedServerWithRogueChainIsRefused) {
+    World world;
+    TlsTestServer server({world.a.chain(), {}, true});
+    HttpSessionConfiguration configuration;
+    configuration.trustAnchors = {world.anchors};
+    configuration.pins = std::make_shared<const PinSet>(Pins{{"localhost", world.a.leaf.der()}});
+    auto session = HttpSession::make(configuration);
+
+    ASSERT_TRUE(perform(session, get(server.url("/first"))).response);
+    server.setChain(world.b.chain());
+    server.restart();
+    const Outcome second = perform(session, get(server.url("/second")));
+    ASSERT_TRUE(second.error) << "the rogue chain was accepted";
+    EXPECT_EQ(second.error->message, noKeyInChain);
+    EXPECT_EQ(server.requests().size(), 1u);
+}
+
+TEST(UnpinnedSession, VerifiesTheChainAndTheName) {
+    World world;
+    TlsTestServer trusted({world.a.chain(), {}, true});
+    TlsTestServer untrusted({world.u.chain(), {}, true});
+    HttpSessionConfiguration configuration;
+    configuration.trustAnchors = {world.anchors};
+    auto session = HttpSession::make(configuration);
+
+    const Outcome good = perform(session, get(trusted.url("/")));
+    ASSERT_TRUE(good.response) << good.errorText();
+    EXPECT_EQ(good.response->status, 200);
+
+    const Outcome bad = perform(session, get(untrusted.url("/")));
+    ASSERT_TRUE(bad.error);
+    EXPECT_EQ(bad.error->kind, HttpError::Kind::refusedTls);
+    EXPECT_EQ(bad.error->message, "SSL certificate problem: unable to get local issuer certificate");
+    EXPECT_TRUE(untrusted.requests().empty());
+}
+
+TEST(UnpinnedSession, SystemAnchorsAloneDoNotTrustATestCa) {
+    World world;
+    TlsTestServer server({world.a.chain(), {}, true});
+    auto session = HttpSession::make({});
+    const Outcome outcome = perform(session, get(server.url("/")));
+    ASSERT_TRUE(outcome.error);
+    EXPECT_EQ(outcome.error->message, "SSL certificate problem: unable to get local issuer certificate");
+}
+
+TEST(PinSet, SkipsCertificatesThatCannotBeRead) {
+    World world;
+    const PinSet pins(Pins{{"good", world.a.leaf.der()}, {"empty", {}}, {"garbage", {1, 2, 3}}});
+    EXPECT_EQ(pins.size(), 1u);
+    EXPECT_TRUE(pins.hasPin("good"));
+    EXPECT_FALSE(pins.hasPin("garbage"));
+    EXPECT_FALSE(pins.hasPin("Good"));
+}
+
+}  // namespace
+}  // namespace palomir::testing

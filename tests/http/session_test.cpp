@@ -1,0 +1,329 @@
+#include <gtest/gtest.h>
+
+#include <thread>
+
+#include "http_test_support.hpp"
+
+namespace palomir::testing {
+namespace {
+
+using palomir_test::FaultServer;
+using palomir_test::RecordedRequest;
+using palomir_test::TestPki;
+using palomir_test::TestResponse;
+using palomir_test::TlsTestServer;
+
+class SessionTest : public ::testing::Test {
+protected:
+    TestPki pki = TestPki::make("Session");
+    palomir_test::TempDir dir;
+
+    void SetUp() override { pki.root.writePem(dir / "root.pem"); }
+
+    HttpSessionConfiguration trusting() const {
+        HttpSessionConfiguration configuration;
+        configuration.trustAnchors = {dir / "root.pem"};
+        return configuration;
+    }
+
+    std::unique_ptr<TlsTestServer> serve(TlsTestServer::Handler handler = {}) {
+        return std::make_unique<TlsTestServer>(TlsTestServer::Options{pki.chain(), std::move(handler), true});
+    }
+};
+
+TEST_F(SessionTest, SendsMethodHeadersAndBodyAndReturnsTheResponse) {
+    auto server = serve([](const RecordedRequest&) {
+        TestResponse response;
+        response.status = 201;
+        response.headers = {{"Cache-Control", "public, max-age=300"}, {"X-Echo", "1"}};
+        response.body = R"({"done":true})";
+        response.contentType = "application/json";
+        return response;
+    });
+    auto session = HttpSession::make(trusting());
+    HttpRequest request = get(server->url("/api/feedback?x=1"));
+    request.method = "POST";
+    request.headers = {{"Content-Type", "application/json"}, {"X-Twice", "a"}, {"x-twice", "b"}};
+    request.body = bytesOf(R"({"a":1})");
+
+    const Outcome outcome = perform(session, request);
+    ASSERT_TRUE(outcome.response) << outcome.errorText();
+    EXPECT_EQ(outcome.response->status, 201);
+    EXPECT_EQ(outcome.body(), R"({"done":true})");
+    EXPECT_EQ(outcome.response->header("cache-control"), "public, max-age=300");
+    EXPECT_EQ(outcome.response->header("CONTENT-TYPE"), "application/json");
+    EXPECT_EQ(outcome.response->header("X-Missing"), std::nullopt);
+
+    ASSERT_EQ(server->requests().size(), 1u);
+    const RecordedRequest seen = server->requests().at(0);
+    EXPECT_EQ(seen.method, "POST");
+    EXPECT_EQ(seen.path, "/api/feedback?x=1");
+    EXPECT_EQ(seen.body, R"({"a":1})");
+    EXPECT_EQ(seen.headerValues("X-Twice"), std::vector<std::string>{"a, b"});
+    EXPECT_EQ(seen.headerValues("Content-Type"), std::vector<std::string>{"application/json"});
+    // Nothing the caller did not ask for.
+    EXPECT_TRUE(seen.headerValues("Accept").empty());
+    EXPECT_TRUE(seen.headerValues("Expect").empty());
+}
+
+TEST_F(SessionTest, MethodsWithoutBody) {
+    auto server = serve();
+    auto session = HttpSession::make(trusting());
+    for (const std::string method : {"GET", "DELETE", "PUT"}) {
+        HttpRequest request = get(server->url("/m"));
+        request.method = method;
+        const Outcome outcome = perform(session, request);
+        ASSERT_TRUE(outcome.response) << method << ": " << outcome.errorText();
+    }
+    const auto seen = server->requests();
+    ASSERT_EQ(seen.size(), 3u);
+    EXPECT_EQ(seen[0].method, "GET");
+    EXPECT_EQ(seen[1].method, "DELETE");
+    EXPECT_EQ(seen[2].method, "PUT");
+    EXPECT_EQ(seen[2].headerValues("Content-Length"), std::vector<std::string>{"0"});
+}
+
+TEST_F(SessionTest, UploadTaskStreamsTheSharedBytesAsAPut) {
+    auto server = serve();
+    auto session = HttpSession::make(trusting());
+    auto bytes = std::make_shared<std::vector<std::uint8_t>>(3 * 1024 * 1024 + 7);
+    for (std::size_t i = 0; i < bytes->size(); ++i) (*bytes)[i] = static_cast<std::uint8_t>(i * 31);
+    HttpRequest request = get(server->url("/upload/blob"));
+    request.method = "";
+    request.headers = {{"Content-Type", "image/png"}, {"Content-MD5", "abc=="}};
+
+    const Outcome outcome = perform(session, request, bytes);
+    ASSERT_TRUE(outcome.response) << outcome.errorText();
+    EXPECT_EQ(outcome.response->status, 200);
+    ASSERT_EQ(server->requests().size(), 1u);
+    const RecordedRequest seen = server->requests().at(0);
+    EXPECT_EQ(seen.method, "PUT");
+    EXPECT_EQ(seen.headerValues("Content-Length"), std::vector<std::string>{std::to_string(bytes->size())});
+    EXPECT_EQ(seen.headerValues("Content-MD5"), std::vector<std::string>{"abc=="});
+    EXPECT_TRUE(seen.headerValues("Expect").empty());
+    EXPECT_TRUE(seen.body == std::string(bytes->begin(), bytes->end()));
+}
+
+TEST_F(SessionTest, RedirectIsNotFollowed) {
+    auto server = serve([](const RecordedRequest&) {
+        TestResponse response;
+        response.status = 302;
+        response.headers = {{"Location", "/elsewhere"}};
+        return response;
+    });
+    auto session = HttpSession::make(trusting());
+    const Outcome outcome = perform(session, get(server->url("/start")));
+    ASSERT_TRUE(outcome.response) << outcome.errorText();
+    EXPECT_EQ(outcome.response->status, 302);
+    EXPECT_EQ(outcome.response->header("Location"), "/elsewhere");
+    EXPECT_EQ(server->requests().size(), 1u);
+}
+
+TEST_F(SessionTest, ConnectionIsReusedWithinTheSession) {
+    auto server = serve();
+    auto session = HttpSession::make(trusting());
+    ASSERT_TRUE(perform(session, get(server->url("/1"))).response);
+    ASSERT_TRUE(perform(session, get(server->url("/2"))).response);
+    const auto seen = server->requests();
+    ASSERT_EQ(seen.size(), 2u);
+    EXPECT_EQ(seen[0].remotePort, seen[1].remotePort);
+    EXPECT_EQ(server->completedHandshakes(), 1u);
+}
+
+TEST_F(SessionTest, CachePolicyThatReloadsAsksCachesForAFreshAnswer) {
+    auto server = serve();
+    HttpSessionConfiguration configuration = trusting();
+    configuration.cachePolicy = HttpCachePolicy::reloadIgnoringLocalAndRemoteCacheData;
+    auto session = HttpSession::make(configuration);
+    ASSERT_TRUE(perform(session, get(server->url("/"))).response);
+    const RecordedRequest seen = server->requests().at(0);
+    EXPECT_EQ(seen.headerValues("Cache-Control"), std::vector<std::string>{"no-cache"});
+    EXPECT_EQ(seen.headerValues("Pragma"), std::vector<std::string>{"no-cache"});
+}
+
+struct SizeCase {
+    std::string name;
+    std::size_t bytes;
+    bool chunked;
+    bool accepted;
+};
+
+class BodySizeTest : public SessionTest, public ::testing::WithParamInterface<SizeCase> {};
+
+TEST_P(BodySizeTest, BodiesOverTheLimitAreRefused) {
+    const SizeCase c = GetParam();
+    auto server = serve([c](const RecordedRequest&) {
+        TestResponse response;
+        if (c.chunked)
+            response.chunkedBytes = c.bytes;
+        else
+            response.body.assign(c.bytes, 'x');
+        return response;
+    });
+    HttpSessionConfiguration configuration = trusting();
+    configuration.maxBodySize = 100'000;
+    auto session = HttpSession::make(configuration);
+    const Outcome outcome = perform(session, get(server->url("/big")));
+    if (c.accepted) {
+        ASSERT_TRUE(outcome.response) << outcome.errorText();
+        EXPECT_EQ(outcome.response->body.size(), c.bytes);
+    } else {
+        ASSERT_TRUE(outcome.error);
+        EXPECT_EQ(outcome.error->kind, HttpError::Kind::tooLarge);
+        EXPECT_EQ(outcome.error->message, "The response body is larger than 100000 bytes");
+    }
+}
+
+INSTANTIATE_TEST_SUITE_P(Limits, BodySizeTest,
+                         ::testing::Values(SizeCase{"AtTheLimit", 100'000, false, true},
+                                           SizeCase{"OneOverWithLength", 100'001, false, false},
+                                           SizeCase{"ChunkedAtTheLimit", 100'000, true, true},
+                                           SizeCase{"ChunkedOver", 300'000, true, false}),
+                         [](const auto& info) { return info.param.name; });
+
+TEST_F(SessionTest, DefaultLimitIsTenMegabytes) {
+    auto server = serve([](const RecordedRequest&) {
+        TestResponse response;
+        response.chunkedBytes = 10 * 1024 * 1024 + 1;
+        return response;
+    });
+    auto session = HttpSession::make(trusting());
+    const Outcome outcome = perform(session, get(server->url("/huge")));
+    ASSERT_TRUE(outcome.error);
+    EXPECT_EQ(outcome.error->message, "The response body is larger than 10485760 bytes");
+}
+
+TEST(SessionTimeouts, IdleLimitEndsAStalledExchange) {
+    FaultServer server({"", std::chrono::milliseconds(0), true});
+    HttpSessionConfiguration configuration;
+    configuration.idleTimeout = std::chrono::seconds(1);
+    configuration.totalTimeout = std::chrono::seconds(5);
+    auto session = HttpSession::make(configuration);
+    const Outcome outcome = perform(session, get(server.url("/checkin")));
+    ASSERT_TRUE(outcome.error);
+    EXPECT_EQ(outcome.error->kind, HttpError::Kind::timedOut);
+    EXPECT_EQ(outcome.error->message, "The request timed out: no data for 1000 ms");
+    EXPECT_GE(outcome.seconds, 0.9);
+    EXPECT_LT(outcome.seconds, 4.0);
+}
+
+TEST(SessionTimeouts, RequestMayShortenTheIdleLimit) {
+    FaultServer server({"", std::chrono::milliseconds(0), true});
+    auto session = HttpSession::make({});
+    HttpRequest request = get(server.url("/"));
+    request.idleTimeout = std::chrono::milliseconds(300);
+    const Outcome outcome = perform(session, request);
+    ASSERT_TRUE(outcome.error);
+    EXPECT_EQ(outcome.error->message, "The request timed out: no data for 300 ms");
+    EXPECT_LT(outcome.seconds, 3.0);
+}
+
+TEST(SessionTimeouts, TotalLimitEndsAnExchangeThatKeepsDripping) {
+    // 100 body bytes at one per 200 ms would take 20 s; each byte resets the
+    // idle limit, so only the total limit can end it.
+    const std::string head = "HTTP/1.1 200 OK\r\nContent-Length: 100\r\n\r\n";
+    FaultServer server({head + std::string(100, 'x'), std::chrono::milliseconds(200), true, head.size()});
+    HttpSessionConfiguration configuration;
+    configuration.idleTimeout = std::chrono::seconds(1);
+    configuration.totalTimeout = std::chrono::seconds(3);
+    auto session = HttpSession::make(configuration);
+    const Outcome outcome = perform(session, get(server.url("/checkin")));
+    ASSERT_TRUE(outcome.error);
+    EXPECT_EQ(outcome.error->kind, HttpError::Kind::timedOut);
+    EXPECT_EQ(outcome.error->message, "The request timed out: not complete after 3000 ms");
+    EXPECT_GE(outcome.seconds, 2.9);
+    EXPECT_LT(outcome.seconds, 7.0);
+}
+
+TEST(SessionErrors, TransportFailuresAreReported) {
+    auto session = HttpSession::make({});
+    const Outcome invalid = perform(session, get("not a url"));
+    ASSERT_TRUE(invalid.error);
+    EXPECT_EQ(invalid.error->kind, HttpError::Kind::invalidRequest);
+    EXPECT_EQ(invalid.error->message, "Invalid URL: not a url");
+
+    const Outcome scheme = perform(session, get("ftp://127.0.0.1/file"));
+    ASSERT_TRUE(scheme.error);
+    EXPECT_EQ(scheme.error->message, "Unsupported URL scheme: ftp");
+
+    int port = 0;
+    {
+        FaultServer closed({"", std::chrono::milliseconds(0), false});
+        port = closed.port();
+    }
+    const Outcome refused = perform(session, get("http://127.0.0.1:" + std::to_string(port) + "/"));
+    ASSERT_TRUE(refused.error);
+    EXPECT_EQ(refused.error->kind, HttpError::Kind::transport);
+    EXPECT_EQ(refused.error->code, 7);  // could not connect
+    EXPECT_EQ(refused.error->message.rfind("Failed to connect to 127.0.0.1 port " + std::to_string(port), 0), 0u)
+        << refused.error->message;
+}
+
+TEST(SessionCompletions, EveryPathCompletesExactlyOnceOnTheSessionThread) {
+    FaultServer ok({"HTTP/1.1 204 No Content\r\n\r\n", std::chrono::milliseconds(0), false});
+    FaultServer stalled({"", std::chrono::milliseconds(0), true});
+    auto session = HttpSession::make({});
+    const std::vector<HttpRequest> requests = {
+        get(ok.url("/")), get("::bad::"), get(stalled.url("/")),
+        [&] {
+            HttpRequest r = get(ok.url("/"));
+            r.headers = {{"Bad\r\nName", "x"}};
+            return r;
+        }(),
+    };
+    std::atomic<int> calls{0};
+    std::atomic<int> offThread{0};
+    std::atomic<int> withBoth{0};
+    for (HttpRequest request : requests) {
+        if (request.url.find(std::to_string(stalled.port())) != std::string::npos)
+            request.idleTimeout = std::chrono::milliseconds(200);
+        session->dataTask(request, [&, session = std::weak_ptr<HttpSession>(session)](
+                                       std::optional<HttpResponse> response, std::optional<HttpError> error) {
+            auto alive = session.lock();
+            if (!alive || !alive->isCurrent()) ++offThread;
+            if (response.has_value() == error.has_value()) ++withBoth;
+            ++calls;
+        });
+    }
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(20);
+    while (calls < 4 && std::chrono::steady_clock::now() < deadline)
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    std::this_thread::sleep_for(std::chrono::milliseconds(300));
+    EXPECT_EQ(calls, 4);
+    EXPECT_EQ(offThread, 0);
+    EXPECT_EQ(withBoth, 0);
+    EXPECT_FALSE(session->isCurrent());
+}
+
+TEST(SessionCompletions, ADroppedSessionFinishesTheExchangeUnderWay) {
+    const std::string response = "HTTP/1.1 200 OK\r\nContent-Length: 2\r\nConnection: close\r\n\r\nhi";
+    FaultServer server({response, std::chrono::milliseconds(10), false});
+    std::promise<std::string> finished;
+    auto body = finished.get_future();
+    {
+        auto session = HttpSession::make({});
+        session->dataTask(get(server.url("/")), [&](std::optional<HttpResponse> r, std::optional<HttpError> e) {
+            finished.set_value(r ? std::string(r->body.begin(), r->body.end()) : "error: " + e->message);
+        });
+    }
+    ASSERT_EQ(body.wait_for(std::chrono::seconds(20)), std::future_status::ready);
+    EXPECT_EQ(body.get(), "hi");
+}
+
+TEST(SessionCompletions, ACompletionMayStartTheNextTask) {
+    FaultServer server({"HTTP/1.1 200 OK\r\nContent-Length: 1\r\n\r\nx", std::chrono::milliseconds(0), false});
+    auto session = HttpSession::make({});
+    std::promise<long> second;
+    auto status = second.get_future();
+    session->dataTask(get(server.url("/1")), [&, session](std::optional<HttpResponse>, std::optional<HttpError>) {
+        session->dataTask(get(server.url("/2")), [&](std::optional<HttpResponse> r, std::optional<HttpError>) {
+            second.set_value(r ? r->status : -1);
+        });
+    });
+    ASSERT_EQ(status.wait_for(std::chrono::seconds(20)), std::future_status::ready);
+    EXPECT_EQ(status.get(), 200);
+    EXPECT_EQ(server.connections(), 2u);
+}
+
+}  // namespace
+}  // namespace palomir::testing
