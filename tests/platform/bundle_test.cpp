@@ -79,15 +79,16 @@ TEST_F(ResourceDirectory, LocalizedStringsFollowThePreferredLanguages) {
     const auto bundle = Bundle::palomir();
     setLocaleOverride({"de-CH", "en"}, LocaleInfo{"de_CH", "de", "CH"});
     EXPECT_EQ(bundle.localizedString("PalomirCloseButtonTitle"), "Schließen");
-    setLocaleOverride({"fr-FR"}, LocaleInfo{"fr_FR", "fr", "FR"});
+    // A language the library carries no table for falls back to English.
+    setLocaleOverride({"tlh-QO"}, LocaleInfo{"tlh_QO", "tlh", "QO"});
     EXPECT_EQ(bundle.localizedString("PalomirCloseButtonTitle"), "Close");
     EXPECT_EQ(bundle.localizedString("NoSuchKey", "fallback"), "fallback");
 
     // A table in the override directory wins for its keys only.
-    write("fr.lproj/Localizable.json", R"({"PalomirCloseButtonTitle": "Fermer"})");
+    write("tlh.lproj/Localizable.json", R"({"PalomirCloseButtonTitle": "SoQmoH"})");
     write("de.lproj/Localizable.json", R"({"Other": "Anderes"})");
     Bundle::setPalomirResourceDirectory(_directory);
-    EXPECT_EQ(Bundle::palomir().localizedString("PalomirCloseButtonTitle"), "Fermer");
+    EXPECT_EQ(Bundle::palomir().localizedString("PalomirCloseButtonTitle"), "SoQmoH");
     setLocaleOverride({"de"}, LocaleInfo{"de", "de", std::nullopt});
     EXPECT_EQ(Bundle::palomir().localizedString("PalomirCloseButtonTitle"), "Schließen");
     EXPECT_EQ(Bundle::palomir().localizedString("Other"), "Anderes");
