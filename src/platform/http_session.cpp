@@ -124,11 +124,19 @@ struct Transfer {
 
 struct HttpSession::Core {
     explicit Core(HttpSessionConfiguration configuration)
-        : configuration(std::move(configuration)), multi(curl_multi_init()),
-          trustStore(makeTrustStore(this->configuration)) {}
+        : configuration(std::move(configuration)), multi(curl_multi_init()), share(curl_share_init()),
+          trustStore(makeTrustStore(this->configuration)) {
+        // Transfers share TLS sessions (to resume them) and name look-ups.
+        // Only the network thread touches the share, so it needs no locks.
+        if (share) {
+            curl_share_setopt(share, CURLSHOPT_SHARE, CURL_LOCK_DATA_SSL_SESSION);
+            curl_share_setopt(share, CURLSHOPT_SHARE, CURL_LOCK_DATA_DNS);
+        }
+    }
 
     ~Core() {
         if (multi) curl_multi_cleanup(multi);
+        if (share) curl_share_cleanup(share);
         if (trustStore) X509_STORE_free(trustStore);
     }
 
@@ -157,6 +165,7 @@ struct HttpSession::Core {
 
     const HttpSessionConfiguration configuration;
     CURLM* const multi;
+    CURLSH* const share;
     X509_STORE* const trustStore;
     std::thread::id threadId;
 
@@ -258,7 +267,6 @@ CURLcode onSslContext(CURL*, void* sslContext, void* user) {
     // A renegotiation could bring another certificate into a connection
     // that was already checked.
     SSL_CTX_set_options(context, SSL_OP_NO_RENEGOTIATION);
-    // A resumed session skips certificate verification altogether.
     if (transfer->verification.pins) SSL_CTX_set_session_cache_mode(context, SSL_SESS_CACHE_OFF);
     return CURLE_OK;
 }
@@ -331,6 +339,7 @@ std::optional<HttpError> HttpSession::Core::configure(Transfer& transfer) {
     curl_easy_setopt(easy, CURLOPT_URL, request.url.c_str());
     curl_easy_setopt(easy, CURLOPT_PROTOCOLS_STR, "http,https");
     curl_easy_setopt(easy, CURLOPT_PRIVATE, &transfer);
+    if (share) curl_easy_setopt(easy, CURLOPT_SHARE, share);
     curl_easy_setopt(easy, CURLOPT_NOSIGNAL, 1L);
     curl_easy_setopt(easy, CURLOPT_FOLLOWLOCATION, 0L);
     curl_easy_setopt(easy, CURLOPT_ERRORBUFFER, transfer.errorBuffer);
@@ -353,6 +362,8 @@ std::optional<HttpError> HttpSession::Core::configure(Transfer& transfer) {
     curl_easy_setopt(easy, CURLOPT_SSL_OPTIONS, static_cast<long>(CURLSSLOPT_NO_PARTIALCHAIN));
     curl_easy_setopt(easy, CURLOPT_SSL_CTX_FUNCTION, onSslContext);
     curl_easy_setopt(easy, CURLOPT_SSL_CTX_DATA, &transfer);
+    // A resumed session skips certificate verification, so a pinned session
+    // checks every connection afresh.
     if (configuration.pins) curl_easy_setopt(easy, CURLOPT_SSL_SESSIONID_CACHE, 0L);
 
     const std::string& method = request.method;

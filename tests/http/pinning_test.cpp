@@ -154,6 +154,25 @@ TEST(PinningSession, RogueChainOnALaterConnectionIsRefused) {
     EXPECT_EQ(server.requests()[0].path, "/first");
 }
 
+TEST(PinningSession, ResumesTlsSessionsOnlyWithoutPins) {
+    World world;
+    TlsTestServer server({world.a.chain(), {}, false});
+    HttpSessionConfiguration configuration;
+    configuration.trustAnchors = {world.anchors};
+    auto unpinned = HttpSession::make(configuration);
+    for (int i = 0; i < 3; ++i) ASSERT_TRUE(perform(unpinned, get(server.url("/"))).response);
+    // The server does resume sessions...
+    const std::size_t resumedBefore = server.resumedHandshakes();
+    EXPECT_GE(resumedBefore, 1u);
+
+    configuration.pins = std::make_shared<const PinSet>(Pins{{"localhost", world.a.intermediate.der()}});
+    auto pinned = HttpSession::make(configuration);
+    for (int i = 0; i < 3; ++i) ASSERT_TRUE(perform(pinned, get(server.url("/"))).response);
+    // ...but a pinned session never offers one.
+    EXPECT_EQ(server.completedHandshakes(), 6u);
+    EXPECT_EQ(server.resumedHandshakes(), resumedBefore);
+}
+
 TEST(PinningSession, RestartedServerWithRogueChainIsRefused) {
     World world;
     TlsTestServer server({world.a.chain(), {}, true});

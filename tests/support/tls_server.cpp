@@ -14,6 +14,7 @@ struct TlsTestServer::State {
     Handler handler;
     std::vector<RecordedRequest> requests;
     std::atomic<std::size_t> handshakes{0};
+    std::atomic<std::size_t> resumed{0};
     bool keepAlive = true;
 
     std::unique_ptr<httplib::SSLServer> server;
@@ -44,7 +45,9 @@ int presentChain(SSL* ssl, void* argument) {
 void countHandshakes(const SSL* ssl, int where, int) {
     if (!(where & SSL_CB_HANDSHAKE_DONE)) return;
     auto* state = static_cast<State*>(SSL_CTX_get_app_data(SSL_get_SSL_CTX(ssl)));
-    if (state) ++state->handshakes;
+    if (!state) return;
+    ++state->handshakes;
+    if (SSL_session_reused(const_cast<SSL*>(ssl))) ++state->resumed;
 }
 
 bool isServerNote(const std::string& name) {
@@ -70,6 +73,7 @@ void TlsTestServer::start() {
         SSL_CTX_set_app_data(&context, state);
         SSL_CTX_set_cert_cb(&context, presentChain, state);
         SSL_CTX_set_info_callback(&context, countHandshakes);
+        SSL_CTX_set_session_id_context(&context, reinterpret_cast<const unsigned char*>("palomir-test"), 12);
         return true;
     });
     auto route = [state](const httplib::Request& request, httplib::Response& response) {
@@ -113,6 +117,8 @@ void TlsTestServer::start() {
     state->server->Delete(everything, route);
     state->server->Options(everything, route);
     if (!state->keepAlive) state->server->set_keep_alive_max_count(1);
+    // Idle connections would hold up a restart for the default 5 s.
+    state->server->set_keep_alive_timeout(1);
     if (!state->server->is_valid()) throw std::runtime_error("test server: TLS set-up failed");
 
     if (_port == 0) {
@@ -157,5 +163,7 @@ std::vector<RecordedRequest> TlsTestServer::requests() const {
 }
 
 std::size_t TlsTestServer::completedHandshakes() const { return _state->handshakes.load(); }
+
+std::size_t TlsTestServer::resumedHandshakes() const { return _state->resumed.load(); }
 
 }  // namespace palomir_test

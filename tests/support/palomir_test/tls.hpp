@@ -150,6 +150,8 @@ public:
     std::vector<RecordedRequest> requests() const;
     /// TLS handshakes that the server completed.
     std::size_t completedHandshakes() const;
+    /// Of those, the ones that resumed an earlier TLS session.
+    std::size_t resumedHandshakes() const;
 
     struct State;
 
