@@ -54,10 +54,11 @@ std::size_t PalomirLogFormatter::Clock::stamp(char* out) {
     const std::int64_t second = now.tv_sec;
 
     std::uint64_t before = _sequence.load(std::memory_order_acquire);
-    if ((before & 1) == 0 && _second.load(std::memory_order_relaxed) == second) {
+    if ((before & 1) == 0 && _second.load(std::memory_order_acquire) == second) {
         std::uint64_t words[kWords];
-        for (std::size_t i = 0; i < kWords; ++i) words[i] = _words[i].load(std::memory_order_relaxed);
-        std::atomic_thread_fence(std::memory_order_acquire);
+        // Acquire on each word: a word from a newer writer makes the sequence
+        // read below show that writer, so a torn copy is never used.
+        for (std::size_t i = 0; i < kWords; ++i) words[i] = _words[i].load(std::memory_order_acquire);
         if (_sequence.load(std::memory_order_relaxed) == before) {
             std::memcpy(out, words, sizeof words);
             return static_cast<unsigned char>(out[kCachedMax]);
@@ -67,16 +68,15 @@ std::size_t PalomirLogFormatter::Clock::stamp(char* out) {
     const std::size_t length = renderLogStamp(static_cast<std::time_t>(second), out);
     if (length <= kCachedMax && (before & 1) == 0 &&
         _sequence.compare_exchange_strong(before, before + 1, std::memory_order_acq_rel)) {
-        std::atomic_thread_fence(std::memory_order_release);
         char packed[kWords * sizeof(std::uint64_t)] = {};
         std::memcpy(packed, out, length);
         packed[kCachedMax] = static_cast<char>(length);
         for (std::size_t i = 0; i < kWords; ++i) {
             std::uint64_t word;
             std::memcpy(&word, packed + i * sizeof word, sizeof word);
-            _words[i].store(word, std::memory_order_relaxed);
+            _words[i].store(word, std::memory_order_release);
         }
-        _second.store(second, std::memory_order_relaxed);
+        _second.store(second, std::memory_order_release);
         _sequence.store(before + 2, std::memory_order_release);
     }
     return length;
