@@ -305,7 +305,9 @@ std::optional<HttpError> HttpSession::Core::configure(Transfer& transfer) {
 
     // Fields named twice go out once, their values joined, in first-seen order.
     std::vector<std::pair<std::string, std::string>> fields;
-    for (const auto& [name, value] : request.headers) {
+    for (const auto& header : request.headers) {
+        const std::string& name = header.first;
+        const std::string& value = header.second;
         if (name.empty() || hasLineBreak(name) || hasLineBreak(value) || name.find(':') != std::string::npos)
             return invalid("Invalid header field: " + name);
         auto same = std::find_if(fields.begin(), fields.end(), [&](const auto& f) { return sameName(f.first, name); });
