@@ -23,6 +23,7 @@
 namespace palomir {
 
 class HttpSession;
+struct APIClientAccess;
 
 /// Where an API client sends its requests and whom it trusts. The defaults
 /// are the production backend, pinned with the "<api host>.crt" certificate
@@ -85,6 +86,8 @@ public:
     struct Sessions;
 
 private:
+    friend struct APIClientAccess;
+
     APIClient(AppCredentials credentials, std::shared_ptr<UserCredentials> userCredentials,
               std::shared_ptr<Logger> logger, BackendOptions options);
 

@@ -1,3 +1,4 @@
 list(APPEND PALOMIR_SOURCES
   ${CMAKE_CURRENT_LIST_DIR}/errors.cpp
+  ${CMAKE_CURRENT_LIST_DIR}/../api/api_client.cpp
 )

@@ -1,0 +1,518 @@
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <future>
+#include <mutex>
+#include <string>
+#include <thread>
+
+#include "api/api_client_internal.hpp"
+#include "api/oauth.hpp"
+#include "palomir/api_client.hpp"
+#include "palomir/url.hpp"
+#include "palomir_test/tls.hpp"
+
+namespace palomir {
+namespace {
+
+using namespace std::chrono_literals;
+using palomir_test::RecordedRequest;
+using palomir_test::TestPki;
+using palomir_test::TestResponse;
+using palomir_test::TlsTestServer;
+
+const char* kConfiguration = R"({"version":"7","theme":{"text_color":"#000","background_color":"#fff"},
+  "notes":[],"lockdown":{"active":false,"latest_version":"1.0"}})";
+
+class CapturingLogger : public Logger {
+public:
+    void log(const std::string& message, LogType type) override {
+        std::lock_guard lock(_mutex);
+        _lines.emplace_back(message, type);
+    }
+    std::vector<std::pair<std::string, LogType>> lines() const {
+        std::lock_guard lock(_mutex);
+        return _lines;
+    }
+
+private:
+    mutable std::mutex _mutex;
+    std::vector<std::pair<std::string, LogType>> _lines;
+};
+
+TestResponse respond(int status, std::string body, std::string contentType = "application/json",
+                     palomir_test::Headers headers = {}) {
+    TestResponse response;
+    response.status = status;
+    response.body = std::move(body);
+    response.contentType = std::move(contentType);
+    response.headers = std::move(headers);
+    return response;
+}
+
+AppInfo sampleAppInfo() {
+    AppInfo info;
+    info.bundleIdentifier = "com.example.host";
+    info.version = "2.1";
+    info.build = "210";
+    info.sdkVersion = "1";
+    info.preferredLanguages = {"en-GB"};
+    return info;
+}
+
+// Waits for the one completion of an operation and fails if a second arrives.
+template <class T>
+class Outcome {
+public:
+    std::function<void(Result<T, APIError>)> completion() {
+        return [this](Result<T, APIError> result) {
+            std::lock_guard lock(_mutex);
+            ++_calls;
+            if (!_result) {
+                _result.emplace(std::move(result));
+                _promise.set_value();
+            }
+        };
+    }
+    const Result<T, APIError>& get() {
+        EXPECT_EQ(_future.wait_for(20s), std::future_status::ready);
+        std::this_thread::sleep_for(20ms);  // room for a wrongful second call
+        std::lock_guard lock(_mutex);
+        EXPECT_EQ(_calls, 1);
+        return *_result;
+    }
+
+private:
+    std::mutex _mutex;
+    std::promise<void> _promise;
+    std::future<void> _future = _promise.get_future();
+    std::optional<Result<T, APIError>> _result;
+    int _calls = 0;
+};
+
+class APIClientTest : public ::testing::Test {
+protected:
+    void SetUp() override {
+        _pki.leaf.writeDer(_resources / "localhost.crt");
+        _pki.root.writePem(_resources / "ca.pem");
+        _server = std::make_unique<TlsTestServer>(TlsTestServer::Options{
+            _pki.chain(), [this](const RecordedRequest& request) {
+                std::lock_guard lock(_handlerMutex);
+                return _handler(request);
+            }});
+    }
+
+    void answer(std::function<TestResponse(const RecordedRequest&)> handler) {
+        std::lock_guard lock(_handlerMutex);
+        _handler = std::move(handler);
+    }
+
+    BackendOptions options() const {
+        BackendOptions o;
+        o.baseURL = _server->url("/api");
+        o.trustAnchors = {_resources / "ca.pem"};
+        o.resourceDirectory = _resources.path();
+        return o;
+    }
+
+    std::shared_ptr<APIClient> makeClient(AppCredentials credentials = {"app-token", "app-secret"},
+                                          std::shared_ptr<UserCredentials> user = nullptr) {
+        return APIClient::make(std::move(credentials), std::move(user), nullptr, _logger, options());
+    }
+
+    palomir_test::TempDir _resources;
+    TestPki _pki = TestPki::make("api-client");
+    std::mutex _handlerMutex;
+    std::function<TestResponse(const RecordedRequest&)> _handler = [](const RecordedRequest&) {
+        return respond(200, kConfiguration, "application/json");
+    };
+    std::unique_ptr<TlsTestServer> _server;
+    std::shared_ptr<CapturingLogger> _logger = std::make_shared<CapturingLogger>();
+};
+
+std::map<std::string, std::string> authorizationPairs(const std::string& header) {
+    std::map<std::string, std::string> pairs;
+    std::string rest = header.substr(std::string("OAuth ").size());
+    std::size_t pos = 0;
+    while (pos < rest.size()) {
+        auto eq = rest.find('=', pos);
+        auto close = rest.find('"', eq + 2);
+        pairs[rest.substr(pos, eq - pos)] = rest.substr(eq + 2, close - eq - 2);
+        pos = close + 2;
+    }
+    return pairs;
+}
+
+std::string percentDecode(const std::string& text) {
+    std::string out;
+    for (std::size_t i = 0; i < text.size(); ++i) {
+        if (text[i] == '%' && i + 2 < text.size()) {
+            out += static_cast<char>(std::stoi(text.substr(i + 1, 2), nullptr, 16));
+            i += 2;
+        } else {
+            out += text[i];
+        }
+    }
+    return out;
+}
+
+TEST_F(APIClientTest, CheckinSendsASignedPutWithTheAppInfoAndDecodesTheConfiguration) {
+    auto client = makeClient();
+    Outcome<Configuration> outcome;
+    client->checkin(sampleAppInfo(), outcome.completion());
+    const auto& result = outcome.get();
+    ASSERT_TRUE(result.hasValue()) << result.error().localizedDescription();
+    EXPECT_EQ(result.value().version, "7");
+
+    auto requests = _server->requests();
+    ASSERT_EQ(requests.size(), 1u);
+    const auto& request = requests[0];
+    EXPECT_EQ(request.method, "PUT");
+    EXPECT_EQ(request.path, "/api/checkin/app-token");
+    // Signing adds the content type a second time; it travels as one field.
+    EXPECT_EQ(request.headerValues("Content-Type"), std::vector<std::string>{"application/json, application/json"});
+    EXPECT_EQ(request.headerValues("User-Agent"), std::vector<std::string>{AppInfo::userAgent()});
+    EXPECT_EQ(request.headerValues("Accept-Language").size(), 1u);
+    EXPECT_TRUE(request.headerValues("X-Authorization-User").empty());
+    EXPECT_TRUE(request.headerValues("Accept").empty());
+
+    auto body = nlohmann::json::parse(request.body);
+    EXPECT_EQ(body["app_info"]["bundle_identifier"], "com.example.host");
+    EXPECT_EQ(body["app_info"]["preferred_languages"], nlohmann::json::array({"en-GB"}));
+    EXPECT_FALSE(body["app_info"].contains("name"));
+
+    auto authorization = request.headerValues("Authorization");
+    ASSERT_EQ(authorization.size(), 1u);
+    auto pairs = authorizationPairs(authorization[0]);
+    EXPECT_EQ(pairs["oauth_consumer_key"], "app-token");
+    auto expected = OAuth::calculateSignature(*Url::parse(_server->url("/api/checkin/app-token")), "PUT", {},
+                                              {"app-token", "app-secret"}, std::nullopt,
+                                              percentDecode(pairs["oauth_nonce"]), std::stoll(pairs["oauth_timestamp"]));
+    // The recording server hands header values over percent-decoded.
+    EXPECT_EQ(authorization[0], percentDecode(expected));
+}
+
+struct PathCase {
+    const char* name;
+    std::function<void(APIClient&, std::function<void()>)> call;
+    const char* path;
+};
+
+class APIClientPaths : public APIClientTest, public ::testing::WithParamInterface<PathCase> {};
+
+TEST_P(APIClientPaths, UsesTheDocumentedPathAndSendsNoBody) {
+    answer([](const RecordedRequest&) {
+        return respond(200, R"({"services":[],"service":{"name":"DB","identifier":"db","is_available":true,"state":"ok","triggers_message":false}})");
+    });
+    auto client = makeClient();
+    std::promise<void> done;
+    GetParam().call(*client, [&] { done.set_value(); });
+    ASSERT_EQ(done.get_future().wait_for(20s), std::future_status::ready);
+    auto requests = _server->requests();
+    ASSERT_EQ(requests.size(), 1u);
+    EXPECT_EQ(requests[0].method, "GET");
+    EXPECT_EQ(requests[0].path, GetParam().path);
+    EXPECT_TRUE(requests[0].body.empty());
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Endpoints, APIClientPaths,
+    ::testing::Values(
+        PathCase{"services",
+                 [](APIClient& c, std::function<void()> done) {
+                     c.services(sampleAppInfo(), false, [done](auto) { done(); });
+                 },
+                 "/api/services/"},
+        PathCase{"systemServices",
+                 [](APIClient& c, std::function<void()> done) {
+                     c.services(sampleAppInfo(), true, [done](auto) { done(); });
+                 },
+                 "/api/system_services/"},
+        PathCase{"service",
+                 [](APIClient& c, std::function<void()> done) {
+                     c.service("db", sampleAppInfo(), false, [done](auto) { done(); });
+                 },
+                 "/api/services/db"},
+        PathCase{"systemService",
+                 [](APIClient& c, std::function<void()> done) {
+                     c.service("db", sampleAppInfo(), true, [done](auto) { done(); });
+                 },
+                 "/api/system_services/db"}),
+    [](const auto& info) { return std::string(info.param.name); });
+
+struct AnswerCase {
+    const char* name;
+    int status;
+    std::string body;
+    std::string expected;
+};
+
+class APIClientAnswers : public APIClientTest, public ::testing::WithParamInterface<AnswerCase> {};
+
+TEST_P(APIClientAnswers, ClassifiesTheAnswer) {
+    const auto& param = GetParam();
+    answer([&](const RecordedRequest&) { return respond(param.status, param.body); });
+    auto client = makeClient();
+    Outcome<std::pair<ServicesResponse, MaxAge>> outcome;
+    client->services(sampleAppInfo(), false, outcome.completion());
+    const auto& result = outcome.get();
+    ASSERT_TRUE(result.hasError());
+    EXPECT_EQ(result.error().localizedDescription(), param.expected);
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Failures, APIClientAnswers,
+    ::testing::Values(AnswerCase{"notModified", 304, "", "Request failed: Bad status: 304"},
+                      AnswerCase{"serverError", 500, R"({"services":[]})", "Request failed: Bad status: 500"},
+                      AnswerCase{"unauthorized", 401, "{}", "Request failed: Bad status: 401"},
+                      AnswerCase{"emptyOk", 200, "", "Empty response"},
+                      AnswerCase{"wrongShape", 200, R"({"items":[]})",
+                                 "Failed to decode response: {\"items\":[]}\nerror:services: missing required key"}),
+    [](const auto& info) { return std::string(info.param.name); });
+
+TEST_F(APIClientTest, NonJSONBodyIsReportedWithTheBodyText) {
+    answer([](const RecordedRequest&) { return respond(200, "<html>maintenance</html>", "text/html"); });
+    auto client = makeClient();
+    Outcome<std::pair<ServicesResponse, MaxAge>> outcome;
+    client->services(sampleAppInfo(), false, outcome.completion());
+    const auto& result = outcome.get();
+    ASSERT_TRUE(result.hasError());
+    EXPECT_EQ(result.error().kind(), APIError::Kind::decodingResponseFailure);
+    EXPECT_EQ(result.error().localizedDescription().rfind("Failed to decode response: <html>maintenance</html>\nerror:", 0),
+              0u)
+        << result.error().localizedDescription();
+}
+
+TEST_F(APIClientTest, MaxAgeComesFromCacheControl) {
+    answer([](const RecordedRequest&) {
+        return respond(200, R"({"services":[]})", "application/json", {{"Cache-Control", "public, MAX-AGE = 300"}});
+    });
+    auto client = makeClient();
+    Outcome<std::pair<ServicesResponse, MaxAge>> outcome;
+    client->services(sampleAppInfo(), false, outcome.completion());
+    const auto& result = outcome.get();
+    ASSERT_TRUE(result.hasValue());
+    EXPECT_EQ(result.value().second, 300.0);
+}
+
+struct MaxAgeCase {
+    const char* header;
+    MaxAge expected;
+};
+
+class MaxAgeParsing : public ::testing::TestWithParam<MaxAgeCase> {};
+
+TEST_P(MaxAgeParsing, ReadsOnlyDigits) { EXPECT_EQ(parseMaxAge(GetParam().header), GetParam().expected); }
+
+INSTANTIATE_TEST_SUITE_P(Headers, MaxAgeParsing,
+                         ::testing::Values(MaxAgeCase{"max-age=60", 60.0}, MaxAgeCase{"public, MAX-AGE = 300", 300.0},
+                                           MaxAgeCase{"max-age\t=\n5", 5.0}, MaxAgeCase{"max-age=-5", std::nullopt},
+                                           MaxAgeCase{"max-age=.5", std::nullopt}, MaxAgeCase{"max-age=1.5", 1.0},
+                                           MaxAgeCase{"s-max-age=7, max-age=9", 7.0},
+                                           MaxAgeCase{"max-age, max-age=12", 12.0}, MaxAgeCase{"no-store", std::nullopt},
+                                           MaxAgeCase{"", std::nullopt}));
+
+TEST_F(APIClientTest, ATokenThatCannotStandInAURLIsRefusedBeforeAnyTraffic) {
+    auto client = makeClient({"bad token", "secret"});
+    Outcome<Configuration> checkin;
+    Outcome<std::pair<ServicesResponse, MaxAge>> services;
+    Outcome<std::pair<Service, MaxAge>> service;
+    Outcome<DirectUploadResponse> upload;
+    Outcome<Feedback> feedback;
+    client->checkin(sampleAppInfo(), checkin.completion());
+    client->services(sampleAppInfo(), true, services.completion());
+    client->service("db", sampleAppInfo(), false, service.completion());
+    client->startDirectUpload(DirectUpload{"a.txt", 1, "x", "text/plain", std::nullopt}, upload.completion());
+    client->createFeedback(Feedback{"t", "m", "me", std::nullopt}, sampleAppInfo(), feedback.completion());
+    EXPECT_EQ(checkin.get().error().localizedDescription(), "Invalid app token");
+    EXPECT_EQ(services.get().error().localizedDescription(), "Invalid app token");
+    EXPECT_EQ(service.get().error().localizedDescription(), "Invalid app token");
+    EXPECT_EQ(upload.get().error().localizedDescription(), "Invalid app token");
+    EXPECT_EQ(feedback.get().error().localizedDescription(), "Invalid app token");
+    EXPECT_TRUE(_server->requests().empty());
+}
+
+TEST_F(APIClientTest, AServiceIdentifierThatBreaksTheURLIsAnInvalidURL) {
+    auto client = makeClient();
+    Outcome<std::pair<Service, MaxAge>> outcome;
+    client->service("two words", sampleAppInfo(), false, outcome.completion());
+    EXPECT_EQ(outcome.get().error().localizedDescription(), "Invalid URL");
+    EXPECT_TRUE(_server->requests().empty());
+}
+
+struct UserHeaderCase {
+    const char* name;
+    std::optional<std::string> token;
+    std::vector<std::string> expected;
+};
+
+class APIClientUserHeader : public APIClientTest, public ::testing::WithParamInterface<UserHeaderCase> {};
+
+TEST_P(APIClientUserHeader, SendsTheNormalisedUserToken) {
+    auto token = GetParam().token;
+    auto user = std::make_shared<ClosureUserCredentials>([token](ClosureUserCredentials::Callback callback) {
+        // Answer from another thread, as a host refreshing its token would.
+        std::thread([callback, token] { callback(token); }).detach();
+    });
+    auto client = makeClient({"app-token", "app-secret"}, user);
+    Outcome<Configuration> outcome;
+    client->checkin(sampleAppInfo(), outcome.completion());
+    ASSERT_TRUE(outcome.get().hasValue());
+    ASSERT_EQ(_server->requests().size(), 1u);
+    EXPECT_EQ(_server->requests()[0].headerValues("X-Authorization-User"), GetParam().expected);
+}
+
+INSTANTIATE_TEST_SUITE_P(Tokens, APIClientUserHeader,
+                         ::testing::Values(UserHeaderCase{"plain", "abc", {"Bearer abc"}},
+                                           UserHeaderCase{"alreadyBearer", "BEARERxyz", {"BEARERxyz"}},
+                                           UserHeaderCase{"empty", "", {}}, UserHeaderCase{"none", std::nullopt, {}}),
+                         [](const auto& info) { return std::string(info.param.name); });
+
+TEST_F(APIClientTest, AUserCredentialThatNeverAnswersHoldsUpOnlyItsOwnClient) {
+    auto silent = std::make_shared<ClosureUserCredentials>([](ClosureUserCredentials::Callback) {});
+    auto stuck = makeClient({"app-token", "app-secret"}, silent);
+    bool stuckCalled = false;
+    stuck->checkin(sampleAppInfo(), [&](auto) { stuckCalled = true; });
+
+    auto other = makeClient();
+    Outcome<Configuration> outcome;
+    other->checkin(sampleAppInfo(), outcome.completion());
+    EXPECT_TRUE(outcome.get().hasValue());
+    EXPECT_FALSE(stuckCalled);
+}
+
+TEST_F(APIClientTest, WithoutThePinnedCertificateEveryRequestIsRefused) {
+    std::filesystem::remove(_resources / "localhost.crt");
+    auto client = makeClient();
+    Outcome<Configuration> outcome;
+    client->checkin(sampleAppInfo(), outcome.completion());
+    const auto& result = outcome.get();
+    ASSERT_TRUE(result.hasError());
+    EXPECT_EQ(result.error().localizedDescription().rfind("Request failed: Network error: ", 0), 0u)
+        << result.error().localizedDescription();
+    EXPECT_TRUE(_server->requests().empty());
+}
+
+TEST_F(APIClientTest, EachExchangeLeavesOneDebugRecord) {
+    auto client = makeClient();
+    Outcome<Configuration> outcome;
+    client->checkin(sampleAppInfo(), outcome.completion());
+    ASSERT_TRUE(outcome.get().hasValue());
+    auto lines = _logger->lines();
+    ASSERT_EQ(lines.size(), 1u);
+    EXPECT_EQ(lines[0].second, LogType::debug);
+    const std::string prefix = "request: PUT " + _server->url("/api/checkin/app-token") + "\ndata: ";
+    EXPECT_EQ(lines[0].first.rfind(prefix, 0), 0u) << lines[0].first;
+    EXPECT_NE(lines[0].first.find("\nresponse: { URL: "), std::string::npos);
+    EXPECT_EQ(lines[0].first.find("\nerror:"), std::string::npos);
+    EXPECT_EQ(lines[0].first.find("app-secret"), std::string::npos);
+}
+
+TEST_F(APIClientTest, DirectUploadSendsTheBytesWithTheTargetsHeadersOnly) {
+    answer([](const RecordedRequest&) { return respond(204, "", "text/plain"); });
+    auto client = makeClient();
+    DirectUploadResponse::DirectUpload target{_server->url("/uploads/abc?sig=1"),
+                                              {{"Content-Type", "text/plain"}, {"Content-MD5", "kAFQmDzST7DWlj99KOF/cg=="}}};
+    auto bytes = std::make_shared<const std::vector<std::uint8_t>>(std::vector<std::uint8_t>{'a', 'b', 'c'});
+    Outcome<bool> outcome;
+    client->directUpload(bytes, target, nullptr, outcome.completion());
+    ASSERT_TRUE(outcome.get().hasValue());
+    auto requests = _server->requests();
+    ASSERT_EQ(requests.size(), 1u);
+    EXPECT_EQ(requests[0].method, "PUT");
+    EXPECT_EQ(requests[0].path, "/uploads/abc?sig=1");
+    EXPECT_EQ(requests[0].body, "abc");
+    EXPECT_EQ(requests[0].headerValues("Content-MD5"), std::vector<std::string>{"kAFQmDzST7DWlj99KOF/cg=="});
+    EXPECT_TRUE(requests[0].headerValues("Authorization").empty());
+    EXPECT_TRUE(requests[0].headerValues("X-Authorization-User").empty());
+    auto lines = _logger->lines();
+    ASSERT_EQ(lines.size(), 1u);
+    EXPECT_EQ(lines[0].first.rfind("direct upload:\ndata: ", 0), 0u);
+}
+
+TEST_F(APIClientTest, DirectUploadFailuresAreRequestFailures) {
+    answer([](const RecordedRequest&) { return respond(403, "denied", "text/plain"); });
+    auto client = makeClient();
+    auto bytes = std::make_shared<const std::vector<std::uint8_t>>(3, 'x');
+    Outcome<bool> rejected;
+    client->directUpload(bytes, {_server->url("/uploads/1"), {}}, nullptr, rejected.completion());
+    EXPECT_EQ(rejected.get().error().localizedDescription(), "Request failed: Bad status: 403");
+
+    Outcome<bool> unusable;
+    client->directUpload(bytes, {"not a url", {}}, nullptr, unusable.completion());
+    EXPECT_EQ(unusable.get().error().localizedDescription().rfind("Request failed: Network error: ", 0), 0u);
+}
+
+TEST_F(APIClientTest, FeedbackAndDirectUploadBodiesUseSnakeCaseKeys) {
+    answer([](const RecordedRequest& request) {
+        if (request.path == "/api/direct_uploads")
+            return respond(200, R"({"id":7,"key":"k","filename":"log.txt","signed_id":"s","direct_upload":{"url":"u","headers":{}}})");
+        return respond(201, R"({"title":"t","message":"m","submitted_by":"me","files":["s"]})");
+    });
+    auto client = makeClient();
+    Outcome<DirectUploadResponse> upload;
+    client->startDirectUpload(DirectUpload{"log.txt", 0, "1B2M2Y8AsgTpgAmY7PhCfg==", "text/plain", std::vector<std::uint8_t>{}},
+                              upload.completion());
+    ASSERT_TRUE(upload.get().hasValue());
+    EXPECT_EQ(upload.get().value().signedID, "s");
+    Outcome<Feedback> feedback;
+    client->createFeedback(Feedback{"t", "m", "me", std::vector<std::string>{"s"}}, sampleAppInfo(), feedback.completion());
+    ASSERT_TRUE(feedback.get().hasValue());
+
+    auto requests = _server->requests();
+    ASSERT_EQ(requests.size(), 2u);
+    auto blob = nlohmann::json::parse(requests[0].body);
+    EXPECT_EQ(blob, nlohmann::json::parse(
+                        R"({"blob":{"filename":"log.txt","byte_size":0,"checksum":"1B2M2Y8AsgTpgAmY7PhCfg==","content_type":"text/plain"}})"));
+    auto body = nlohmann::json::parse(requests[1].body);
+    EXPECT_EQ(body["feedback"], nlohmann::json::parse(R"({"title":"t","message":"m","submitted_by":"me","files":["s"]})"));
+    EXPECT_EQ(body["app_info"]["sdk_version"], "1");
+}
+
+TEST_F(APIClientTest, ARequestUnderWayFinishesAfterTheClientIsDropped) {
+    answer([](const RecordedRequest&) {
+        std::this_thread::sleep_for(300ms);
+        return respond(200, kConfiguration, "application/json");
+    });
+    Outcome<Configuration> outcome;
+    makeClient()->checkin(sampleAppInfo(), outcome.completion());
+    EXPECT_TRUE(outcome.get().hasValue());
+}
+
+class CheckinTimeouts : public ::testing::Test {};
+
+TEST_F(CheckinTimeouts, AStalledServerIsGivenUpWithinTheIdleLimit) {
+    palomir_test::FaultServer stall({"", 0ms, true, 0});
+    BackendOptions options;
+    options.baseURL = stall.url("/api");
+    auto client = APIClient::make({"t", "s"}, nullptr, nullptr, nullptr, options);
+    Outcome<Configuration> outcome;
+    auto started = std::chrono::steady_clock::now();
+    client->checkin(sampleAppInfo(), outcome.completion());
+    const auto& result = outcome.get();
+    auto elapsed = std::chrono::steady_clock::now() - started;
+    ASSERT_TRUE(result.hasError());
+    EXPECT_EQ(result.error().localizedDescription().rfind("Request failed: Network error: ", 0), 0u);
+    EXPECT_LT(elapsed, 4s);
+}
+
+TEST_F(CheckinTimeouts, ADrippingServerIsGivenUpAtTheTotalLimit) {
+    // Bytes keep arriving, so only the limit on the whole exchange can end it.
+    const std::string head = "HTTP/1.1 200 OK\r\nContent-Type: application/json\r\nContent-Length: 4000\r\n\r\n";
+    palomir_test::FaultServer drip({head + std::string(4000, ' '), 200ms, true, head.size()});
+    BackendOptions options;
+    options.baseURL = drip.url("/api");
+    auto client = APIClient::make({"t", "s"}, nullptr, nullptr, nullptr, options);
+    Outcome<Configuration> outcome;
+    auto started = std::chrono::steady_clock::now();
+    client->checkin(sampleAppInfo(), outcome.completion());
+    const auto& result = outcome.get();
+    auto elapsed = std::chrono::steady_clock::now() - started;
+    ASSERT_TRUE(result.hasError());
+    EXPECT_EQ(result.error().localizedDescription().rfind("Request failed: Network error: ", 0), 0u);
+    EXPECT_GE(elapsed, 4500ms) << result.error().localizedDescription();
+    EXPECT_LT(elapsed, 9s);
+}
+
+}  // namespace
+}  // namespace palomir
