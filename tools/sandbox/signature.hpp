@@ -1,0 +1,33 @@
+#pragma once
+
+#include <chrono>
+#include <map>
+#include <optional>
+#include <string>
+#include <string_view>
+
+namespace palomir::sandbox {
+
+/// The key="value" pairs of an "OAuth ..." Authorization value, decoded;
+/// nothing when it is not of that form.
+std::optional<std::map<std::string, std::string>> parseOAuthHeader(std::string_view header);
+
+struct SignatureVerdict {
+    /// "ok", "missing", "malformed", "unknown-key", "unsupported-method",
+    /// "stale", "user-token", "invalid".
+    std::string verdict;
+    /// The text of the 401 answer; empty when the verdict is "ok".
+    std::string error;
+
+    bool ok() const { return verdict == "ok"; }
+};
+
+/// Recomputes the signature of a request as the client made it: `url` is
+/// the full URL the client addressed (scheme, host and port as it wrote them,
+/// path and query as sent).
+SignatureVerdict verifySignature(std::string_view method, std::string_view url,
+                                 const std::optional<std::string>& authorization, std::string_view appToken,
+                                 std::string_view appSecret, std::chrono::system_clock::time_point now,
+                                 std::chrono::seconds tolerance);
+
+}  // namespace palomir::sandbox
