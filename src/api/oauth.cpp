@@ -3,29 +3,73 @@
 #include <algorithm>
 #include <array>
 #include <charconv>
+#include <atomic>
 #include <chrono>
+#include <cstring>
+
+#include <pthread.h>
 
 #include <openssl/core_names.h>
 #include <openssl/evp.h>
 #include <openssl/hmac.h>
 #include <openssl/params.h>
 
-#include "palomir/uuid.hpp"
+#include "platform/crypto.hpp"
 
 namespace palomir {
 namespace {
 
-// The unreserved set, as a table built at compile time: no run-time
-// initialisation to race on.
-constexpr std::array<bool, 256> makeUnreservedTable() {
-    std::array<bool, 256> table{};
-    constexpr std::string_view unreserved =
-        "0123456789abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ-._~";
-    for (char c : unreserved) table[static_cast<unsigned char>(c)] = true;
+// The unreserved set, and for every byte its encoded form: built at compile
+// time, so there is no run-time initialisation to race on.
+constexpr std::string_view kUnreservedCharacters =
+    "0123456789abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ-._~";
+constexpr char kHex[] = "0123456789ABCDEF";
+
+struct EncodedByte {
+    char text[4];  // padded to four so that it can be stored in one move
+    std::uint8_t length;
+};
+
+constexpr std::array<EncodedByte, 256> makeEncodingTable() {
+    std::array<EncodedByte, 256> table{};
+    for (unsigned byte = 0; byte < 256; ++byte) {
+        table[byte] = EncodedByte{{'%', kHex[byte >> 4], kHex[byte & 0x0F], 0}, 3};
+    }
+    for (char c : kUnreservedCharacters) table[static_cast<unsigned char>(c)] = EncodedByte{{c, 0, 0, 0}, 1};
     return table;
 }
-constexpr std::array<bool, 256> kUnreserved = makeUnreservedTable();
-constexpr char kHex[] = "0123456789ABCDEF";
+constexpr std::array<EncodedByte, 256> kEncoding = makeEncodingTable();
+
+// The parameters stand in the base text encoded twice. Encoding an encoded
+// text only turns each "%" into "%25", so the two passes fold into one:
+// reserved bytes become "%25" and their two hexadecimal digits.
+struct DoublyEncodedByte {
+    char text[8];
+    std::uint8_t length;
+};
+
+constexpr std::array<DoublyEncodedByte, 256> makeDoubleEncodingTable() {
+    std::array<DoublyEncodedByte, 256> table{};
+    for (unsigned byte = 0; byte < 256; ++byte) {
+        table[byte] = DoublyEncodedByte{{'%', '2', '5', kHex[byte >> 4], kHex[byte & 0x0F], 0, 0, 0}, 5};
+    }
+    for (char c : kUnreservedCharacters)
+        table[static_cast<unsigned char>(c)] = DoublyEncodedByte{{c, 0, 0, 0, 0, 0, 0, 0}, 1};
+    return table;
+}
+constexpr std::array<DoublyEncodedByte, 256> kDoubleEncoding = makeDoubleEncodingTable();
+
+void appendDoublyEncoded(std::string& out, std::string_view text) {
+    const size_t start = out.size();
+    out.resize(start + text.size() * 5 + 3);
+    char* p = out.data() + start;
+    for (char c : text) {
+        const DoublyEncodedByte& encoded = kDoubleEncoding[static_cast<unsigned char>(c)];
+        std::memcpy(p, encoded.text, 8);
+        p += encoded.length;
+    }
+    out.resize(static_cast<size_t>(p - out.data()));
+}
 
 char asciiLower(char c) { return (c >= 'A' && c <= 'Z') ? static_cast<char>(c - 'A' + 'a') : c; }
 
@@ -89,8 +133,48 @@ void hmacSha1(std::string_view key, std::string_view message, unsigned char (&ou
          message.size(), out, &length);
 }
 
-// Encoded pairs live back to back in one buffer per thread, so that collecting
-// and sorting them allocates nothing once the buffers have grown.
+// RAND_bytes costs the same few microseconds for 16 bytes as for a kilobyte,
+// so nonces are cut from a per-thread pool of random bytes. A forked child
+// starts a new pool rather than repeat nonces its parent hands out too.
+std::atomic<unsigned> gForkGeneration{0};
+
+// The nonce is the canonical upper-case text of a random version-4 UUID,
+// written into the caller's buffer to spare an allocation per signature.
+std::string_view randomNonce(char (&text)[36]) {
+    static const int registered = pthread_atfork(nullptr, nullptr, [] { gForkGeneration.fetch_add(1); });
+    (void)registered;
+    struct Pool {
+        std::array<std::uint8_t, 1024> bytes;
+        size_t used = sizeof bytes;
+        unsigned generation = 0;
+    };
+    thread_local Pool pool;
+    const unsigned generation = gForkGeneration.load(std::memory_order_relaxed);
+    if (pool.used == pool.bytes.size() || pool.generation != generation) {
+        crypto::randomBytes(pool.bytes);
+        pool.used = 0;
+        pool.generation = generation;
+    }
+    std::array<std::uint8_t, 16> bytes;
+    std::memcpy(bytes.data(), pool.bytes.data() + pool.used, bytes.size());
+    pool.used += bytes.size();
+    bytes[6] = static_cast<std::uint8_t>((bytes[6] & 0x0F) | 0x40);  // version 4
+    bytes[8] = static_cast<std::uint8_t>((bytes[8] & 0x3F) | 0x80);  // RFC 4122 variant
+    static constexpr char kDigits[] = "0123456789ABCDEF";
+    char* p = text;
+    for (size_t i = 0; i < bytes.size(); ++i) {
+        if (i == 4 || i == 6 || i == 8 || i == 10) *p++ = '-';
+        *p++ = kDigits[bytes[i] >> 4];
+        *p++ = kDigits[bytes[i] & 0x0F];
+    }
+    return std::string_view(text, sizeof text);
+}
+
+// Pairs live back to back in one buffer per thread, so that collecting and
+// sorting them allocates nothing once the buffers have grown. They are kept
+// doubly encoded, as the base text needs them: that maps "%" to "%25" and
+// keeps every other byte, which leaves their order by (singly) encoded key
+// unchanged.
 struct Entry {
     std::uint32_t keyOffset;
     std::uint32_t keyLength;
@@ -109,10 +193,10 @@ struct Scratch {
     void add(std::string_view key, std::string_view value) {
         Entry entry{};
         entry.keyOffset = static_cast<std::uint32_t>(arena.size());
-        OAuth::appendRfc3986encoded(arena, key);
+        appendDoublyEncoded(arena, key);
         entry.keyLength = static_cast<std::uint32_t>(arena.size() - entry.keyOffset);
         entry.valueOffset = static_cast<std::uint32_t>(arena.size());
-        OAuth::appendRfc3986encoded(arena, value);
+        appendDoublyEncoded(arena, value);
         entry.valueLength = static_cast<std::uint32_t>(arena.size() - entry.valueOffset);
         entries.push_back(entry);
     }
@@ -128,6 +212,35 @@ struct Timestamp {
         view = std::string_view(text, static_cast<size_t>(result.ptr - text));
     }
 };
+
+void appendBaseURL(std::string& out, const Url& url) {
+    const size_t start = out.size();
+    appendLower(out, url.scheme());
+    out.append("://");
+    if (url.user()) {
+        out.append(*url.user());
+        if (url.password()) {
+            out.push_back(':');
+            out.append(*url.password());
+        }
+        out.push_back('@');
+    }
+    appendLower(out, url.host());
+    if (const auto port = url.port()) {
+        const std::string_view scheme(out.data() + start, url.scheme().size());
+        const bool isHttp = scheme == "http";
+        const bool isHttps = scheme == "https";
+        if ((isHttp && *port != 80) || (isHttps && *port != 443)) {
+            out.push_back(':');
+            out.append(std::to_string(*port));
+        }
+    }
+    std::string_view path = url.path();
+    // The path as the URL reports it: a trailing slash is not part of it,
+    // though the root path "/" stays what it is.
+    while (path.size() > 1 && path.back() == '/') path.remove_suffix(1);
+    out.append(path);
+}
 
 void appendBaseText(std::string& base, const Url& url, std::string_view method, const OAuthParameters& parameters,
                     const OAuthCredentials& consumer, const std::optional<OAuthCredentials>& user,
@@ -149,17 +262,20 @@ void appendBaseText(std::string& base, const Url& url, std::string_view method, 
 
     OAuth::appendRfc3986encoded(base, method);
     base.push_back('&');
-    OAuth::appendRfc3986encoded(base, OAuth::oAuthBaseURL(url));
+    thread_local std::string baseURL;
+    baseURL.clear();
+    appendBaseURL(baseURL, url);
+    OAuth::appendRfc3986encoded(base, baseURL);
     base.push_back('&');
-    // Encoding the joined parameter text is the same as encoding its pieces
-    // with the separators written as %3D and %26, which spares building it.
+    // The encoded parameter text, written piece by piece with its separators
+    // already encoded as %3D and %26.
     bool first = true;
     for (const auto& entry : scratch.entries) {
         if (!first) base.append("%26");
         first = false;
-        OAuth::appendRfc3986encoded(base, scratch.key(entry));
+        base.append(scratch.key(entry));
         base.append("%3D");
-        OAuth::appendRfc3986encoded(base, scratch.value(entry));
+        base.append(scratch.value(entry));
     }
 }
 
@@ -188,15 +304,18 @@ void appendHeaderPair(std::string& header, std::string_view key, std::string_vie
 }  // namespace
 
 void OAuth::appendRfc3986encoded(std::string& out, std::string_view text) {
+    // This runs over every byte of the base text twice per signature, so it
+    // makes room for the worst case (plus the padding of the last store) and
+    // then writes without a branch per byte.
+    const size_t start = out.size();
+    out.resize(start + text.size() * 3 + 1);
+    char* p = out.data() + start;
     for (char c : text) {
-        const auto byte = static_cast<unsigned char>(c);
-        if (kUnreserved[byte]) {
-            out.push_back(c);
-        } else {
-            const char escape[3] = {'%', kHex[byte >> 4], kHex[byte & 0x0F]};
-            out.append(escape, 3);
-        }
+        const EncodedByte& encoded = kEncoding[static_cast<unsigned char>(c)];
+        std::memcpy(p, encoded.text, 4);
+        p += encoded.length;
     }
+    out.resize(static_cast<size_t>(p - out.data()));
 }
 
 std::string OAuth::rfc3986encode(std::string_view text) {
@@ -223,32 +342,7 @@ OAuthParameters OAuth::queryParameters(const Url& url) {
 
 std::string OAuth::oAuthBaseURL(const Url& url) {
     std::string out;
-    out.reserve(url.absoluteString().size());
-    appendLower(out, url.scheme());
-    out.append("://");
-    if (url.user()) {
-        out.append(*url.user());
-        if (url.password()) {
-            out.push_back(':');
-            out.append(*url.password());
-        }
-        out.push_back('@');
-    }
-    appendLower(out, url.host());
-    if (const auto port = url.port()) {
-        std::string_view scheme(out.data(), url.scheme().size());
-        const bool isHttp = scheme == "http";
-        const bool isHttps = scheme == "https";
-        if ((isHttp && *port != 80) || (isHttps && *port != 443)) {
-            out.push_back(':');
-            out.append(std::to_string(*port));
-        }
-    }
-    std::string_view path = url.path();
-    // The path as the URL reports it: a trailing slash is not part of it,
-    // though the root path "/" stays what it is.
-    while (path.size() > 1 && path.back() == '/') path.remove_suffix(1);
-    out.append(path);
+    appendBaseURL(out, url);
     return out;
 }
 
@@ -310,7 +404,8 @@ std::string OAuth::calculateSignature(const Url& url, std::string_view method, c
                                       const OAuthCredentials& consumer, const std::optional<OAuthCredentials>& user) {
     const auto now = std::chrono::system_clock::now().time_since_epoch();
     const auto seconds = std::chrono::duration_cast<std::chrono::seconds>(now).count();
-    return calculateSignature(url, method, parameters, consumer, user, Uuid::random().text(),
+    char nonce[36];
+    return calculateSignature(url, method, parameters, consumer, user, randomNonce(nonce),
                               static_cast<std::int64_t>(seconds));
 }
 

@@ -8,6 +8,7 @@
 #include <cstdlib>
 #include <map>
 #include <regex>
+#include <set>
 
 namespace palomir {
 namespace {
@@ -118,6 +119,18 @@ TEST(OAuthSignature, FreshSignaturesCarryDistinctUpperCaseNoncesAndTheCurrentTim
     const long long stamp = std::stoll(first["oauth_timestamp"]);
     EXPECT_GE(stamp, before);
     EXPECT_LE(stamp, after);
+}
+
+TEST(OAuthSignature, NoncesStayDistinctVersion4UuidsAcrossManySignatures) {
+    const Url target = url("https://api.example.com/api/services");
+    std::set<std::string> nonces;
+    const std::regex v4("[0-9A-F]{8}-[0-9A-F]{4}-4[0-9A-F]{3}-[89AB][0-9A-F]{3}-[0-9A-F]{12}");
+    for (int i = 0; i < 300; ++i) {
+        auto nonce = headerPairs(OAuth::calculateSignature(target, "GET", {}, {"k", "s"}, std::nullopt))["oauth_nonce"];
+        ASSERT_TRUE(std::regex_match(nonce, v4)) << nonce;
+        nonces.insert(nonce);
+    }
+    EXPECT_EQ(nonces.size(), 300u);
 }
 
 TEST(OAuthSignature, EqualKeysKeepCollectionOrderAndKeysSortByteWise) {
