@@ -1,0 +1,95 @@
+#pragma once
+
+#include <QtCore/QMarginsF>
+#include <QtCore/QObject>
+#include <QtCore/QPointer>
+#include <QtQuick/QQuickItem>
+
+#include <optional>
+
+#include "palomir/model.hpp"
+#include "palomir/qt/export.hpp"
+
+namespace palomir::qt {
+
+/// Where a banner sits; decides which way the expand chevron points.
+enum class MessageViewLocation { top = 0, bottom = 1 };
+
+/// The appearance the banner colours itself for.
+enum class UserInterfaceStyle { unspecified = 0, light = 1, dark = 2 };
+
+/// The service message banner: a card with a one-line title, a description
+/// that expands and collapses, and a more-info button. Layout
+/// "MessageViewController"; the outlets roundedCornersView,
+/// expandingStackView, titleLabel, expandButton, descriptionLabel,
+/// moreInfoButton and descriptionContainer are required (a layout without
+/// one stops the process when a message is assigned).
+class PALOMIR_QT_API MessageViewController : public QObject {
+    Q_OBJECT
+public:
+    /// Duration of the expand and collapse animation, in milliseconds.
+    static constexpr int toggleDuration = 100;
+
+    explicit MessageViewController(QObject* parent = nullptr);
+    ~MessageViewController() override;
+
+    QQuickItem* view() const { return _root; }
+
+    const std::optional<ServiceMessage>& message() const { return _message; }
+    /// Renders the message; the card's colour is chosen now, for the
+    /// appearance in effect now.
+    void setMessage(ServiceMessage message);
+
+    MessageViewLocation location() const { return _location; }
+    void setLocation(MessageViewLocation location);
+
+    /// The appearance to colour for; `unspecified` (the default) follows the
+    /// application's palette.
+    void setUserInterfaceStyle(UserInterfaceStyle style) { _style = style; }
+    /// The appearance in effect: never `unspecified`.
+    UserInterfaceStyle userInterfaceStyle() const;
+
+    QQuickItem* roundedCornersView() const { return _roundedCornersView; }
+    QQuickItem* expandingStackView() const { return _expandingStackView; }
+    QQuickItem* titleLabel() const { return _titleLabel; }
+    QQuickItem* expandButton() const { return _expandButton; }
+    QQuickItem* descriptionLabel() const { return _descriptionLabel; }
+    QQuickItem* moreInfoButton() const { return _moreInfoButton; }
+    QQuickItem* descriptionContainer() const { return _descriptionContainer; }
+    /// Whether the chevron currently points up.
+    bool chevronFlipped() const { return _chevronFlipped; }
+
+public Q_SLOTS:
+    /// Expands or collapses the description, animated.
+    void expandButtonPressed();
+    /// Opens the message's URL, if any; the banner stays.
+    void moreInfosButtonPressed();
+
+private:
+    void apply(const ServiceMessage& message);
+    void setChevron(bool flipped);
+    void requireOutlets() const;
+
+    QPointer<QQuickItem> _root;
+    QPointer<QQuickItem> _roundedCornersView, _expandingStackView, _titleLabel, _expandButton;
+    QPointer<QQuickItem> _descriptionLabel, _moreInfoButton, _descriptionContainer;
+    std::optional<ServiceMessage> _message;
+    MessageViewLocation _location = MessageViewLocation::top;
+    UserInterfaceStyle _style = UserInterfaceStyle::unspecified;
+    bool _chevronFlipped = false;
+};
+
+/// Shows the message of the configuration's worst service in a banner on
+/// `view`, anchored to the top or bottom of its safe area (see
+/// setSafeAreaMargins) at `yDistance` and centred horizontally. The banner
+/// controller is a child of `host`: the last one found there is reused. With
+/// no configuration nothing changes; with no message every banner of `host`
+/// is removed. Returns the banner shown, or nothing.
+PALOMIR_QT_API MessageViewController* updateMessageView(QObject* host, QQuickItem* view,
+                                                        MessageViewLocation location, qreal yDistance,
+                                                        const std::optional<Configuration>& configuration);
+
+/// Records the insets of `view` that banners keep clear of.
+PALOMIR_QT_API void setSafeAreaMargins(QQuickItem* view, QMarginsF margins);
+
+}  // namespace palomir::qt

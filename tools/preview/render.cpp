@@ -1,0 +1,157 @@
+#include "render.hpp"
+
+#include <QtCore/QDir>
+#include <QtCore/QElapsedTimer>
+#include <QtCore/QEventLoop>
+#include <QtCore/QTimer>
+#include <QtGui/QGuiApplication>
+#include <QtGui/QImage>
+#include <QtQml/QQmlComponent>
+#include <QtQuick/QQuickWindow>
+#include <QtQuick/QSGRendererInterface>
+
+#include <memory>
+
+#include "palomir/qt/application.hpp"
+#include "palomir/qt/feature_view_controller.hpp"
+#include "palomir/qt/lockdown_view_controller.hpp"
+#include "palomir/qt/message_view_controller.hpp"
+#include "palomir/qt/quick_window.hpp"
+
+namespace palomir::preview {
+namespace {
+
+// A stand-in for the host application's own screen, so that what lies
+// beneath an overlay can be seen.
+constexpr char kHostScreen[] = R"(
+import QtQuick
+Rectangle {
+    property bool dark: false
+    color: dark ? "#000000" : "#F2F2F7"
+    Column {
+        x: 16; y: 120; width: parent.width - 32; spacing: 12
+        Text { text: "Inbox"; font.pixelSize: 34; font.weight: Font.Bold; color: dark ? "#FFFFFF" : "#000000" }
+        Repeater {
+            model: 6
+            Rectangle {
+                width: parent.width; height: 64; radius: 10
+                color: dark ? "#1C1C1E" : "#FFFFFF"
+            }
+        }
+    }
+}
+)";
+
+void wait(int milliseconds) {
+    QEventLoop loop;
+    QTimer::singleShot(milliseconds, &loop, &QEventLoop::quit);
+    loop.exec();
+}
+
+struct Stage {
+    std::unique_ptr<QQuickWindow> window;
+    std::unique_ptr<QQuickItem> host;
+    std::shared_ptr<qt::RootViewController> root;
+};
+
+Stage makeStage(Appearance appearance, const RenderOptions& options) {
+    Stage stage;
+    stage.window = std::make_unique<QQuickWindow>();
+    stage.window->resize(options.size);
+    stage.window->setColor(appearance == Appearance::dark ? Qt::black : Qt::white);
+    QQmlComponent component(&qt::layoutEngine());
+    component.setData(kHostScreen, QUrl::fromLocalFile(QStringLiteral("/palomir-preview/host.qml")));
+    stage.host.reset(qobject_cast<QQuickItem*>(component.create()));
+    if (stage.host) {
+        stage.host->setProperty("dark", appearance == Appearance::dark);
+        stage.host->setParentItem(stage.window->contentItem());
+        stage.host->setSize(QSizeF(options.size));
+        qt::setSafeAreaMargins(stage.host.get(), options.safeArea);
+    }
+    stage.root = std::make_shared<qt::RootViewController>(stage.window->contentItem());
+    stage.root->setSafeAreaMargins(options.safeArea);
+    stage.window->show();
+    return stage;
+}
+
+bool save(QQuickWindow& window, const QString& path, QStringList& written, QString* error) {
+    const QImage image = window.grabWindow();
+    if (image.isNull() || !image.save(path)) {
+        if (error) *error = QStringLiteral("could not write ") + path;
+        return false;
+    }
+    written << path;
+    return true;
+}
+
+template <class Screen>
+bool shoot(std::shared_ptr<Screen> screen, Appearance appearance, const RenderOptions& options, const QString& path,
+           QStringList& written, QString* error) {
+    auto stage = makeStage(appearance, options);
+    bool shown = false;
+    stage.root->present(std::static_pointer_cast<qt::Presentable>(screen), false, [&shown] { shown = true; });
+    QElapsedTimer timer;
+    timer.start();
+    while (!shown && timer.elapsed() < 2000) wait(10);
+    wait(options.settleMilliseconds);
+    return save(*stage.window, path, written, error);
+}
+
+}  // namespace
+
+void prepareEnvironment() {
+    if (qEnvironmentVariableIsEmpty("QT_QPA_PLATFORM") && qEnvironmentVariableIsEmpty("DISPLAY") &&
+        qEnvironmentVariableIsEmpty("WAYLAND_DISPLAY")) {
+        qputenv("QT_QPA_PLATFORM", "offscreen");
+    }
+    QQuickWindow::setGraphicsApi(QSGRendererInterface::Software);
+}
+
+QStringList renderConfiguration(const Configuration& configuration, const QString& directory, const QString& prefix,
+                                Appearance appearance, const RenderOptions& options, QString* error) {
+    QStringList written;
+    QDir().mkpath(directory);
+    const QString suffix = appearance == Appearance::dark ? QStringLiteral("dark") : QStringLiteral("light");
+    const auto file = [&](const QString& screen) {
+        return QDir(directory).filePath(QStringLiteral("%1-%2-%3.png").arg(prefix, screen, suffix));
+    };
+
+    {
+        auto notes = configuration;
+        if (!notes.lockdown.notes) notes.lockdown.notes = notes.notes;
+        auto screen = std::make_shared<qt::FeatureViewController>();
+        screen->setConfig(notes);
+        if (!shoot(screen, appearance, options, file(QStringLiteral("notes")), written, error)) return written;
+    }
+    {
+        auto screen = std::make_shared<qt::LockdownViewController>();
+        screen->setConfig(configuration);
+        if (!shoot(screen, appearance, options, file(QStringLiteral("lockdown")), written, error)) return written;
+    }
+
+    const auto worst = configuration.worstService();
+    if (!worst || !worst->message) return written;
+    for (const bool expanded : {false, true}) {
+        for (const auto location : {qt::MessageViewLocation::top, qt::MessageViewLocation::bottom}) {
+            auto stage = makeStage(appearance, options);
+            QObject owner;
+            auto* banner = qt::updateMessageView(&owner, stage.host.get(), location,
+                                                 location == qt::MessageViewLocation::top ? 8.0 : -8.0, configuration);
+            if (!banner) continue;
+            banner->setUserInterfaceStyle(appearance == Appearance::dark ? qt::UserInterfaceStyle::dark
+                                                                          : qt::UserInterfaceStyle::light);
+            banner->setMessage(*worst->message);
+            if (expanded) banner->expandButtonPressed();
+            wait(qt::MessageViewController::toggleDuration + options.settleMilliseconds);
+            const QString name = QStringLiteral("banner-%1%2")
+                                     .arg(location == qt::MessageViewLocation::top ? QStringLiteral("top")
+                                                                                   : QStringLiteral("bottom"),
+                                          expanded ? QStringLiteral("-expanded") : QString());
+            if (!save(*stage.window, file(name), written, error)) return written;
+            delete banner;
+        }
+    }
+    return written;
+}
+
+}  // namespace palomir::preview

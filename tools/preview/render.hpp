@@ -1,0 +1,39 @@
+#pragma once
+
+// Renders the screens of a configuration into PNG files, the way a phone
+// would show them over a host application.
+
+#include <QtCore/QMarginsF>
+#include <QtCore/QSize>
+#include <QtCore/QString>
+#include <QtCore/QStringList>
+
+#include "palomir/model.hpp"
+
+namespace palomir::preview {
+
+enum class Appearance { light, dark };
+
+struct RenderOptions {
+    QSize size{390, 844};
+    /// Status bar above, home indicator below.
+    QMarginsF safeArea{0, 47, 0, 34};
+    /// How long image downloads may take before the picture is taken.
+    int settleMilliseconds = 150;
+};
+
+/// Call before the application object is made: software rendering, and the
+/// offscreen platform when no display is named.
+void prepareEnvironment();
+
+/// Writes "<prefix>-notes-<appearance>.png", "<prefix>-lockdown-<appearance>.png"
+/// and, when the worst service has a message, "<prefix>-banner-top-<appearance>.png",
+/// "<prefix>-banner-bottom-<appearance>.png" and their "-expanded" forms into
+/// `directory`. The
+/// notes screen shows the lockdown's notes, or the configuration's own when
+/// the lockdown has none. Returns the files written; `error` tells why one
+/// could not be.
+QStringList renderConfiguration(const Configuration& configuration, const QString& directory, const QString& prefix,
+                                Appearance appearance, const RenderOptions& options, QString* error);
+
+}  // namespace palomir::preview
