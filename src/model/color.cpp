@@ -1,3 +1,4 @@
+#include <array>
 #include <cstdint>
 #include <string>
 #include <vector>
@@ -44,40 +45,58 @@ int hexValue(char32_t c) {
 // A hexadecimal scanner: leading white space skipped, an optional 0x/0X, then
 // the longest run of hex digits. A lone "0" before a non-hex "x" still counts
 // as the digit 0.
-std::optional<std::uint64_t> scanHex(const std::vector<char32_t>& chars) {
+std::optional<std::uint64_t> scanHex(const char32_t* chars, std::size_t size) {
     std::size_t i = 0;
-    while (i < chars.size() && isWhitespaceOrNewline(chars[i])) ++i;
-    if (i + 2 < chars.size() && chars[i] == '0' && (chars[i + 1] == 'x' || chars[i + 1] == 'X') &&
-        hexValue(chars[i + 2]) >= 0)
+    while (i < size && isWhitespaceOrNewline(chars[i])) ++i;
+    if (i + 2 < size && chars[i] == '0' && (chars[i + 1] == 'x' || chars[i + 1] == 'X') && hexValue(chars[i + 2]) >= 0)
         i += 2;
     std::uint64_t value = 0;
     std::size_t read = 0;
-    for (; i < chars.size() && hexValue(chars[i]) >= 0; ++i, ++read)
+    for (; i < size && hexValue(chars[i]) >= 0; ++i, ++read)
         value = (value << 4) | static_cast<std::uint64_t>(hexValue(chars[i]));
     if (read == 0) return std::nullopt;
     return value;
 }
 
-}  // namespace
+// `chars` is the text after trimming and removing the "#".
+Color fromTrimmed(const char32_t* chars, std::size_t size) {
+    const Color transparentBlack{0.0, 0.0, 0.0, 0.0};
+    char32_t doubled[6];
+    if (size == 3) {
+        for (std::size_t i = 0; i < 3; ++i) doubled[2 * i] = doubled[2 * i + 1] = chars[i];
+        chars = doubled;
+        size = 6;
+    }
+    if (size != 6 && size != 8) return transparentBlack;
+    const auto scanned = scanHex(chars, size);
+    if (!scanned) return transparentBlack;
+    const std::uint64_t v = *scanned;
+    auto component = [v](int shift) { return static_cast<double>((v >> shift) & 0xFF) / 255.0; };
+    if (size == 6) return Color{component(16), component(8), component(0), 1.0};
+    return Color{component(24), component(16), component(8), component(0)};
+}
 
-Color Color::fromHex(std::string_view text) {
-    std::vector<char32_t> chars = decodeUtf8(text);
+template <class Chars>
+Color fromCodePoints(const Chars& chars) {
     std::size_t begin = 0, end = chars.size();
     while (begin < end && isWhitespaceOrNewline(chars[begin])) ++begin;
     while (end > begin && isWhitespaceOrNewline(chars[end - 1])) --end;
     if (begin < end && chars[begin] == '#') ++begin;
-    chars = std::vector<char32_t>(chars.begin() + static_cast<std::ptrdiff_t>(begin),
-                                  chars.begin() + static_cast<std::ptrdiff_t>(end));
-    if (chars.size() == 3) chars = {chars[0], chars[0], chars[1], chars[1], chars[2], chars[2]};
+    return fromTrimmed(chars.data() + begin, end - begin);
+}
 
-    const Color transparentBlack{0.0, 0.0, 0.0, 0.0};
-    if (chars.size() != 6 && chars.size() != 8) return transparentBlack;
-    const auto scanned = scanHex(chars);
-    if (!scanned) return transparentBlack;
-    const std::uint64_t v = *scanned;
-    auto component = [v](int shift) { return static_cast<double>((v >> shift) & 0xFF) / 255.0; };
-    if (chars.size() == 6) return Color{component(16), component(8), component(0), 1.0};
-    return Color{component(24), component(16), component(8), component(0)};
+}  // namespace
+
+Color Color::fromHex(std::string_view text) {
+    // Colours are short ASCII texts; only others pay for a decoded copy.
+    bool ascii = text.size() <= 32;
+    for (std::size_t i = 0; ascii && i < text.size(); ++i) ascii = static_cast<unsigned char>(text[i]) < 0x80;
+    if (ascii) {
+        std::array<char32_t, 32> buffer{};
+        for (std::size_t i = 0; i < text.size(); ++i) buffer[i] = static_cast<unsigned char>(text[i]);
+        return fromCodePoints(std::basic_string_view<char32_t>(buffer.data(), text.size()));
+    }
+    return fromCodePoints(decodeUtf8(text));
 }
 
 }  // namespace palomir

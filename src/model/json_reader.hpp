@@ -27,6 +27,8 @@ struct DecodeFailure {
 /// The member being read, kept as a stack while descending.
 class JsonPath {
 public:
+    JsonPath() { _segments.reserve(16); }
+
     void push(std::string_view key) { _segments.push_back({key, 0, true}); }
     void push(std::size_t index) { _segments.push_back({{}, index, false}); }
     void pop() { _segments.pop_back(); }
