@@ -130,6 +130,10 @@ private:
     Palomir();
     ~Palomir() override;
 
+    void fetchServices(bool system, std::shared_ptr<DispatchQueue> queue, Completion<ServicesResult> completion);
+    void fetchService(const std::string& identifier, bool system, std::shared_ptr<DispatchQueue> queue,
+                      Completion<ServiceResult> completion);
+
     std::unique_ptr<NotificationCenter> _notificationCenter;
     std::shared_ptr<DispatchQueue> _queue;
     std::shared_ptr<Impl> _impl;
