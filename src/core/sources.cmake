@@ -2,5 +2,4 @@ list(APPEND PALOMIR_SOURCES
   ${CMAKE_CURRENT_LIST_DIR}/errors.cpp
   ${CMAKE_CURRENT_LIST_DIR}/palomir.cpp
   ${CMAKE_CURRENT_LIST_DIR}/presentation.cpp
-  ${CMAKE_CURRENT_LIST_DIR}/../api/api_client.cpp
 )

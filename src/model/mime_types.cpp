@@ -39,7 +39,8 @@ std::string lowercase(std::string_view text) {
 }
 
 // Lines are "type ext ext ..."; '#' starts a comment. The first type listed
-// for an extension wins.
+// for an extension wins. The system's list is read first; the built-in
+// table fills what it lacks (it knows no "log", which Palomir attaches).
 MimeTable loadTable() {
     std::ifstream file("/etc/mime.types");
     if (!file) return builtInTable();
@@ -52,7 +53,7 @@ MimeTable loadTable() {
         if (!(words >> type)) continue;
         while (words >> extension) table.emplace(lowercase(extension), type);
     }
-    if (table.empty()) return builtInTable();
+    for (auto& [extension, type] : builtInTable()) table.emplace(extension, type);
     return table;
 }
 

@@ -138,6 +138,8 @@ TEST(MimeTypes, KnowsCommonTypesCaseInsensitively) {
     EXPECT_EQ(mimeTypeForExtension("json"), "application/json");
     EXPECT_EQ(mimeTypeForExtension("PNG"), "image/png");
     EXPECT_EQ(mimeTypeForExtension("pdf"), "application/pdf");
+    // Log files are attached to feedback; the system list may not know them.
+    EXPECT_EQ(mimeTypeForExtension("log"), "text/plain");
     EXPECT_EQ(mimeTypeForExtension(""), "");
     EXPECT_EQ(mimeTypeForExtension("definitely-unknown"), "");
 }
