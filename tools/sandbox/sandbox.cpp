@@ -71,7 +71,8 @@ bool hasJsonContentType(const httplib::Request& request) {
     std::size_t count = request.get_header_value_count("Content-Type");
     if (count == 0) return false;
     for (std::size_t i = 0; i < count; ++i) {
-        std::string_view value = request.get_header_value("Content-Type", i);
+        const std::string field = request.get_header_value("Content-Type", i);
+        std::string_view value = field;
         while (true) {
             auto comma = value.find(',');
             std::string part = trim(value.substr(0, comma));
@@ -343,7 +344,7 @@ Answer Sandbox::State::checkin(const httplib::Request& request, const std::strin
     if (body.hasError()) return errorAnswer(400, "Body is not JSON: " + body.error().reason);
     auto info = body.value().find("app_info");
     if (!body.value().is_object() || info == body.value().end() || !info->is_object())
-        return errorAnswer(422, "app_info: missing");
+        return errorAnswer(422, "app_info: missing required key");
 
     Scenario current;
     {
@@ -383,7 +384,7 @@ Answer Sandbox::State::startDirectUpload(const httplib::Request& request) {
     if (!hasJsonContentType(request)) return errorAnswer(415, "Content-Type must be application/json");
     auto body = parseJson(request.body);
     if (body.hasError()) return errorAnswer(400, "Body is not JSON: " + body.error().reason);
-    if (!body.value().is_object() || !body.value().contains("blob")) return errorAnswer(422, "blob: missing");
+    if (!body.value().is_object() || !body.value().contains("blob")) return errorAnswer(422, "blob: missing required key");
     auto blob = decode<DirectUpload>(body.value()["blob"]);
     if (blob.hasError()) {
         const auto& error = blob.error();
@@ -456,7 +457,7 @@ Answer Sandbox::State::feedbackRoute(const httplib::Request& request) {
     auto body = parseJson(request.body);
     if (body.hasError()) return errorAnswer(400, "Body is not JSON: " + body.error().reason);
     const Json& document = body.value();
-    if (!document.is_object() || !document.contains("feedback")) return errorAnswer(422, "feedback: missing");
+    if (!document.is_object() || !document.contains("feedback")) return errorAnswer(422, "feedback: missing required key");
     auto decoded = decode<Feedback>(document["feedback"]);
     if (decoded.hasError()) {
         const auto& error = decoded.error();
@@ -464,7 +465,7 @@ Answer Sandbox::State::feedbackRoute(const httplib::Request& request) {
                            (error.keyPath.empty() ? "feedback" : "feedback." + error.keyPath) + ": " + error.reason);
     }
     auto info = document.find("app_info");
-    if (info == document.end() || !info->is_object()) return errorAnswer(422, "app_info: missing");
+    if (info == document.end() || !info->is_object()) return errorAnswer(422, "app_info: missing required key");
 
     const Feedback& submitted = decoded.value();
     RecordedFeedback record;

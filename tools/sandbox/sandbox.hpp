@@ -96,20 +96,20 @@ struct SandboxOptions {
     std::string appToken = "sandbox-token";
     std::string appSecret = "sandbox-secret";
     /// A scenario file, or (when set) a scenario document as JSON text.
-    std::filesystem::path scenarioFile;
-    std::string scenarioJson;
+    std::filesystem::path scenarioFile = {};
+    std::string scenarioJson = {};
     /// Where feedback and uploads are recorded; empty: a fresh temporary
     /// directory, removed when the sandbox goes.
-    std::filesystem::path dataDirectory;
+    std::filesystem::path dataDirectory = {};
     /// Where "localhost.crt" (DER) and "ca.pem" are written; empty:
     /// <data directory>/bundle.
-    std::filesystem::path bundleDirectory;
+    std::filesystem::path bundleDirectory = {};
     /// PEM files of a server certificate chain (leaf first) and its key;
     /// empty: a CA and a localhost certificate are made at start.
-    std::filesystem::path certificateFile;
-    std::filesystem::path keyFile;
+    std::filesystem::path certificateFile = {};
+    std::filesystem::path keyFile = {};
     /// Faults in force from the start.
-    std::vector<std::pair<Route, Fault>> faults;
+    std::vector<std::pair<Route, Fault>> faults = {};
     /// Value of the Cache-Control header of service answers.
     std::string cacheControl = "max-age=60";
     /// Largest accepted clock difference of a signature's timestamp.

@@ -39,7 +39,7 @@ Result<Scenario, std::string> Scenario::fromJson(const nlohmann::json& document,
     if (!document.is_object()) return Err{std::string("scenario: expected an object")};
     auto configuration = document.find("configuration");
     if (configuration == document.end() || configuration->is_null())
-        return Err{std::string("configuration: missing")};
+        return Err{std::string("configuration: missing required key")};
     auto decoded = decode<Configuration>(*configuration);
     if (decoded.hasError()) return Err{describe("configuration", decoded.error())};
 

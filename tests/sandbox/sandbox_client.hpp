@@ -1,0 +1,107 @@
+#pragma once
+
+// Talks to a sandbox the way the API client does: OAuth-signed requests over
+// TLS, trusting only the sandbox's own CA.
+
+#include <httplib.h>
+
+#include <chrono>
+#include <optional>
+#include <string>
+
+#include "api/oauth.hpp"
+#include "sandbox.hpp"
+
+namespace palomir::sandbox::testing {
+
+struct Signing {
+    std::string token = "sandbox-token";
+    std::string secret = "sandbox-secret";
+    /// Seconds added to the current time.
+    std::int64_t clockOffset = 0;
+    /// Sign this URL instead of the one requested.
+    std::optional<std::string> signedURL = std::nullopt;
+    /// Send this Authorization value as it stands.
+    std::optional<std::string> authorization = std::nullopt;
+    bool sign = true;
+};
+
+struct Reply {
+    bool answered = false;
+    httplib::Error error = httplib::Error::Success;
+    int status = 0;
+    std::string body;
+    httplib::Headers headers;
+    std::chrono::milliseconds elapsed{0};
+
+    std::string header(const std::string& name) const {
+        auto found = headers.find(name);
+        return found == headers.end() ? std::string() : found->second;
+    }
+};
+
+inline std::string authorizationFor(const std::string& url, const std::string& method, const Signing& signing) {
+    auto parsed = Url::parse(url);
+    auto now = std::chrono::duration_cast<std::chrono::seconds>(std::chrono::system_clock::now().time_since_epoch());
+    return OAuth::calculateSignature(*parsed, method, {}, OAuthCredentials{signing.token, signing.secret},
+                                     std::nullopt, "2F1E5C4B-8D7A-4A3B-9C2D-1E0F9A8B7C6D",
+                                     now.count() + signing.clockOffset);
+}
+
+class SandboxClient {
+public:
+    explicit SandboxClient(const Sandbox& sandbox, std::string host = "localhost")
+        : _sandbox(sandbox), _host(std::move(host)) {}
+
+    std::chrono::milliseconds readTimeout{10000};
+
+    /// `target` is the path and query under the server root ("/api/services/").
+    Reply send(const std::string& method, const std::string& target, const std::string& body = {},
+               const Signing& signing = {}, httplib::Headers headers = {}) const {
+        httplib::SSLClient client(_host, _sandbox.port());
+        client.set_ca_cert_path(_sandbox.caFile().c_str());
+        client.enable_server_certificate_verification(true);
+        client.set_decompress(false);
+        client.set_connection_timeout(std::chrono::seconds(5));
+        client.set_read_timeout(readTimeout);
+
+        std::string url = "https://" + _host + ":" + std::to_string(_sandbox.port()) + target;
+        if (signing.authorization)
+            headers.emplace("Authorization", *signing.authorization);
+        else if (signing.sign)
+            headers.emplace("Authorization", authorizationFor(signing.signedURL.value_or(url), method, signing));
+
+        httplib::Request request;
+        request.method = method;
+        request.path = target;
+        request.headers = std::move(headers);
+        if (method != "GET") {
+            request.body = body;
+            if (!request.has_header("Content-Type"))
+                request.headers.emplace("Content-Type", "application/json, application/json");
+        }
+        auto start = std::chrono::steady_clock::now();
+        auto result = client.send(request);
+        Reply reply;
+        reply.elapsed =
+            std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now() - start);
+        reply.error = result.error();
+        if (result) {
+            reply.answered = true;
+            reply.status = result->status;
+            reply.body = result->body;
+            reply.headers = result->headers;
+        }
+        return reply;
+    }
+
+    Reply checkin(const Signing& signing = {}) const {
+        return send("PUT", "/api/checkin/sandbox-token", R"({"app_info": {"app_version": "1.0"}})", signing);
+    }
+
+private:
+    const Sandbox& _sandbox;
+    std::string _host;
+};
+
+}  // namespace palomir::sandbox::testing

@@ -1,0 +1,395 @@
+#include <gtest/gtest.h>
+
+#include <cstdio>
+#include <fstream>
+#include <sys/wait.h>
+#include <set>
+#include <thread>
+
+#include "palomir/model.hpp"
+#include "palomir_test/tls.hpp"
+#include "platform/crypto.hpp"
+#include "sandbox_client.hpp"
+
+namespace palomir::sandbox {
+namespace {
+
+namespace fs = std::filesystem;
+using Json = nlohmann::json;
+using testing::Reply;
+using testing::SandboxClient;
+using testing::Signing;
+
+const fs::path kScenarios = PALOMIR_SCENARIO_DIR;
+
+std::string readText(const fs::path& path) {
+    std::ifstream in(path, std::ios::binary);
+    return std::string(std::istreambuf_iterator<char>(in), {});
+}
+
+class SandboxTest : public ::testing::Test {
+protected:
+    void start(SandboxOptions options = {}) {
+        options.logRequests = false;
+        sandbox = std::make_unique<Sandbox>(std::move(options));
+        auto started = sandbox->start();
+        ASSERT_TRUE(started.hasValue()) << started.error();
+        client = std::make_unique<SandboxClient>(*sandbox);
+    }
+    void SetUp() override { start(); }
+
+    /// Announces and uploads `bytes`; returns the announcement's answer.
+    Json upload(const std::string& filename, const std::string& bytes) {
+        std::string checksum = crypto::base64Encode(crypto::md5(crypto::asBytes(bytes)));
+        Json blob{{"blob",
+                   {{"filename", filename},
+                    {"byte_size", bytes.size()},
+                    {"checksum", checksum},
+                    {"content_type", "text/plain"}}}};
+        Reply announced = client->send("POST", "/api/direct_uploads", blob.dump());
+        EXPECT_EQ(announced.status, 200) << announced.body;
+        Json answer = Json::parse(announced.body);
+        Reply put = putBytes(answer, bytes);
+        EXPECT_EQ(put.status, 204) << put.body;
+        return answer;
+    }
+
+    Reply putBytes(const Json& announcement, const std::string& bytes) {
+        auto url = Url::parse(announcement["direct_upload"]["url"].get<std::string>());
+        httplib::Headers headers;
+        for (const auto& [name, value] : announcement["direct_upload"]["headers"].items())
+            headers.emplace(name, value.get<std::string>());
+        return client->send("PUT", url->rawPath(), bytes, Signing{.sign = false}, headers);
+    }
+
+    std::unique_ptr<Sandbox> sandbox;
+    std::unique_ptr<SandboxClient> client;
+};
+
+// ---------------------------------------------------------------------------
+// Signatures
+
+TEST_F(SandboxTest, AcceptsACorrectSignatureWithTheDoubledContentTypeAndLogsTheRequest) {
+    Reply reply = client->send("PUT", "/api/checkin/sandbox-token", R"({"app_info": {}})", {},
+                               {{"X-Authorization-User", "user-42"}});
+    EXPECT_EQ(reply.status, 200) << reply.body;
+    EXPECT_TRUE(decodeJson<Configuration>(reply.body).hasValue());
+
+    auto requests = sandbox->requests();
+    ASSERT_EQ(requests.size(), 1u);
+    EXPECT_EQ(requests[0].method, "PUT");
+    EXPECT_EQ(requests[0].target, "/api/checkin/sandbox-token");
+    EXPECT_EQ(requests[0].status, 200);
+    EXPECT_EQ(requests[0].signature, "ok");
+    EXPECT_EQ(requests[0].header("x-authorization-user"), "user-42");
+    EXPECT_EQ(requests[0].header("Content-Type"), "application/json, application/json");
+    EXPECT_EQ(requests[0].body, R"({"app_info": {}})");
+}
+
+TEST_F(SandboxTest, AcceptsASignatureOverTheAddressTheClientUsed) {
+    SandboxClient byAddress(*sandbox, "127.0.0.1");
+    EXPECT_EQ(byAddress.send("GET", "/api/services/?page=2").status, 200);
+}
+
+struct RefusedSignature {
+    std::string name;
+    Signing signing;
+    std::string error;
+    std::string verdict;
+    friend void PrintTo(const RefusedSignature& value, std::ostream* out) { *out << value.name; }
+};
+
+class SignatureRefusal : public SandboxTest, public ::testing::WithParamInterface<RefusedSignature> {};
+
+TEST_P(SignatureRefusal, AnswersUnauthorizedWithTheReason) {
+    Reply reply = client->send("GET", "/api/services/", {}, GetParam().signing);
+    EXPECT_EQ(reply.status, 401);
+    EXPECT_EQ(reply.header("Content-Type"), "application/json");
+    EXPECT_EQ(Json::parse(reply.body), (Json{{"errors", {GetParam().error}}}));
+    ASSERT_EQ(sandbox->requests().size(), 1u);
+    EXPECT_EQ(sandbox->requests()[0].signature, GetParam().verdict);
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Sandbox, SignatureRefusal,
+    ::testing::Values(
+        RefusedSignature{"Missing", Signing{.sign = false}, "Missing OAuth Authorization header", "missing"},
+        RefusedSignature{"WrongSecret", Signing{.secret = "guessed"}, "Invalid signature", "invalid"},
+        RefusedSignature{"UnknownKey", Signing{.token = "someone-else"}, "Unknown consumer key", "unknown-key"},
+        RefusedSignature{"StaleTimestamp", Signing{.clockOffset = -301}, "Stale timestamp", "stale"},
+        RefusedSignature{"FutureTimestamp", Signing{.clockOffset = 301}, "Stale timestamp", "stale"},
+        RefusedSignature{"OtherPath", Signing{.signedURL = "https://localhost:1/api/feedback"}, "Invalid signature",
+                         "invalid"},
+        RefusedSignature{"NotOAuth", Signing{.authorization = "Bearer abc"}, "Malformed OAuth Authorization header",
+                         "malformed"},
+        RefusedSignature{"PlainText",
+                         Signing{.authorization = R"(OAuth oauth_consumer_key="sandbox-token",oauth_nonce="n",)"
+                                                  R"(oauth_signature="x",oauth_signature_method="PLAINTEXT",)"
+                                                  R"(oauth_timestamp="1")"},
+                         "Unsupported signature method", "unsupported-method"}),
+    [](const auto& info) { return info.param.name; });
+
+TEST_F(SandboxTest, AcceptsAtTheEdgeOfTheClockTolerance) {
+    EXPECT_EQ(client->checkin(Signing{.clockOffset = -295}).status, 200);
+    EXPECT_EQ(client->checkin(Signing{.clockOffset = 295}).status, 200);
+}
+
+TEST_F(SandboxTest, RefusesACheckinForAnotherTokenAndABodyWithoutAppInfo) {
+    Reply other = client->send("PUT", "/api/checkin/another-app", R"({"app_info": {}})");
+    EXPECT_EQ(other.status, 404);
+    EXPECT_EQ(other.body, R"({"errors":["Unknown app token"]})");
+    Reply bare = client->send("PUT", "/api/checkin/sandbox-token", R"({"info": {}})");
+    EXPECT_EQ(bare.status, 422);
+    EXPECT_EQ(bare.body, R"({"errors":["app_info: missing required key"]})");
+    Reply text = client->send("PUT", "/api/checkin/sandbox-token", R"({"app_info": {}})", {},
+                              {{"Content-Type", "text/plain"}});
+    EXPECT_EQ(text.status, 415);
+}
+
+// ---------------------------------------------------------------------------
+// Scenarios
+
+class ExampleScenario : public SandboxTest, public ::testing::WithParamInterface<std::string> {
+protected:
+    void SetUp() override {
+        SandboxOptions options;
+        options.scenarioFile = kScenarios / (GetParam() + ".json");
+        start(options);
+    }
+};
+
+TEST_P(ExampleScenario, ServesItsDocumentsAsTheClientDecodesThem) {
+    Json file = Json::parse(readText(kScenarios / (GetParam() + ".json")));
+
+    Reply checkin = client->checkin();
+    ASSERT_EQ(checkin.status, 200) << checkin.body;
+    ASSERT_TRUE(decodeJson<Configuration>(checkin.body).hasValue());
+    Json served = Json::parse(checkin.body);
+    if (file.contains("next_checkin_after_seconds")) {
+        auto due = plRFC3339Parse(served["next_checkin"]["automatically_at"].get<std::string>());
+        ASSERT_TRUE(due.has_value());
+        auto ahead = *due - std::chrono::system_clock::now();
+        EXPECT_GT(ahead, std::chrono::seconds(file["next_checkin_after_seconds"].get<int>() - 5));
+        served["next_checkin"].erase("automatically_at");
+    }
+    EXPECT_EQ(served, file["configuration"]);
+
+    for (const auto& [path, key] : {std::pair{"/api/services/", "services"}, {"/api/system_services/", "system_services"}}) {
+        Reply list = client->send("GET", path);
+        ASSERT_EQ(list.status, 200) << list.body;
+        EXPECT_EQ(list.header("Cache-Control"), "max-age=60");
+        auto decoded = decodeJson<ServicesResponse>(list.body);
+        ASSERT_TRUE(decoded.hasValue()) << decoded.error().message();
+        EXPECT_EQ(decoded.value().services.size(), file[key].size());
+
+        for (const auto& service : file[key]) {
+            std::string identifier = service["identifier"];
+            Reply single = client->send("GET", std::string(path) + identifier);
+            ASSERT_EQ(single.status, 200) << single.body;
+            EXPECT_EQ(single.header("Cache-Control"), "max-age=60");
+            auto one = decodeJson<ServiceResponse>(single.body);
+            ASSERT_TRUE(one.hasValue());
+            EXPECT_EQ(one.value().service.identifier, identifier);
+        }
+        Reply unknown = client->send("GET", std::string(path) + "no-such-service");
+        EXPECT_EQ(unknown.status, 404);
+        EXPECT_EQ(unknown.body, R"({"errors":["Unknown service: no-such-service"]})");
+    }
+}
+
+TEST_P(ExampleScenario, PassesTheCheckCommand) {
+    std::string command = std::string(PALOMIR_SANDBOX_PROGRAM) + " check " + (kScenarios / (GetParam() + ".json")).string();
+    FILE* pipe = ::popen(command.c_str(), "r");
+    ASSERT_NE(pipe, nullptr);
+    char buffer[256] = {};
+    std::string output;
+    while (std::fgets(buffer, sizeof buffer, pipe)) output += buffer;
+    EXPECT_EQ(WEXITSTATUS(::pclose(pipe)), 0);
+    EXPECT_EQ(output, "ok\n");
+}
+
+INSTANTIATE_TEST_SUITE_P(Sandbox, ExampleScenario,
+                         ::testing::Values("notes-only", "soft-lockdown", "hard-lockdown", "outage"),
+                         [](const auto& info) {
+                             std::string name = info.param;
+                             std::erase(name, '-');
+                             return name;
+                         });
+
+TEST(SandboxScenarioTest, OutageHasServicesInSeveralStatesWithLightAndDarkColours) {
+    auto file = Json::parse(readText(kScenarios / "outage.json"));
+    std::set<ServiceState> states;
+    for (const auto& entry : file["services"]) {
+        auto service = decode<Service>(entry);
+        ASSERT_TRUE(service.hasValue());
+        states.insert(service.value().state);
+        if (service.value().triggersMessage) {
+            ASSERT_TRUE(service.value().message.has_value());
+            EXPECT_TRUE(service.value().message->backgroundColorLight.has_value());
+            EXPECT_TRUE(service.value().message->backgroundColorDark.has_value());
+        }
+    }
+    EXPECT_GE(states.size(), 3u);
+}
+
+const char* kBadNote = R"({"configuration": {"version": "1", "theme": {"text_color": "#fff", "background_color": "#000"},
+    "notes": [{"identifier": "not-a-uuid", "title": "t", "content": "c"}],
+    "lockdown": {"active": false, "latest_version": "1"}}})";
+
+struct BadScenario {
+    std::string name;
+    std::string json;
+    std::string error;
+    friend void PrintTo(const BadScenario& value, std::ostream* out) { *out << value.name; }
+};
+
+class ScenarioRefusal : public SandboxTest, public ::testing::WithParamInterface<BadScenario> {};
+
+TEST_P(ScenarioRefusal, NamesTheKeyPathAndKeepsTheCurrentScenario) {
+    auto before = sandbox->scenario().configuration;
+    auto result = sandbox->setScenarioJson(GetParam().json);
+    ASSERT_TRUE(result.hasError());
+    EXPECT_EQ(result.error(), GetParam().error);
+    EXPECT_EQ(sandbox->scenario().configuration, before);
+
+    Reply posted = client->send("POST", "/_sandbox/scenario", GetParam().json, Signing{.sign = false});
+    EXPECT_EQ(posted.status, 422);
+    EXPECT_EQ(Json::parse(posted.body), (Json{{"errors", {GetParam().error}}}));
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Sandbox, ScenarioRefusal,
+    ::testing::Values(
+        BadScenario{"NoteIdentifier", kBadNote, "configuration.notes[0].identifier: not a valid UUID"},
+        BadScenario{"MissingLockdown",
+                    R"({"configuration": {"version": "1", "theme": {"text_color": "#fff", "background_color": "#000"},
+                        "notes": []}})",
+                    "configuration.lockdown: missing required key"},
+        BadScenario{"ServiceState",
+                    R"({"configuration": {"version": "1", "theme": {"text_color": "#fff", "background_color": "#000"},
+                        "notes": [], "lockdown": {"active": false, "latest_version": "1"}},
+                        "system_services": [{"name": "A", "identifier": "a", "is_available": true, "state": "ok",
+                                             "triggers_message": false},
+                                            {"name": "B", "identifier": "b", "is_available": true, "state": null,
+                                             "triggers_message": false}]})",
+                    "system_services[1].state: expected a string, found null"},
+        BadScenario{"NoConfiguration", R"({"services": []})", "configuration: missing required key"}),
+    [](const auto& info) { return info.param.name; });
+
+TEST_F(SandboxTest, SwitchesScenarioAtRunTimeByNameThroughTheAdminRoute) {
+    SandboxOptions options;
+    options.scenarioFile = kScenarios / "notes-only.json";
+    start(options);
+    EXPECT_FALSE(Json::parse(client->checkin().body)["lockdown"]["active"].get<bool>());
+
+    Reply posted = client->send("POST", "/_sandbox/scenario", R"({"name": "hard-lockdown"})", Signing{.sign = false});
+    EXPECT_EQ(posted.status, 200) << posted.body;
+    auto configuration = decodeJson<Configuration>(client->checkin().body);
+    ASSERT_TRUE(configuration.hasValue());
+    EXPECT_EQ(configuration.value().lockdown.type, LockdownType::hard);
+    EXPECT_TRUE(configuration.value().theme.backgroundGradient.has_value());
+
+    sandbox->reset();
+    EXPECT_EQ(sandbox->scenario().name, "notes-only");
+}
+
+TEST(SandboxCheckCommand, ExitsNonZeroWithTheKeyPathOfABadDocument) {
+    palomir_test::TempDir directory;
+    {
+        std::ofstream out(directory / "bad.json");
+        out << kBadNote;
+    }
+    std::string command = std::string(PALOMIR_SANDBOX_PROGRAM) + " check " + (directory / "bad.json").string() + " 2>&1";
+    FILE* pipe = ::popen(command.c_str(), "r");
+    ASSERT_NE(pipe, nullptr);
+    char buffer[512] = {};
+    std::string output;
+    while (std::fgets(buffer, sizeof buffer, pipe)) output += buffer;
+    EXPECT_NE(WEXITSTATUS(::pclose(pipe)), 0);
+    EXPECT_EQ(output, (directory / "bad.json").string() + ": configuration.notes[0].identifier: not a valid UUID\n");
+}
+
+// ---------------------------------------------------------------------------
+// Uploads and feedback
+
+TEST_F(SandboxTest, AnnouncesAnUploadAndAcceptsBytesMatchingTheChecksum) {
+    Json answer = upload("notes.txt", "abc");
+    EXPECT_EQ(answer["filename"], "notes.txt");
+    EXPECT_EQ(answer["direct_upload"]["headers"],
+              (Json{{"Content-Type", "text/plain"}, {"Content-MD5", "kAFQmDzST7DWlj99KOF/cg=="}}));
+    EXPECT_EQ(answer["direct_upload"]["url"].get<std::string>().rfind(
+                  "https://localhost:" + std::to_string(sandbox->port()) + "/", 0),
+              0u);
+    auto decoded = decode<DirectUploadResponse>(answer);
+    ASSERT_TRUE(decoded.hasValue());
+
+    auto uploads = sandbox->recordedUploads();
+    ASSERT_EQ(uploads.size(), 1u);
+    EXPECT_TRUE(uploads[0].uploaded);
+    EXPECT_EQ(uploads[0].signedID, decoded.value().signedID);
+    EXPECT_EQ(readText(uploads[0].file), "abc");
+    // The byte upload is not signed; the announcement is.
+    EXPECT_EQ(sandbox->requests()[1].signature, "unsigned");
+}
+
+TEST_F(SandboxTest, RefusesBytesThatDoNotMatchTheAnnouncement) {
+    Json blob{{"blob",
+               {{"filename", "a.txt"}, {"byte_size", 3}, {"checksum", "kAFQmDzST7DWlj99KOF/cg=="},
+                {"content_type", "text/plain"}}}};
+    Json answer = Json::parse(client->send("POST", "/api/direct_uploads", blob.dump()).body);
+
+    Reply wrongBytes = putBytes(answer, "abd");
+    EXPECT_EQ(wrongBytes.status, 422);
+    EXPECT_EQ(wrongBytes.body, R"({"errors":["Checksum mismatch"]})");
+    Reply wrongSize = putBytes(answer, "abcd");
+    EXPECT_EQ(wrongSize.status, 422);
+    EXPECT_EQ(wrongSize.body, R"({"errors":["Size mismatch: announced 3 bytes, received 4"]})");
+    EXPECT_FALSE(sandbox->recordedUploads()[0].uploaded);
+
+    Reply badBlob = client->send("POST", "/api/direct_uploads", R"({"blob": {"filename": "a.txt"}})");
+    EXPECT_EQ(badBlob.status, 422);
+    EXPECT_EQ(badBlob.body, R"({"errors":["blob.byte_size: missing required key"]})");
+}
+
+TEST_F(SandboxTest, RecordsFeedbackWithItsFilesOnDisk) {
+    Json log = upload("main.log", "2024-05-01 08:30:00+0200 [INFO] Palomir started\n");
+    Json note = upload("full_message.txt", std::string(1500, 'x'));
+    Json body{{"feedback",
+               {{"title", "Sync stopped"},
+                {"message", "My notes no longer sync since this morning."},
+                {"submitted_by", "ada@example.com"},
+                {"files", {note["signed_id"], log["signed_id"]}}}},
+              {"app_info", {{"app_version", "3.4.0"}}}};
+    Reply reply = client->send("POST", "/api/feedback", body.dump());
+    ASSERT_EQ(reply.status, 201) << reply.body;
+    EXPECT_EQ(Json::parse(reply.body), body["feedback"]);
+
+    auto recorded = sandbox->recordedFeedback();
+    ASSERT_EQ(recorded.size(), 1u);
+    EXPECT_EQ(recorded[0].title, "Sync stopped");
+    EXPECT_EQ(recorded[0].submittedBy, "ada@example.com");
+    EXPECT_EQ(recorded[0].appInfo, body["app_info"]);
+    ASSERT_EQ(recorded[0].attachments.size(), 2u);
+    EXPECT_EQ(recorded[0].attachments[0].filename, "full_message.txt");
+    EXPECT_EQ(recorded[0].attachments[1].filename, "main.log");
+
+    Json stored = Json::parse(readText(recorded[0].directory / "feedback.json"));
+    EXPECT_EQ(stored["message"], "My notes no longer sync since this morning.");
+    EXPECT_EQ(readText(stored["attachments"][0]["file"].get<std::string>()), std::string(1500, 'x'));
+    EXPECT_EQ(readText(recorded[0].directory / "2-main.log"), "2024-05-01 08:30:00+0200 [INFO] Palomir started\n");
+
+    Reply listed = client->send("GET", "/_sandbox/feedback", {}, Signing{.sign = false});
+    EXPECT_EQ(Json::parse(listed.body)["feedback"][0]["title"], "Sync stopped");
+}
+
+TEST_F(SandboxTest, RefusesFeedbackNamingAnUnknownFile) {
+    Json body{{"feedback", {{"title", "t"}, {"message", "m"}, {"submitted_by", "s"}, {"files", {"forged"}}}},
+              {"app_info", Json::object()}};
+    Reply reply = client->send("POST", "/api/feedback", body.dump());
+    EXPECT_EQ(reply.status, 422);
+    EXPECT_EQ(reply.body, R"({"errors":["Unknown file: forged"]})");
+    EXPECT_TRUE(sandbox->recordedFeedback().empty());
+}
+
+}  // namespace
+}  // namespace palomir::sandbox
