@@ -15,6 +15,10 @@ Rectangle {
     property real safeAreaRight: 0
     property int pageCount: 0
 
+    // The pages' text takes its colour from here, so that it stays readable
+    // on whatever background the theme gives the screen.
+    palette.windowText: root.color.hslLightness < 0.5 ? "#FFFFFF" : "#1C1C1E"
+
     Flickable {
         id: scrollView
         objectName: "scrollView"

@@ -34,7 +34,7 @@ Item {
             height: roundedCornersView.height + 2 * spread
             radius: roundedCornersView.radius + spread
             color: root.shadowColor
-            opacity: root.shadowOpacity * 0.09
+            opacity: root.shadowOpacity * 0.06
         }
     }
 

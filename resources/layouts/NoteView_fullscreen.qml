@@ -53,7 +53,7 @@ Item {
                     width: parent.width
                     font.pixelSize: 30
                     font.weight: Font.Bold
-                    color: "#1C1C1E"
+                    color: root.palette.windowText
                     wrapMode: Text.WordWrap
                     horizontalAlignment: Text.AlignHCenter
                     Accessible.role: Accessible.Heading
@@ -72,7 +72,8 @@ Item {
                     width: parent.width
                     font.pixelSize: 19
                     font.weight: Font.DemiBold
-                    color: "#6C6C70"
+                    color: root.palette.windowText
+                    opacity: 0.62
                     wrapMode: Text.WordWrap
                     horizontalAlignment: Text.AlignHCenter
                     Accessible.role: Accessible.StaticText
@@ -91,7 +92,8 @@ Item {
                     width: parent.width
                     font.pixelSize: 17
                     lineHeight: 1.3
-                    color: "#3A3A3C"
+                    color: root.palette.windowText
+                    opacity: 0.85
                     wrapMode: Text.WordWrap
                     horizontalAlignment: Text.AlignHCenter
                     Accessible.role: Accessible.StaticText

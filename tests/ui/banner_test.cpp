@@ -1,0 +1,189 @@
+// The service message banner and its placement.
+
+#include <QtGui/QDesktopServices>
+
+#include <gtest/gtest.h>
+
+#include <QtCore/QTemporaryDir>
+#include <QtCore/QDir>
+#include <fstream>
+
+#include "palomir/bundle.hpp"
+#include "palomir/qt/message_view_controller.hpp"
+#include "support.hpp"
+
+namespace palomir::qt {
+namespace {
+
+using test::click;
+using test::colorOf;
+
+ServiceMessage message(std::optional<std::string> light, std::optional<std::string> dark) {
+    ServiceMessage m;
+    m.title = "Sync is paused";
+    m.description = "Changes are kept on this device.";
+    m.urlTitle = "Status";
+    if (light) m.backgroundColorLight = Color::fromHex(*light);
+    if (dark) m.backgroundColorDark = Color::fromHex(*dark);
+    return m;
+}
+
+struct ColourCase {
+    UserInterfaceStyle style;
+    std::optional<std::string> light;
+    std::optional<std::string> dark;
+    QColor expected;
+};
+
+class BannerColourTest : public testing::TestWithParam<ColourCase> {};
+
+TEST_P(BannerColourTest, CardColourIsChosenForTheAppearanceAtApply) {
+    MessageViewController banner;
+    banner.setUserInterfaceStyle(GetParam().style);
+    banner.setMessage(message(GetParam().light, GetParam().dark));
+    EXPECT_EQ(colorOf(banner.roundedCornersView()), GetParam().expected);
+    // A later change of appearance does not re-colour the card.
+    banner.setUserInterfaceStyle(GetParam().style == UserInterfaceStyle::dark ? UserInterfaceStyle::light
+                                                                               : UserInterfaceStyle::dark);
+    EXPECT_EQ(colorOf(banner.roundedCornersView()), GetParam().expected);
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Appearances, BannerColourTest,
+    testing::Values(ColourCase{UserInterfaceStyle::light, "#FEF3C7", "#78350F", QColor(0xFE, 0xF3, 0xC7)},
+                    ColourCase{UserInterfaceStyle::dark, "#FEF3C7", "#78350F", QColor(0x78, 0x35, 0x0F)},
+                    ColourCase{UserInterfaceStyle::light, std::nullopt, std::nullopt, QColor(Qt::white)},
+                    ColourCase{UserInterfaceStyle::dark, std::nullopt, std::nullopt, QColor(Qt::white)},
+                    ColourCase{UserInterfaceStyle::dark, "#FEF3C7", std::nullopt, QColor(Qt::white)}),
+    [](const auto& info) {
+        return std::string(info.param.style == UserInterfaceStyle::dark ? "dark" : "light") +
+               (info.param.light ? "_withLight" : "") + (info.param.dark ? "_withDark" : "");
+    });
+
+TEST(MessageViewControllerTest, TextsAndLoadTimeStyling) {
+    MessageViewController banner;
+    EXPECT_DOUBLE_EQ(banner.roundedCornersView()->property("radius").toDouble(), 8.0);
+    EXPECT_DOUBLE_EQ(banner.view()->property("shadowRadius").toDouble(), 10.0);
+    EXPECT_DOUBLE_EQ(banner.view()->property("shadowOpacity").toDouble(), 0.5);
+    banner.setMessage(message(std::nullopt, std::nullopt));
+    EXPECT_EQ(banner.titleLabel()->property("text").toString(), QStringLiteral("Sync is paused"));
+    EXPECT_EQ(banner.descriptionLabel()->property("text").toString(), QStringLiteral("Changes are kept on this device."));
+    EXPECT_EQ(banner.moreInfoButton()->property("text").toString(), QStringLiteral("Status"));
+}
+
+struct ToggleCase {
+    MessageViewLocation location;
+    bool collapsedFlipped;  // chevron points up while collapsed
+};
+
+class BannerToggleTest : public testing::TestWithParam<ToggleCase> {};
+
+TEST_P(BannerToggleTest, TwoPressesRestoreStateAndChevron) {
+    MessageViewController banner;
+    banner.setLocation(GetParam().location);
+    banner.setMessage(message(std::nullopt, std::nullopt));
+    const auto image = [&] { return banner.expandButton()->property("image").toUrl().toString(); };
+    const QString startImage = image();
+    EXPECT_EQ(banner.chevronFlipped(), GetParam().collapsedFlipped);
+    EXPECT_FALSE(banner.descriptionContainer()->isVisible());
+    EXPECT_EQ(banner.titleLabel()->property("maximumLineCount").toInt(), 1);
+
+    banner.expandButtonPressed();
+    EXPECT_TRUE(banner.descriptionContainer()->isVisible());
+    EXPECT_GT(banner.titleLabel()->property("maximumLineCount").toInt(), 1);
+    EXPECT_EQ(banner.chevronFlipped(), !GetParam().collapsedFlipped);
+    EXPECT_NE(image(), startImage);
+
+    click(banner.expandButton());
+    EXPECT_FALSE(banner.descriptionContainer()->isVisible());
+    EXPECT_EQ(banner.titleLabel()->property("maximumLineCount").toInt(), 1);
+    EXPECT_EQ(banner.chevronFlipped(), GetParam().collapsedFlipped);
+    EXPECT_EQ(image(), startImage);
+}
+
+INSTANTIATE_TEST_SUITE_P(Locations, BannerToggleTest,
+                         testing::Values(ToggleCase{MessageViewLocation::top, false},
+                                         ToggleCase{MessageViewLocation::bottom, true}),
+                         [](const auto& info) {
+                             return std::string(info.param.location == MessageViewLocation::top ? "top" : "bottom");
+                         });
+
+TEST(MessageViewControllerTest, MoreInfoOpensTheUrlOnlyWhenThereIsOne) {
+    test::UrlSink sink;
+    QDesktopServices::setUrlHandler(QStringLiteral("https"), &sink, "open");
+    MessageViewController banner;
+    auto m = message(std::nullopt, std::nullopt);
+    banner.setMessage(m);
+    click(banner.moreInfoButton());
+    EXPECT_TRUE(sink.opened.empty());
+    m.url = Url::parse("https://status.example.com/sync");
+    banner.setMessage(m);
+    click(banner.moreInfoButton());
+    ASSERT_EQ(sink.opened.size(), 1u);
+    EXPECT_EQ(sink.opened[0], QUrl(QStringLiteral("https://status.example.com/sync")));
+    QDesktopServices::unsetUrlHandler(QStringLiteral("https"));
+}
+
+TEST(MessageViewControllerDeathTest, LayoutWithoutRequiredOutletStopsWhenAMessageArrives) {
+    QTemporaryDir directory;
+    QDir(directory.path()).mkpath(QStringLiteral("layouts"));
+    std::ofstream(QDir(directory.path()).filePath(QStringLiteral("layouts/MessageViewController.qml")).toStdString())
+        << "import QtQuick\nItem { Rectangle { objectName: \"roundedCornersView\" } }\n";
+    Bundle::setPalomirResourceDirectory(directory.path().toStdString());
+    MessageViewController banner;
+    EXPECT_DEATH(banner.setMessage(ServiceMessage{}),
+                 "MessageViewController: the layout has no item with objectName \"expandingStackView\"");
+    Bundle::setPalomirResourceDirectory({});
+}
+
+const char* kWithMessage = R"({"version":"1","theme":{"text_color":"#000","background_color":"#fff"},"notes":[],
+  "lockdown":{"active":false,"latest_version":"1"},
+  "services":[{"name":"A","identifier":"a","is_available":true,"state":"warning","triggers_message":true,
+               "message":{"title":"Slow"}},
+              {"name":"B","identifier":"b","is_available":true,"state":"error","triggers_message":true,
+               "message":{"title":"Down"}}]})";
+const char* kWithoutMessage = R"({"version":"1","theme":{"text_color":"#000","background_color":"#fff"},"notes":[],
+  "lockdown":{"active":false,"latest_version":"1"},
+  "services":[{"name":"B","identifier":"b","is_available":true,"state":"error","triggers_message":true}]})";
+
+TEST(UpdateMessageViewTest, ShowsWorstMessageReusesBannerAndRemovesItWhenNoMessage) {
+    QObject host;
+    QQuickItem view;
+    view.setSize(QSizeF(400, 800));
+    setSafeAreaMargins(&view, QMarginsF(0, 40, 0, 30));
+
+    EXPECT_EQ(updateMessageView(&host, &view, MessageViewLocation::top, 10, std::nullopt), nullptr);
+    EXPECT_TRUE(view.childItems().isEmpty());
+
+    auto* banner = updateMessageView(&host, &view, MessageViewLocation::top, 10, test::configuration(kWithMessage));
+    ASSERT_NE(banner, nullptr);
+    EXPECT_EQ(banner->titleLabel()->property("text").toString(), QStringLiteral("Down"));
+    EXPECT_EQ(banner->view()->parentItem(), &view);
+    EXPECT_DOUBLE_EQ(banner->view()->y(), 50.0);
+    EXPECT_DOUBLE_EQ(banner->view()->x() + banner->view()->width() / 2, 200.0);
+
+    auto* again = updateMessageView(&host, &view, MessageViewLocation::bottom, -10, test::configuration(kWithMessage));
+    EXPECT_EQ(again, banner);
+    EXPECT_EQ(again->location(), MessageViewLocation::bottom);
+    EXPECT_EQ(host.findChildren<MessageViewController*>().size(), 1);
+
+    EXPECT_EQ(updateMessageView(&host, &view, MessageViewLocation::top, 10, test::configuration(kWithoutMessage)),
+              nullptr);
+    EXPECT_TRUE(host.findChildren<MessageViewController*>().isEmpty());
+    EXPECT_TRUE(view.childItems().isEmpty());
+}
+
+TEST(UpdateMessageViewTest, BottomBannerSitsAboveTheSafeArea) {
+    QObject host;
+    QQuickItem view;
+    view.setSize(QSizeF(400, 800));
+    setSafeAreaMargins(&view, QMarginsF(0, 40, 0, 30));
+    auto* banner = updateMessageView(&host, &view, MessageViewLocation::bottom, -10, test::configuration(kWithMessage));
+    ASSERT_NE(banner, nullptr);
+    EXPECT_DOUBLE_EQ(banner->view()->y() + banner->view()->height(), 800.0 - 30.0 - 10.0);
+    EXPECT_TRUE(banner->chevronFlipped());
+}
+
+}  // namespace
+}  // namespace palomir::qt
+

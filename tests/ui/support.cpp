@@ -1,0 +1,61 @@
+#include "support.hpp"
+
+#include <QtCore/QFile>
+#include <QtGui/QGuiApplication>
+#include <QtQuick/QQuickWindow>
+#include <QtQuick/QSGRendererInterface>
+#include <QtTest/QTest>
+
+#include <gtest/gtest.h>
+
+namespace palomir::qt::test {
+
+Configuration configuration(const std::string& json) {
+    auto decoded = decodeJson<Configuration>(json);
+    if (!decoded.hasValue()) {
+        ADD_FAILURE() << "configuration does not decode: " << decoded.error().message();
+        return Configuration{};
+    }
+    return decoded.value();
+}
+
+Configuration configurationFile(const QString& path) {
+    QFile file(path);
+    if (!file.open(QIODevice::ReadOnly)) {
+        ADD_FAILURE() << "cannot read " << path.toStdString();
+        return Configuration{};
+    }
+    return configuration(file.readAll().toStdString());
+}
+
+Configuration withLockdown(const std::string& lockdownJson, const std::string& themeJson) {
+    const std::string theme = themeJson.empty() ? R"({"text_color":"#111111","background_color":"#336699"})" : themeJson;
+    return configuration(R"({"version":"1","theme":)" + theme + R"(,"notes":[],"lockdown":)" + lockdownJson + "}");
+}
+
+bool waitUntil(const std::function<bool()>& done, int milliseconds) {
+    return QTest::qWaitFor(done, milliseconds);
+}
+
+void spin(int milliseconds) { QTest::qWait(milliseconds); }
+
+QColor colorOf(const QQuickItem* item, const char* property) {
+    return item ? item->property(property).value<QColor>() : QColor();
+}
+
+void click(QQuickItem* button) {
+    ASSERT_NE(button, nullptr);
+    ASSERT_TRUE(QMetaObject::invokeMethod(button, "clicked"));
+}
+
+}  // namespace palomir::qt::test
+
+int main(int argc, char** argv) {
+    testing::InitGoogleTest(&argc, argv);
+    // Qt starts threads of its own; death tests must re-run the binary.
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    if (qEnvironmentVariableIsEmpty("QT_QPA_PLATFORM")) qputenv("QT_QPA_PLATFORM", "offscreen");
+    QQuickWindow::setGraphicsApi(QSGRendererInterface::Software);
+    QGuiApplication application(argc, argv);
+    return RUN_ALL_TESTS();
+}

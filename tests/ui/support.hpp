@@ -1,0 +1,43 @@
+#pragma once
+
+#include <QtCore/QObject>
+#include <QtCore/QString>
+#include <QtCore/QUrl>
+#include <QtGui/QColor>
+#include <QtQuick/QQuickItem>
+
+#include <functional>
+#include <string>
+#include <vector>
+
+#include "palomir/model.hpp"
+
+namespace palomir::qt::test {
+
+/// A configuration from JSON text; the test fails when it does not decode.
+Configuration configuration(const std::string& json);
+/// The configuration of a document in the test data folders.
+Configuration configurationFile(const QString& path);
+
+/// A configuration with a lockdown built from the members given (JSON text
+/// of the lockdown object) and a plain theme.
+Configuration withLockdown(const std::string& lockdownJson, const std::string& themeJson = {});
+
+/// Runs the event loop until `done` or the timeout.
+bool waitUntil(const std::function<bool()>& done, int milliseconds = 3000);
+void spin(int milliseconds);
+
+QColor colorOf(const QQuickItem* item, const char* property = "color");
+/// Receives the URLs handed to QDesktopServices::openUrl.
+class UrlSink : public QObject {
+    Q_OBJECT
+public:
+    std::vector<QUrl> opened;
+public Q_SLOTS:
+    void open(const QUrl& url) { opened.push_back(url); }
+};
+
+/// Presses a QtQuick.Controls button by emitting its clicked signal.
+void click(QQuickItem* button);
+
+}  // namespace palomir::qt::test
