@@ -51,21 +51,23 @@ inline std::string authorizationFor(const std::string& url, const std::string& m
 class SandboxClient {
 public:
     explicit SandboxClient(const Sandbox& sandbox, std::string host = "localhost")
-        : _sandbox(sandbox), _host(std::move(host)) {}
+        : _port(sandbox.port()), _caFile(sandbox.caFile()), _host(std::move(host)) {}
+    SandboxClient(int port, std::filesystem::path caFile, std::string host = "localhost")
+        : _port(port), _caFile(std::move(caFile)), _host(std::move(host)) {}
 
     std::chrono::milliseconds readTimeout{10000};
 
     /// `target` is the path and query under the server root ("/api/services/").
     Reply send(const std::string& method, const std::string& target, const std::string& body = {},
                const Signing& signing = {}, httplib::Headers headers = {}) const {
-        httplib::SSLClient client(_host, _sandbox.port());
-        client.set_ca_cert_path(_sandbox.caFile().c_str());
+        httplib::SSLClient client(_host, _port);
+        client.set_ca_cert_path(_caFile.c_str());
         client.enable_server_certificate_verification(true);
         client.set_decompress(false);
         client.set_connection_timeout(std::chrono::seconds(5));
         client.set_read_timeout(readTimeout);
 
-        std::string url = "https://" + _host + ":" + std::to_string(_sandbox.port()) + target;
+        std::string url = "https://" + _host + ":" + std::to_string(_port) + target;
         if (signing.authorization)
             headers.emplace("Authorization", *signing.authorization);
         else if (signing.sign)
@@ -100,7 +102,8 @@ public:
     }
 
 private:
-    const Sandbox& _sandbox;
+    int _port;
+    std::filesystem::path _caFile;
     std::string _host;
 };
 

@@ -2,7 +2,10 @@
 
 #include <cstdio>
 #include <fstream>
+#include <fcntl.h>
+#include <signal.h>
 #include <sys/wait.h>
+#include <unistd.h>
 #include <set>
 #include <thread>
 
@@ -144,6 +147,85 @@ TEST_F(SandboxTest, RefusesACheckinForAnotherTokenAndABodyWithoutAppInfo) {
     Reply text = client->send("PUT", "/api/checkin/sandbox-token", R"({"app_info": {}})", {},
                               {{"Content-Type", "text/plain"}});
     EXPECT_EQ(text.status, 415);
+}
+
+TEST(SandboxCertificateTest, MakesACaAndPinnableLocalhostCertificate) {
+    Sandbox sandbox(SandboxOptions{.logRequests = false});
+    ASSERT_TRUE(sandbox.start().hasValue());
+    EXPECT_EQ(sandbox.baseURL(), "https://localhost:" + std::to_string(sandbox.port()) + "/api");
+    EXPECT_GT(sandbox.port(), 0);
+    EXPECT_EQ(sandbox.certificateFile(), sandbox.bundleDirectory() / "localhost.crt");
+    // The client connects trusting only ca.pem (the client helper verifies).
+    EXPECT_EQ(SandboxClient(sandbox).checkin().status, 200);
+    EXPECT_EQ(SandboxClient(sandbox, "127.0.0.1").checkin().status, 200);
+}
+
+TEST(SandboxCertificateTest, ServesGivenPemFilesAndWritesTheirLeafForPinning) {
+    palomir_test::TempDir directory;
+    auto pki = palomir_test::TestPki::make("Given");
+    palomir_test::writePem(directory / "chain.pem", pki.chain());
+    pki.leaf.writeKeyPem(directory / "key.pem");
+    pki.root.writePem(directory / "root.pem");
+
+    SandboxOptions options;
+    options.logRequests = false;
+    options.certificateFile = directory / "chain.pem";
+    options.keyFile = directory / "key.pem";
+    options.caCertificateFile = directory / "root.pem";
+    options.bundleDirectory = directory / "bundle";
+    Sandbox sandbox(options);
+    auto started = sandbox.start();
+    ASSERT_TRUE(started.hasValue()) << started.error();
+    const auto der = pki.leaf.der();
+    EXPECT_TRUE(readText(sandbox.certificateFile()) == std::string(der.begin(), der.end()));
+    EXPECT_EQ(readText(sandbox.caFile()), pki.root.pem());
+    EXPECT_EQ(SandboxClient(sandbox).checkin().status, 200);
+
+    options.keyFile = directory / "root.pem";
+    Sandbox mismatched(options);
+    auto refused = mismatched.start();
+    ASSERT_TRUE(refused.hasError());
+    EXPECT_EQ(refused.error(), (directory / "root.pem").string() + ": no PEM private key found");
+}
+
+TEST(SandboxProgramTest, ServesUntilInterruptedWithFaultsFromTheCommandLine) {
+    palomir_test::TempDir directory;
+    const std::string program = PALOMIR_SANDBOX_PROGRAM;
+    const std::string data = directory.path().string(), scenario = (kScenarios / "outage.json").string();
+    int out = ::open((directory / "out.txt").c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
+    ASSERT_GE(out, 0);
+    pid_t pid = ::fork();
+    if (pid == 0) {
+        ::dup2(out, 1);
+        ::execl(program.c_str(), program.c_str(), "--quiet", "--data-dir", data.c_str(), "--scenario",
+                scenario.c_str(), "--fault", "services=status:502*1", static_cast<char*>(nullptr));
+        ::_exit(127);
+    }
+    ::close(out);
+    ASSERT_GT(pid, 0);
+
+    // It prints the port it picked once it listens.
+    std::string printed;
+    for (int i = 0; i < 1000 && printed.find("data:") == std::string::npos; ++i) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+        printed = readText(directory / "out.txt");
+    }
+    auto portLine = printed.find("port:");
+    ASSERT_NE(portLine, std::string::npos) << printed;
+    int port = std::stoi(printed.substr(portLine + 5));
+    EXPECT_NE(printed.find("fault:       services=status:502*1"), std::string::npos) << printed;
+
+    SandboxClient client(port, directory / "bundle" / "ca.pem");
+    EXPECT_EQ(client.send("GET", "/api/services/").status, 502);
+    Reply served = client.send("GET", "/api/services/");
+    EXPECT_EQ(served.status, 200);
+    EXPECT_EQ(Json::parse(served.body)["services"].size(), 4u);
+
+    ::kill(pid, SIGTERM);
+    int status = 0;
+    ASSERT_EQ(::waitpid(pid, &status, 0), pid);
+    EXPECT_TRUE(WIFEXITED(status));
+    EXPECT_EQ(WEXITSTATUS(status), 0);
 }
 
 // ---------------------------------------------------------------------------

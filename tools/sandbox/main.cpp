@@ -37,7 +37,7 @@ int main(int argc, char** argv) {
     app.require_subcommand(0, 1);
 
     SandboxOptions options;
-    std::string scenarioFile, dataDirectory, bundleDirectory, certificateFile, keyFile;
+    std::string scenarioFile, dataDirectory, bundleDirectory, certificateFile, keyFile, caFile;
     std::vector<std::string> faultSettings;
     bool quiet = false;
 
@@ -63,6 +63,11 @@ int main(int argc, char** argv) {
                      ->check(CLI::ExistingFile);
     auto* key = app.add_option("--key", keyFile, "PEM file with the server certificate's private key")
                     ->check(CLI::ExistingFile);
+    app.add_option("--ca", caFile,
+                   "PEM file of the CA that issued --cert, written as ca.pem (default: the last certificate of "
+                   "the --cert chain)")
+        ->check(CLI::ExistingFile)
+        ->needs(cert);
     cert->needs(key);
     key->needs(cert);
     app.add_option("--fault", faultSettings,
@@ -88,6 +93,7 @@ int main(int argc, char** argv) {
     options.bundleDirectory = bundleDirectory;
     options.certificateFile = certificateFile;
     options.keyFile = keyFile;
+    options.caCertificateFile = caFile;
     options.logRequests = !quiet;
     for (const auto& text : faultSettings) {
         auto setting = parseFaultSetting(text);

@@ -321,9 +321,16 @@ Result<bool, std::string> Sandbox::State::prepareCertificates() {
         key = std::move(loadedKey).value();
         if (X509_check_private_key(chain.front().x509(), key.get()) != 1)
             return Err{options.keyFile.string() + ": the key does not belong to the certificate"};
-        // Without a separate CA, the top of the given chain is what a client
-        // is to trust.
-        caPem = chain.back().pem();
+        if (!options.caCertificateFile.empty()) {
+            auto ca = loadChain(options.caCertificateFile);
+            if (ca.hasError()) return Err{ca.error()};
+            caPem.clear();
+            for (const auto& certificate : ca.value()) caPem += certificate.pem();
+        } else {
+            // Without a separate CA, the top of the given chain is what a
+            // client is to trust.
+            caPem = chain.back().pem();
+        }
     }
     try {
         chain.front().writeDer(bundleDirectory / "localhost.crt");

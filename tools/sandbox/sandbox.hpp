@@ -108,6 +108,9 @@ struct SandboxOptions {
     /// empty: a CA and a localhost certificate are made at start.
     std::filesystem::path certificateFile = {};
     std::filesystem::path keyFile = {};
+    /// PEM of the CA that issued it, written as ca.pem; empty: the last
+    /// certificate of the given chain.
+    std::filesystem::path caCertificateFile = {};
     /// Faults in force from the start.
     std::vector<std::pair<Route, Fault>> faults = {};
     /// Value of the Cache-Control header of service answers.
