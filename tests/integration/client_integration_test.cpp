@@ -1,0 +1,450 @@
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <chrono>
+#include <fstream>
+#include <future>
+#include <mutex>
+#include <thread>
+
+#include "palomir/environment.hpp"
+#include "palomir/palomir.hpp"
+#include "palomir_test/tls.hpp"
+#include "sandbox.hpp"
+
+namespace palomir {
+namespace {
+
+using namespace std::chrono_literals;
+namespace sb = palomir::sandbox;
+
+const std::filesystem::path kScenarios = std::filesystem::path(PALOMIR_SOURCE_DIR) / "examples" / "scenarios";
+
+class CapturingLogger : public Logger {
+public:
+    void log(const std::string& message, LogType type) override {
+        std::lock_guard lock(_mutex);
+        _lines.emplace_back(message, type);
+    }
+    bool contains(const std::string& text, LogType type) const {
+        std::lock_guard lock(_mutex);
+        for (const auto& [line, t] : _lines)
+            if (t == type && line.find(text) != std::string::npos) return true;
+        return false;
+    }
+
+private:
+    mutable std::mutex _mutex;
+    std::vector<std::pair<std::string, LogType>> _lines;
+};
+
+// Collects the one completion of an operation; fails when it runs on the
+// calling thread, off the given queue, or more than once.
+template <class T, class E = Error>
+class Awaited {
+public:
+    explicit Awaited(std::shared_ptr<DispatchQueue> queue) : _queue(std::move(queue)) {}
+
+    Palomir::Completion<T, E> completion() {
+        return [this, caller = std::this_thread::get_id()](Result<T, E> result) {
+            std::lock_guard lock(_mutex);
+            if (std::this_thread::get_id() == caller) _inline = true;
+            if (!_queue->isCurrent()) _offQueue = true;
+            if (++_calls == 1) {
+                _result.emplace(std::move(result));
+                _promise.set_value();
+            }
+        };
+    }
+
+    Result<T, E> get() {
+        EXPECT_EQ(_future.wait_for(30s), std::future_status::ready);
+        std::this_thread::sleep_for(30ms);
+        std::lock_guard lock(_mutex);
+        EXPECT_EQ(_calls, 1);
+        EXPECT_FALSE(_inline);
+        EXPECT_FALSE(_offQueue);
+        return *_result;
+    }
+
+private:
+    std::shared_ptr<DispatchQueue> _queue;
+    std::mutex _mutex;
+    std::promise<void> _promise;
+    std::future<void> _future = _promise.get_future();
+    std::optional<Result<T, E>> _result;
+    int _calls = 0;
+    bool _inline = false;
+    bool _offQueue = false;
+};
+
+class ClientIntegration : public ::testing::Test {
+protected:
+    void SetUp() override {
+        setCachesDirectory(_caches.path());
+        Bundle::setMain(Bundle(nlohmann::json{{"CFBundleIdentifier", "com.example.host"},
+                                              {"CFBundleDisplayName", "Example"},
+                                              {"CFBundleVersion", "42"},
+                                              {"CFBundleShortVersionString", "4.2"}},
+                               std::nullopt));
+        sb::SandboxOptions options;
+        options.scenarioFile = kScenarios / "notes-only.json";
+        options.dataDirectory = _data.path();
+        options.bundleDirectory = _bundle.path();
+        options.logRequests = false;
+        _sandbox = std::make_unique<sb::Sandbox>(options);
+        auto started = _sandbox->start();
+        ASSERT_TRUE(started.hasValue()) << started.error();
+
+        auto& palomir = Palomir::shared();
+        palomir.setLogger(_logger);
+        palomir.setBackend(BackendOptions{_sandbox->baseURL(), {_sandbox->caFile()}, _sandbox->bundleDirectory()});
+        palomir.setAppCredentials(AppCredentials{"sandbox-token", "sandbox-secret"});
+    }
+
+    void scenario(const std::string& json) {
+        auto set = _sandbox->setScenarioJson(json);
+        ASSERT_TRUE(set.hasValue()) << set.error();
+    }
+
+    // A scenario from an example file, with the next timed check-in moved.
+    void scenarioFile(const std::string& name, std::optional<int> nextCheckinAfterSeconds = std::nullopt) {
+        std::ifstream in(kScenarios / name);
+        auto document = nlohmann::json::parse(in);
+        if (nextCheckinAfterSeconds) document["next_checkin_after_seconds"] = *nextCheckinAfterSeconds;
+        scenario(document.dump());
+    }
+
+    Result<Configuration, Error> checkin() {
+        Awaited<Configuration> awaited(_queue);
+        Palomir::shared().checkin(_queue, awaited.completion());
+        return awaited.get();
+    }
+
+    std::size_t requestsTo(const std::string& prefix) const {
+        std::size_t count = 0;
+        for (const auto& request : _sandbox->requests())
+            if (request.target.rfind(prefix, 0) == 0) ++count;
+        return count;
+    }
+
+    palomir_test::TempDir _caches, _data, _bundle;
+    std::unique_ptr<sb::Sandbox> _sandbox;
+    std::shared_ptr<CapturingLogger> _logger = std::make_shared<CapturingLogger>();
+    std::shared_ptr<DispatchQueue> _queue = DispatchQueue::makeSerial("test.delivery");
+};
+
+TEST_F(ClientIntegration, ChecksInOverPinnedTLSAndLogsTheNotes) {
+    auto result = checkin();
+    ASSERT_TRUE(result.hasValue()) << result.error().localizedDescription();
+    EXPECT_FALSE(result.value().notes.empty());
+    ASSERT_TRUE(Palomir::shared().configuration().has_value());
+    EXPECT_EQ(Palomir::shared().configuration()->version, result.value().version);
+
+    auto requests = _sandbox->requests();
+    ASSERT_EQ(requests.size(), 1u);
+    EXPECT_EQ(requests[0].method, "PUT");
+    EXPECT_EQ(requests[0].target, "/api/checkin/sandbox-token");
+    EXPECT_EQ(requests[0].status, 200);
+    auto body = nlohmann::json::parse(requests[0].body);
+    EXPECT_EQ(body["app_info"]["name"], "Example");
+    EXPECT_EQ(body["app_info"]["build"], "42");
+    EXPECT_TRUE(_logger->contains("successfully checked in:\n[\"\\tNote\\n\\t\\ttitle: ", LogType::default_));
+}
+
+TEST_F(ClientIntegration, WithoutATimedCheckinTheConfigurationIsServedFromMemory) {
+    ASSERT_TRUE(checkin().hasValue());
+    ASSERT_TRUE(checkin().hasValue());
+    ASSERT_TRUE(checkin().hasValue());
+    EXPECT_EQ(requestsTo("/api/checkin/"), 1u);
+}
+
+TEST_F(ClientIntegration, ATimedCheckinIsAskedForOnceItsInstantHasCome) {
+    scenarioFile("notes-only.json", 1);
+    ASSERT_TRUE(checkin().hasValue());
+    ASSERT_TRUE(checkin().hasValue());
+    EXPECT_EQ(requestsTo("/api/checkin/"), 1u);
+    std::this_thread::sleep_for(1100ms);
+    ASSERT_TRUE(checkin().hasValue());
+    EXPECT_EQ(requestsTo("/api/checkin/"), 2u);
+}
+
+TEST_F(ClientIntegration, AFailedCheckinKeepsTheConfigurationAndPassesTheErrorThrough) {
+    scenarioFile("notes-only.json", 0);
+    auto first = checkin();
+    ASSERT_TRUE(first.hasValue());
+    sb::Fault fault;
+    fault.kind = sb::Fault::Kind::status;
+    fault.status = 500;
+    _sandbox->setFault(sb::Route::checkin, fault);
+
+    auto second = checkin();
+    ASSERT_TRUE(second.hasError());
+    ASSERT_NE(second.error().apiError(), nullptr);
+    EXPECT_EQ(*second.error().apiError(), APIError::requestFailed(RequestError::badStatus(500)));
+    EXPECT_EQ(Palomir::shared().configuration()->version, first.value().version);
+    EXPECT_TRUE(_logger->contains("checkin failed to register Palomir endpoint: Request failed: Bad status: 500",
+                                  LogType::default_));
+}
+
+TEST_F(ClientIntegration, UserCredentialsSurviveANewAppCredentialAndReachTheBackend) {
+    scenarioFile("notes-only.json", 0);
+    auto& palomir = Palomir::shared();
+    palomir.setUserCredentials(std::make_shared<StaticUserCredentials>("abc"));
+    palomir.setAppCredentials(AppCredentials{"sandbox-token", "sandbox-secret"});
+    ASSERT_TRUE(checkin().hasValue());
+    EXPECT_EQ(_sandbox->requests().back().header("X-Authorization-User"), "Bearer abc");
+
+    palomir.setUserCredentials(nullptr);
+    ASSERT_TRUE(checkin().hasValue());
+    EXPECT_EQ(_sandbox->requests().back().header("X-Authorization-User"), "");
+}
+
+TEST_F(ClientIntegration, AWrongSecretIsRefusedByTheBackend) {
+    Palomir::shared().setAppCredentials(AppCredentials{"sandbox-token", "not-the-secret"});
+    auto result = checkin();
+    ASSERT_TRUE(result.hasError());
+    EXPECT_EQ(result.error().localizedDescription(), "Request failed: Bad status: 401");
+}
+
+struct Posts {
+    std::mutex mutex;
+    std::vector<std::string> entries;
+    void add(const Notification& n) {
+        std::string what;
+        if (auto* service = std::any_cast<Service>(&n.object)) what = service->identifier;
+        if (auto* list = std::any_cast<std::vector<Service>>(&n.object)) what = "list of " + std::to_string(list->size());
+        std::lock_guard lock(mutex);
+        entries.push_back(n.name + ":" + what);
+    }
+};
+
+TEST_F(ClientIntegration, AListFetchPostsTheListThenEachServiceInOrder) {
+    scenarioFile("outage.json");
+    auto& center = Palomir::shared().notificationCenter();
+    Posts posts;
+    center.addObserver(std::string(Palomir::servicesUpdated), nullptr, [&](const Notification& n) { posts.add(n); });
+    center.addObserver(std::string(Palomir::serviceUpdated), nullptr, [&](const Notification& n) { posts.add(n); });
+
+    Awaited<Palomir::ServicesResult> awaited(_queue);
+    Palomir::shared().services(_queue, awaited.completion());
+    auto result = awaited.get();
+    ASSERT_TRUE(result.hasValue()) << result.error().localizedDescription();
+    EXPECT_EQ(result.value().first.size(), 4u);
+    EXPECT_EQ(result.value().second, 60.0);
+    EXPECT_EQ(posts.entries, (std::vector<std::string>{"servicesUpdated:list of 4", "serviceUpdated:sync",
+                                                       "serviceUpdated:photos", "serviceUpdated:sharing",
+                                                       "serviceUpdated:search"}));
+    ASSERT_TRUE(Palomir::shared().services().has_value());
+    EXPECT_EQ(Palomir::shared().services()->size(), 4u);
+    EXPECT_TRUE(_logger->contains("successfully fetched services:\n[Service(name: \"Sync\"", LogType::default_));
+
+    // A single user service is announced but never changes the stored list.
+    Awaited<Palomir::ServiceResult> single(_queue);
+    Palomir::shared().service("photos", _queue, single.completion());
+    ASSERT_TRUE(single.get().hasValue());
+    EXPECT_EQ(posts.entries.back(), "serviceUpdated:photos");
+    EXPECT_EQ(Palomir::shared().services()->size(), 4u);
+}
+
+TEST_F(ClientIntegration, SystemServiceObserversOfEitherNameReceiveEveryPost) {
+    scenarioFile("outage.json");
+    auto& center = Palomir::shared().notificationCenter();
+    Posts listObserver, serviceObserver;
+    center.addObserver(std::string(Palomir::systemServicesUpdated), nullptr,
+                       [&](const Notification& n) { listObserver.add(n); });
+    center.addObserver(std::string(Palomir::systemServiceUpdated), nullptr,
+                       [&](const Notification& n) { serviceObserver.add(n); });
+
+    Awaited<Palomir::ServicesResult> awaited(_queue);
+    Palomir::shared().systemServices(_queue, awaited.completion());
+    ASSERT_TRUE(awaited.get().hasValue());
+    const std::vector<std::string> expected{"systemServiceUpdated:list of 1", "systemServiceUpdated:auth"};
+    EXPECT_EQ(listObserver.entries, expected);
+    EXPECT_EQ(serviceObserver.entries, expected);
+}
+
+TEST_F(ClientIntegration, ASingleSystemServiceStartsTheListButIsNeverMergedIntoOne) {
+    scenarioFile("outage.json");
+    auto fetchAuth = [&] {
+        Awaited<Palomir::ServiceResult> awaited(_queue);
+        Palomir::shared().systemService("auth", _queue, awaited.completion());
+        return awaited.get();
+    };
+    ASSERT_TRUE(fetchAuth().hasValue());
+    ASSERT_TRUE(Palomir::shared().systemServices().has_value());
+    ASSERT_EQ(Palomir::shared().systemServices()->size(), 1u);
+    const auto before = Palomir::shared().systemServices()->front();
+
+    // The backend changes the service; fetching it alone leaves the list.
+    std::ifstream in(kScenarios / "outage.json");
+    auto document = nlohmann::json::parse(in);
+    document["system_services"][0]["state"] = before.state == ServiceState::ok ? "error" : "ok";
+    scenario(document.dump());
+    auto changed = fetchAuth();
+    ASSERT_TRUE(changed.hasValue());
+    EXPECT_NE(changed.value().first.state, before.state);
+    EXPECT_EQ(Palomir::shared().systemServices()->front(), before);
+}
+
+TEST_F(ClientIntegration, AFailedFetchKeepsTheListAndPassesTheErrorThrough) {
+    scenarioFile("outage.json");
+    Awaited<Palomir::ServicesResult> first(_queue);
+    Palomir::shared().services(_queue, first.completion());
+    ASSERT_TRUE(first.get().hasValue());
+
+    sb::Fault fault;
+    fault.kind = sb::Fault::Kind::status;
+    fault.status = 503;
+    _sandbox->setFault(sb::Route::services, fault);
+    Awaited<Palomir::ServicesResult> second(_queue);
+    Palomir::shared().services(_queue, second.completion());
+    auto result = second.get();
+    ASSERT_TRUE(result.hasError());
+    EXPECT_EQ(*result.error().apiError(), APIError::requestFailed(RequestError::badStatus(503)));
+    EXPECT_EQ(Palomir::shared().services()->size(), 4u);
+    EXPECT_TRUE(_logger->contains("failed to fetch services: Request failed: Bad status: 503", LogType::default_));
+}
+
+class FilesProvider : public AttachmentProvider {
+public:
+    std::vector<Attachment> feedbackAttachments() override {
+        ++calls;
+        return {Attachment::fromText("provided.txt", std::nullopt, "from a provider")};
+    }
+    int calls = 0;
+};
+
+Result<std::string, PalomirError> submit(const std::string& message, std::vector<Attachment> attachments,
+                                         std::vector<std::shared_ptr<AttachmentProvider>> providers,
+                                         std::shared_ptr<DispatchQueue> queue) {
+    Awaited<std::string, PalomirError> awaited(queue);
+    Palomir::shared().feedback("Crash on launch", message, "tester@example.com", std::move(attachments),
+                               std::move(providers), queue, awaited.completion());
+    return awaited.get();
+}
+
+TEST_F(ClientIntegration, FeedbackUploadsEveryFileAndNamesThemEvenWhenABytesUploadFails) {
+    sb::Fault announceFails;
+    announceFails.kind = sb::Fault::Kind::status;
+    announceFails.status = 500;
+    announceFails.remaining = 1;
+    _sandbox->setFault(sb::Route::directUploads, announceFails);
+    sb::Fault uploadFails = announceFails;
+    _sandbox->setFault(sb::Route::upload, uploadFails);
+
+    auto provider = std::make_shared<FilesProvider>();
+    auto result = submit("It crashes.",
+                         {Attachment::fromText("a.txt", std::nullopt, "first"),
+                          Attachment::fromText("b.json", std::nullopt, "{}"),
+                          Attachment::fromData("c.bin", "application/octet-stream", {1, 2, 3})},
+                         {provider}, _queue);
+    ASSERT_TRUE(result.hasValue()) << result.error().errorDescription();
+    EXPECT_EQ(result.value(), "");
+    EXPECT_EQ(provider->calls, 1);
+
+    auto feedback = _sandbox->recordedFeedback();
+    ASSERT_EQ(feedback.size(), 1u);
+    EXPECT_EQ(feedback[0].title, "Crash on launch");
+    EXPECT_EQ(feedback[0].submittedBy, "tester@example.com");
+    // Four files announced, one announcement refused: three named, one of
+    // which never had its bytes arrive.
+    EXPECT_EQ(feedback[0].files.size(), 3u);
+    int missingBytes = 0;
+    for (const auto& upload : feedback[0].attachments) missingBytes += upload.uploaded ? 0 : 1;
+    EXPECT_EQ(missingBytes, 1);
+    EXPECT_TRUE(_logger->contains("failed to start direct upload: Request failed: Bad status: 500", LogType::default_));
+}
+
+struct LengthCase {
+    const char* name;
+    std::size_t length;
+    bool fullMessageFile;
+};
+
+class FeedbackMessages : public ClientIntegration, public ::testing::WithParamInterface<LengthCase> {};
+
+TEST_P(FeedbackMessages, LongMessagesTravelWholeAsAFile) {
+    const std::string message(GetParam().length, 'm');
+    ASSERT_TRUE(submit(message, {}, {}, _queue).hasValue());
+    auto feedback = _sandbox->recordedFeedback();
+    ASSERT_EQ(feedback.size(), 1u);
+    EXPECT_EQ(feedback[0].message, message.substr(0, 1000));
+    ASSERT_EQ(feedback[0].attachments.size(), GetParam().fullMessageFile ? 1u : 0u);
+    if (GetParam().fullMessageFile) {
+        const auto& file = feedback[0].attachments[0];
+        EXPECT_EQ(file.filename, "full_message.txt");
+        EXPECT_EQ(file.contentType, "text/plain");
+        EXPECT_EQ(file.byteSize, static_cast<std::int64_t>(message.size()));
+        std::ifstream in(file.file);
+        EXPECT_EQ(std::string((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>()), message);
+    }
+}
+
+INSTANTIATE_TEST_SUITE_P(Lengths, FeedbackMessages,
+                         ::testing::Values(LengthCase{"exactly1000", 1000, false}, LengthCase{"exactly1001", 1001, true}),
+                         [](const auto& info) { return std::string(info.param.name); });
+
+TEST_F(ClientIntegration, TheClientAttachesItsOwnLogFiles) {
+    // Palomir lives for the process; the provider list only borrows it.
+    std::shared_ptr<AttachmentProvider> logs(&Palomir::shared(), [](AttachmentProvider*) {});
+    ASSERT_TRUE(submit("see logs", {}, {logs}, _queue).hasValue());
+    auto feedback = _sandbox->recordedFeedback();
+    ASSERT_EQ(feedback.size(), 1u);
+    ASSERT_EQ(feedback[0].attachments.size(), 1u);
+    const auto& file = feedback[0].attachments[0];
+    EXPECT_EQ(file.filename.rfind("palomir-main-", 0), 0u);
+    EXPECT_EQ(file.contentType, "text/plain");
+    std::ifstream in(file.file);
+    std::string text((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+    EXPECT_NE(text.find("[INFO] Palomir started"), std::string::npos);
+}
+
+TEST_F(ClientIntegration, ARefusedFeedbackIsARequestFailure) {
+    sb::Fault fault;
+    fault.kind = sb::Fault::Kind::status;
+    fault.status = 500;
+    _sandbox->setFault(sb::Route::feedback, fault);
+    auto result = submit("hello", {}, {}, _queue);
+    ASSERT_TRUE(result.hasError());
+    EXPECT_EQ(result.error().errorDescription(), "Request failed: Request failed: Bad status: 500");
+}
+
+// Several threads checking in, fetching and changing credentials at once:
+// every completion arrives exactly once. Run under ThreadSanitizer in CI's
+// sanitizer builds as well.
+TEST_F(ClientIntegration, ConcurrentUseCompletesEveryCallExactlyOnce) {
+    scenarioFile("outage.json", 0);
+    std::atomic<int> completions{0};
+    std::atomic<int> duplicates{0};
+    constexpr int threads = 4, rounds = 6;
+    std::vector<std::thread> workers;
+    for (int t = 0; t < threads; ++t) {
+        workers.emplace_back([&, t] {
+            for (int i = 0; i < rounds; ++i) {
+                auto once = std::make_shared<std::atomic<bool>>(false);
+                auto count = [&, once](auto) {
+                    if (once->exchange(true)) ++duplicates;
+                    ++completions;
+                };
+                switch ((t + i) % 4) {
+                    case 0: Palomir::shared().checkin(_queue, count); break;
+                    case 1: Palomir::shared().services(_queue, count); break;
+                    case 2: Palomir::shared().systemService("auth", _queue, count); break;
+                    default:
+                        Palomir::shared().setUserCredentials(std::make_shared<StaticUserCredentials>("u" + std::to_string(i)));
+                        Palomir::shared().checkin(_queue, count);
+                }
+            }
+        });
+    }
+    for (auto& worker : workers) worker.join();
+    const auto deadline = std::chrono::steady_clock::now() + 60s;
+    while (completions < threads * rounds && std::chrono::steady_clock::now() < deadline) std::this_thread::sleep_for(10ms);
+    std::this_thread::sleep_for(50ms);
+    EXPECT_EQ(completions.load(), threads * rounds);
+    EXPECT_EQ(duplicates.load(), 0);
+}
+
+}  // namespace
+}  // namespace palomir
