@@ -1,0 +1,384 @@
+// bench-libs: palomir_test_support
+//
+// The shared client's costs:
+//  - a check-in answered from memory against its floor, a mutex-guarded read
+//    of the held configuration plus posting the same completion to the same
+//    serial queue, timed until the completion ran, with allocations counted;
+//  - creating the shared client in a fresh process (a helper program started
+//    once per sample);
+//  - the resident memory the client adds up to its first check-in against a
+//    local HTTPS server (same helper, given the server);
+//  - the stripped size of the shared library.
+#include <benchmark/benchmark.h>
+#include <spawn.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <atomic>
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
+#include <filesystem>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <new>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "palomir/client.hpp"
+#include "palomir/model.hpp"
+#include "palomir_test/tls.hpp"
+
+// ---------------------------------------------------------------------------
+// Every allocation of the process is counted; the ones made by the calling
+// thread inside a call are counted apart.
+
+namespace {
+std::atomic<std::uint64_t> gAllocations{0};
+thread_local std::uint64_t tThreadAllocations = 0;
+}  // namespace
+
+void* operator new(std::size_t size) {
+    gAllocations.fetch_add(1, std::memory_order_relaxed);
+    ++tThreadAllocations;
+    if (void* p = std::malloc(size ? size : 1)) return p;
+    throw std::bad_alloc();
+}
+void* operator new[](std::size_t size) { return operator new(size); }
+void* operator new(std::size_t size, const std::nothrow_t&) noexcept {
+    gAllocations.fetch_add(1, std::memory_order_relaxed);
+    ++tThreadAllocations;
+    return std::malloc(size ? size : 1);
+}
+void* operator new[](std::size_t size, const std::nothrow_t& tag) noexcept { return operator new(size, tag); }
+void operator delete(void* p) noexcept { std::free(p); }
+void operator delete[](void* p) noexcept { std::free(p); }
+void operator delete(void* p, std::size_t) noexcept { std::free(p); }
+void operator delete[](void* p, std::size_t) noexcept { std::free(p); }
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+using nlohmann::json;
+using palomir::Configuration;
+using palomir::DispatchQueue;
+using palomir::Palomir;
+
+constexpr int kMemoryPairs = 20000;
+constexpr int kColdStarts = 25;
+constexpr int kResidentRuns = 5;
+
+// A configuration of realistic size that names no next timed check-in, so the
+// client serves it from memory for the rest of the process.
+Configuration heldConfiguration() {
+    json doc{{"version", "2024.05.1"},
+             {"next_checkin", {{"on_event", {"launch", "foreground"}}}},
+             {"theme", {{"text_color", "#1C1C1E"}, {"background_color", "#FFFFFF"}}},
+             {"notes", json::array()},
+             {"services", json::array()}};
+    for (int i = 0; i < 4; ++i) {
+        char id[40];
+        std::snprintf(id, sizeof id, "3F2504E0-4F89-41D3-9A0C-%012d", i);
+        doc["notes"].push_back({{"identifier", id},
+                                {"title", "What is new in part " + std::to_string(i)},
+                                {"content", std::string(300, 'x')}});
+    }
+    for (int i = 0; i < 8; ++i)
+        doc["services"].push_back({{"name", "Service " + std::to_string(i)},
+                                   {"identifier", "service-" + std::to_string(i)},
+                                   {"is_available", true},
+                                   {"state", "ok"},
+                                   {"triggers_message", false}});
+    auto decoded = palomir::decodeJson<Configuration>(doc.dump());
+    if (decoded.hasError()) {
+        std::fprintf(stderr, "held configuration does not decode: %s\n", decoded.error().message().c_str());
+        std::abort();
+    }
+    return std::move(decoded).value();
+}
+
+double percentile(std::vector<double> samples, double fraction) {
+    if (samples.empty()) return 0;
+    const auto index = static_cast<std::size_t>(fraction * static_cast<double>(samples.size() - 1) + 0.5);
+    std::nth_element(samples.begin(), samples.begin() + static_cast<std::ptrdiff_t>(index), samples.end());
+    return samples[index];
+}
+
+double micros(Clock::duration d) { return std::chrono::duration<double, std::micro>(d).count(); }
+
+struct Row {
+    std::string figure;
+    std::string unit;
+    double ours = 0;
+    std::optional<double> floor;  // the peer, when there is one
+    std::string target;
+    bool met = false;
+};
+std::vector<Row> gRows;
+
+// ---------------------------------------------------------------------------
+// a. Check-in answered from memory.
+
+// The floor: what any cache in front of a queue hop has to do.
+struct Floor {
+    std::mutex mutex;
+    std::shared_ptr<const Configuration> held;
+
+    void checkin(std::shared_ptr<DispatchQueue> queue, Palomir::Completion<Configuration> completion) {
+        std::shared_ptr<const Configuration> configuration;
+        {
+            std::lock_guard lock(mutex);
+            configuration = held;
+        }
+        queue->async([completion, configuration] { completion(palomir::Ok{*configuration}); });
+    }
+};
+
+struct RoundTrip {
+    std::atomic<int> done{0};
+    Palomir::Completion<Configuration> completion;
+
+    RoundTrip()
+        : completion([this](palomir::Result<Configuration, palomir::Error> result) {
+              benchmark::DoNotOptimize(result);
+              done.store(1, std::memory_order_release);
+              done.notify_one();
+          }) {}
+
+    void wait() {
+        done.wait(0, std::memory_order_acquire);
+        done.store(0, std::memory_order_relaxed);
+    }
+};
+
+struct Counts {
+    std::vector<double> latency;
+    std::uint64_t allocations = 0;        // whole round trip, every thread
+    std::uint64_t callerAllocations = 0;  // inside the call, calling thread
+};
+
+template <class Call>
+void measureOnce(Counts& counts, RoundTrip& trip, Call call) {
+    const std::uint64_t allBefore = gAllocations.load();
+    const std::uint64_t threadBefore = tThreadAllocations;
+    const auto start = Clock::now();
+    call();
+    const std::uint64_t threadAfter = tThreadAllocations;
+    trip.wait();
+    const auto elapsed = Clock::now() - start;
+    counts.latency.push_back(micros(elapsed));
+    counts.allocations += gAllocations.load() - allBefore;
+    counts.callerAllocations += threadAfter - threadBefore;
+}
+
+void BM_MemoryCheckin(benchmark::State& state) {
+    Palomir& client = Palomir::shared();
+    Configuration configuration = heldConfiguration();
+    client.setConfiguration(configuration);
+    Floor floor;
+    floor.held = std::make_shared<const Configuration>(configuration);
+    auto queue = DispatchQueue::makeSerial("bench.delivery");
+    RoundTrip trip;
+
+    // What copying the configuration into the completion's result costs: the
+    // completion takes it by value, so both sides pay it on the queue.
+    const std::uint64_t copyBefore = gAllocations.load();
+    {
+        palomir::Result<Configuration, palomir::Error> copy = palomir::Ok{configuration};
+        benchmark::DoNotOptimize(copy);
+    }
+    const double copyAllocations = static_cast<double>(gAllocations.load() - copyBefore);
+
+    for (int i = 0; i < 1000; ++i) {
+        client.checkin(queue, trip.completion);
+        trip.wait();
+        floor.checkin(queue, trip.completion);
+        trip.wait();
+    }
+
+    Counts ours, theirs;
+    ours.latency.reserve(kMemoryPairs);
+    theirs.latency.reserve(kMemoryPairs);
+    int i = 0;
+    for (auto _ : state) {
+        auto timeOurs = [&] { measureOnce(ours, trip, [&] { client.checkin(queue, trip.completion); }); };
+        auto timeTheirs = [&] { measureOnce(theirs, trip, [&] { floor.checkin(queue, trip.completion); }); };
+        if (i++ % 2 == 0) {
+            timeOurs();
+            timeTheirs();
+        } else {
+            timeTheirs();
+            timeOurs();
+        }
+        state.SetIterationTime((ours.latency.back() + theirs.latency.back()) * 1e-6);
+    }
+    const double n = static_cast<double>(ours.latency.size());
+    const double oursMedian = percentile(ours.latency, 0.5), theirsMedian = percentile(theirs.latency, 0.5);
+    const double oursP99 = percentile(ours.latency, 0.99), theirsP99 = percentile(theirs.latency, 0.99);
+    state.counters["palomir_median_us"] = oursMedian;
+    state.counters["floor_median_us"] = theirsMedian;
+    state.counters["palomir_p99_us"] = oursP99;
+    state.counters["floor_p99_us"] = theirsP99;
+    state.counters["ratio_median"] = oursMedian / theirsMedian;
+    state.counters["palomir_allocs"] = static_cast<double>(ours.allocations) / n;
+    state.counters["floor_allocs"] = static_cast<double>(theirs.allocations) / n;
+    state.counters["palomir_allocs_in_call"] = static_cast<double>(ours.callerAllocations) / n;
+    state.counters["floor_allocs_in_call"] = static_cast<double>(theirs.callerAllocations) / n;
+    state.counters["config_copy_allocs"] = copyAllocations;
+
+    const double ratio = oursMedian / theirsMedian;
+    gRows.push_back({"memory check-in median", "us", oursMedian, theirsMedian, "<= 1.5x", ratio <= 1.5});
+    gRows.push_back({"memory check-in p99", "us", oursP99, theirsP99, "-", true});
+    const double oursAllocs = static_cast<double>(ours.allocations) / n;
+    const double theirsAllocs = static_cast<double>(theirs.allocations) / n;
+    gRows.push_back({"allocations per round trip", "count", oursAllocs, theirsAllocs, "= floor",
+                     oursAllocs <= theirsAllocs + 0.01});
+    gRows.push_back({"allocations inside the call", "count", static_cast<double>(ours.callerAllocations) / n,
+                     static_cast<double>(theirs.callerAllocations) / n, "= floor",
+                     ours.callerAllocations <= theirs.callerAllocations});
+    gRows.push_back({"of which: configuration copy", "count", copyAllocations, copyAllocations, "-", true});
+}
+BENCHMARK(BM_MemoryCheckin)
+    ->Name("Checkin/memory/palomir_vs_floor")
+    ->Iterations(kMemoryPairs)
+    ->UseManualTime()
+    ->Unit(benchmark::kMicrosecond);
+
+// ---------------------------------------------------------------------------
+// b and c. A fresh process per sample.
+
+#ifndef PALOMIR_COLD_START_PROGRAM
+#define PALOMIR_COLD_START_PROGRAM ""
+#endif
+#ifndef PALOMIR_SHARED_LIBRARY
+#define PALOMIR_SHARED_LIBRARY ""
+#endif
+
+// Runs the helper with `arguments` and returns its "name value" lines.
+std::optional<std::map<std::string, std::string>> runHelper(const std::vector<std::string>& arguments,
+                                                            const std::filesystem::path& cacheHome) {
+    const std::string program = PALOMIR_COLD_START_PROGRAM;
+    if (program.empty()) return std::nullopt;
+    const std::filesystem::path output = cacheHome / "helper.out";
+    std::string command = "XDG_CACHE_HOME='" + cacheHome.string() + "' '" + program + "'";
+    for (const auto& argument : arguments) command += " '" + argument + "'";
+    command += " > '" + output.string() + "' 2>/dev/null";
+    if (std::system(command.c_str()) != 0) return std::nullopt;
+    std::map<std::string, std::string> values;
+    FILE* file = std::fopen(output.c_str(), "r");
+    if (!file) return std::nullopt;
+    char name[64], value[64];
+    while (std::fscanf(file, "%63s %63s", name, value) == 2) values[name] = value;
+    std::fclose(file);
+    return values;
+}
+
+void BM_ColdStart(benchmark::State& state) {
+    palomir_test::TempDir cache;
+    std::vector<double> samples;
+    for (auto _ : state) {
+        for (int i = 0; i < kColdStarts; ++i) {
+            auto values = runHelper({}, cache.path());
+            if (!values || !values->count("shared_us")) {
+                state.SkipWithError("the cold-start helper did not run");
+                return;
+            }
+            samples.push_back(std::stod(values->at("shared_us")));
+        }
+        state.SetIterationTime(percentile(samples, 0.5) * 1e-6);
+    }
+    const double median = percentile(samples, 0.5);
+    state.counters["shared_median_us"] = median;
+    state.counters["shared_max_us"] = *std::max_element(samples.begin(), samples.end());
+    gRows.push_back({"Palomir::shared() cold, median", "us", median, std::nullopt, "< 5000 us", median < 5000});
+}
+BENCHMARK(BM_ColdStart)->Name("ColdStart/shared")->Iterations(1)->UseManualTime()->Unit(benchmark::kMicrosecond);
+
+void BM_ResidentMemory(benchmark::State& state) {
+    auto pki = palomir_test::TestPki::make("palomir-bench");
+    palomir_test::TempDir dir;
+    pki.leaf.writeDer(dir / "localhost.crt");
+    pki.root.writePem(dir / "ca.pem");
+    const std::string document = [] {
+        json doc{{"version", "2024.05.1"}, {"notes", json::array()}, {"services", json::array()}};
+        for (int i = 0; i < 4; ++i)
+            doc["notes"].push_back({{"identifier", "3F2504E0-4F89-41D3-9A0C-00000000000" + std::to_string(i)},
+                                    {"title", "Note " + std::to_string(i)},
+                                    {"content", std::string(300, 'x')}});
+        return doc.dump();
+    }();
+    palomir_test::TlsTestServer server({pki.chain(),
+                                        [&](const palomir_test::RecordedRequest&) {
+                                            return palomir_test::TestResponse{200, {}, document, "application/json", std::nullopt};
+                                        },
+                                        true});
+    std::vector<double> added;
+    for (auto _ : state) {
+        for (int i = 0; i < kResidentRuns; ++i) {
+            auto values = runHelper({server.url("/api"), (dir / "ca.pem").string(), dir.path().string()}, dir.path());
+            if (!values || values->count("checkin") == 0 || values->at("checkin") != "ok") {
+                state.SkipWithError("the helper's check-in failed");
+                return;
+            }
+            added.push_back(std::stod(values->at("rss_after_kb")) - std::stod(values->at("rss_before_kb")));
+        }
+        state.SetIterationTime(1e-3);
+    }
+    const double median = percentile(added, 0.5);
+    state.counters["rss_added_kb"] = median;
+    gRows.push_back({"RSS added to first check-in", "KiB", median, std::nullopt, "< 2048 KiB", median < 2048});
+}
+BENCHMARK(BM_ResidentMemory)->Name("ResidentMemory/first_checkin")->Iterations(1)->UseManualTime();
+
+// ---------------------------------------------------------------------------
+// d. Size of the shared library, stripped.
+
+void strippedSize() {
+    const std::string library = PALOMIR_SHARED_LIBRARY;
+    if (library.empty() || !std::filesystem::exists(library)) {
+        std::printf("libpalomir.so not found; size not measured\n");
+        return;
+    }
+    palomir_test::TempDir dir;
+    const auto copy = dir / "libpalomir.so";
+    std::filesystem::copy_file(library, copy);
+    const std::string command = "strip '" + copy.string() + "'";
+    if (std::system(command.c_str()) != 0) {
+        std::printf("strip failed; size not measured\n");
+        return;
+    }
+    const double bytes = static_cast<double>(std::filesystem::file_size(copy));
+    gRows.push_back({"libpalomir.so stripped", "bytes", bytes, std::nullopt, "< 1048576", bytes < 1048576});
+}
+
+void printSummary() {
+    std::printf("\nSummary (shared client)\n");
+    std::printf("%-34s %-6s %12s %12s %8s %-12s %s\n", "figure", "unit", "palomir", "floor", "ratio", "target", "met");
+    for (const auto& row : gRows) {
+        if (row.floor)
+            std::printf("%-34s %-6s %12.2f %12.2f %8.3f %-12s %s\n", row.figure.c_str(), row.unit.c_str(), row.ours,
+                        *row.floor, *row.floor > 0 ? row.ours / *row.floor : 0.0, row.target.c_str(),
+                        row.target == "-" ? "-" : row.met ? "yes" : "NO");
+        else
+            std::printf("%-34s %-6s %12.0f %12s %8s %-12s %s\n", row.figure.c_str(), row.unit.c_str(), row.ours, "-",
+                        "-", row.target.c_str(), row.met ? "yes" : "NO");
+    }
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    // The shared client's log files go to a directory of this run.
+    palomir_test::TempDir cache;
+    setenv("XDG_CACHE_HOME", cache.path().c_str(), 1);
+    benchmark::Initialize(&argc, argv);
+    benchmark::RunSpecifiedBenchmarks();
+    benchmark::Shutdown();
+    strippedSize();
+    printSummary();
+    return 0;
+}
