@@ -281,7 +281,8 @@ PL_API void pl_attachment_release(PLAttachment* attachment) PL_NOEXCEPT;
 
 PL_API const char* pl_attachment_filename(const PLAttachment* attachment) PL_NOEXCEPT;
 PL_API const char* pl_attachment_content_type(const PLAttachment* attachment) PL_NOEXCEPT;
-/** The bytes, borrowed; `*length` (if not NULL) receives their count. */
+/** The bytes, borrowed (NULL when there are none); `*length` (if not NULL)
+    receives their count. */
 PL_API const void* pl_attachment_bytes(const PLAttachment* attachment, size_t* length) PL_NOEXCEPT;
 
 /* ========================================================================= */
@@ -298,6 +299,16 @@ PL_API bool pl_set_caches_directory(const char* path, PLError** error) PL_NOEXCE
     none), `resource_dir` a directory holding "<api host>.crt", the pinned
     server certificate (NULL: the built-in resources). */
 PL_API bool pl_set_backend(const char* base_url, const char* ca_file, const char* resource_dir, PLError** error) PL_NOEXCEPT;
+
+/** Describes the host application: its identifier ("com.example.notes"),
+    version ("3.4"), build ("342") and display name (NULL: none); all but the
+    name are required. A host without an "Info.json" beside its executable
+    (any host running in an interpreter, such as Python) calls this first,
+    before anything else: without a description check-ins and feedback fail
+    with PL_ERROR_FAILED_TO_CREATE_APP_INFO, and the user agent, fixed at the
+    first request, would name no application. Metadata set earlier is kept. */
+PL_API bool pl_set_host_info(const char* identifier, const char* version, const char* build, const char* name,
+                             PLError** error) PL_NOEXCEPT;
 
 /** Sets the app token and secret; every request is signed with them. */
 PL_API bool pl_set_app_credentials(const char* token, const char* secret, PLError** error) PL_NOEXCEPT;

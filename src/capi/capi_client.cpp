@@ -6,6 +6,7 @@
 
 #include "capi/capi_internal.hpp"
 #include "palomir/any_codable.hpp"
+#include "palomir/bundle.hpp"
 #include "palomir/client.hpp"
 #include "palomir/credentials.hpp"
 #include "palomir/decoding.hpp"
@@ -115,6 +116,34 @@ extern "C" bool pl_set_backend(const char* base_url, const char* ca_file, const 
         if (ca_file) options.trustAnchors.emplace_back(ca_file);
         if (resource_dir) options.resourceDirectory = resource_dir;
         Palomir::shared().setBackend(std::move(options));
+        clear(error);
+        return true;
+    } catch (...) {
+        return internalFailure(error);
+    }
+}
+
+extern "C" bool pl_set_host_info(const char* identifier, const char* version, const char* build, const char* name,
+                                 PLError** error) noexcept {
+    if (!identifier) return invalidArgument(error, "identifier");
+    if (!version) return invalidArgument(error, "version");
+    if (!build) return invalidArgument(error, "build");
+    try {
+        nlohmann::json info = {{"CFBundleIdentifier", identifier},
+                               {"CFBundleShortVersionString", version},
+                               {"CFBundleVersion", build}};
+        if (name) info["CFBundleDisplayName"] = name;
+        Bundle::setMain(Bundle(std::move(info), std::nullopt));
+        auto made = AppInfo::make(Bundle::main());
+        if (made.hasError()) {
+            const PLError translated = translate(PalomirError::failedToCreateAppInfo());
+            report(error, makeError(translated.code, translated.description));
+            return false;
+        }
+        auto& client = Palomir::shared();
+        auto described = std::move(made).value();
+        if (auto previous = client.appInfo()) described.metadata = std::move(previous->metadata);
+        client.setAppInfo(std::move(described));
         clear(error);
         return true;
     } catch (...) {
