@@ -37,6 +37,12 @@
 // Every allocation of the process is counted; the ones made by the calling
 // thread inside a call are counted apart.
 
+#if defined(__GNUC__) && !defined(__clang__)
+// The replacements below pair malloc with free; GCC cannot see that new and
+// delete are both replaced.
+#pragma GCC diagnostic ignored "-Wmismatched-new-delete"
+#endif
+
 namespace {
 std::atomic<std::uint64_t> gAllocations{0};
 thread_local std::uint64_t tThreadAllocations = 0;
@@ -74,11 +80,12 @@ constexpr int kResidentRuns = 5;
 
 // A configuration of realistic size that names no next timed check-in, so the
 // client serves it from memory for the rest of the process.
-Configuration heldConfiguration() {
+std::string heldDocument() {
     json doc{{"version", "2024.05.1"},
              {"next_checkin", {{"on_event", {"launch", "foreground"}}}},
              {"theme", {{"text_color", "#1C1C1E"}, {"background_color", "#FFFFFF"}}},
              {"notes", json::array()},
+             {"lockdown", {{"active", false}, {"type", "soft"}, {"latest_version", "1.0.0"}, {"notes", json::array()}}},
              {"services", json::array()}};
     for (int i = 0; i < 4; ++i) {
         char id[40];
@@ -93,7 +100,11 @@ Configuration heldConfiguration() {
                                    {"is_available", true},
                                    {"state", "ok"},
                                    {"triggers_message", false}});
-    auto decoded = palomir::decodeJson<Configuration>(doc.dump());
+    return doc.dump();
+}
+
+Configuration heldConfiguration() {
+    auto decoded = palomir::decodeJson<Configuration>(heldDocument());
     if (decoded.hasError()) {
         std::fprintf(stderr, "held configuration does not decode: %s\n", decoded.error().message().c_str());
         std::abort();
@@ -203,11 +214,17 @@ void BM_MemoryCheckin(benchmark::State& state) {
     Counts ours, theirs;
     ours.latency.reserve(kMemoryPairs);
     theirs.latency.reserve(kMemoryPairs);
-    int i = 0;
+    // Which side goes first is drawn at random: the queue's storage grows in
+    // fixed steps, and a regular alternation would charge those steps to
+    // one side only.
+    std::uint32_t draw = 0x9E3779B9u;
     for (auto _ : state) {
         auto timeOurs = [&] { measureOnce(ours, trip, [&] { client.checkin(queue, trip.completion); }); };
         auto timeTheirs = [&] { measureOnce(theirs, trip, [&] { floor.checkin(queue, trip.completion); }); };
-        if (i++ % 2 == 0) {
+        draw ^= draw << 13;
+        draw ^= draw >> 17;
+        draw ^= draw << 5;
+        if (draw & 1u) {
             timeOurs();
             timeTheirs();
         } else {
@@ -266,8 +283,13 @@ std::optional<std::map<std::string, std::string>> runHelper(const std::vector<st
     const std::filesystem::path output = cacheHome / "helper.out";
     std::string command = "XDG_CACHE_HOME='" + cacheHome.string() + "' '" + program + "'";
     for (const auto& argument : arguments) command += " '" + argument + "'";
-    command += " > '" + output.string() + "' 2>/dev/null";
-    if (std::system(command.c_str()) != 0) return std::nullopt;
+    const std::filesystem::path errors = cacheHome / "helper.err";
+    command += " > '" + output.string() + "' 2> '" + errors.string() + "'";
+    if (std::system(command.c_str()) != 0) {
+        std::fprintf(stderr, "%s failed; its output:\n", program.c_str());
+        std::system(("cat '" + output.string() + "' '" + errors.string() + "' >&2").c_str());
+        return std::nullopt;
+    }
     std::map<std::string, std::string> values;
     FILE* file = std::fopen(output.c_str(), "r");
     if (!file) return std::nullopt;
@@ -303,14 +325,7 @@ void BM_ResidentMemory(benchmark::State& state) {
     palomir_test::TempDir dir;
     pki.leaf.writeDer(dir / "localhost.crt");
     pki.root.writePem(dir / "ca.pem");
-    const std::string document = [] {
-        json doc{{"version", "2024.05.1"}, {"notes", json::array()}, {"services", json::array()}};
-        for (int i = 0; i < 4; ++i)
-            doc["notes"].push_back({{"identifier", "3F2504E0-4F89-41D3-9A0C-00000000000" + std::to_string(i)},
-                                    {"title", "Note " + std::to_string(i)},
-                                    {"content", std::string(300, 'x')}});
-        return doc.dump();
-    }();
+    const std::string document = heldDocument();
     palomir_test::TlsTestServer server({pki.chain(),
                                         [&](const palomir_test::RecordedRequest&) {
                                             return palomir_test::TestResponse{200, {}, document, "application/json", std::nullopt};
@@ -360,7 +375,7 @@ void printSummary() {
     std::printf("%-34s %-6s %12s %12s %8s %-12s %s\n", "figure", "unit", "palomir", "floor", "ratio", "target", "met");
     for (const auto& row : gRows) {
         if (row.floor)
-            std::printf("%-34s %-6s %12.2f %12.2f %8.3f %-12s %s\n", row.figure.c_str(), row.unit.c_str(), row.ours,
+            std::printf("%-34s %-6s %12.3f %12.3f %8.3f %-12s %s\n", row.figure.c_str(), row.unit.c_str(), row.ours,
                         *row.floor, *row.floor > 0 ? row.ours / *row.floor : 0.0, row.target.c_str(),
                         row.target == "-" ? "-" : row.met ? "yes" : "NO");
         else
