@@ -2,6 +2,9 @@
 // defines their destructors (and with them their vtables). Until the core
 // sources that do so are part of the build, palomir-qt carries them itself;
 // CMake drops this file as soon as the core defines them.
+// Exported, as libpalomir would export them, so that hosts and tests that
+// derive from the interfaces link.
+#pragma GCC visibility push(default)
 #include "palomir/presentation.hpp"
 
 namespace palomir {
@@ -11,3 +14,4 @@ PresentingViewController::~PresentingViewController() = default;
 Window::~Window() = default;
 
 }  // namespace palomir
+#pragma GCC visibility pop
