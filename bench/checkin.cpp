@@ -513,6 +513,14 @@ void BM_ColdCheckin(benchmark::State& state) {
 }
 BENCHMARK(BM_ColdCheckin)->Name("Checkin/cold/palomir_vs_raw")->Iterations(kColdPairs)->UseManualTime()->Unit(benchmark::kMicrosecond);
 
+// Part of the cold figure: building a client (two sessions, each with its
+// network thread, the pinned key, the trust store) without sending anything.
+void BM_MakeClient(benchmark::State& state) {
+    makeClient();
+    for (auto _ : state) benchmark::DoNotOptimize(makeClient());
+}
+BENCHMARK(BM_MakeClient)->Name("APIClient/make")->Unit(benchmark::kMicrosecond);
+
 void printSummary() {
     std::printf("\nSummary (APIClient::checkin vs raw libcurl easy handle, same signed PUT, same decode)\n");
     std::printf("%-28s %-7s %12s %12s %8s %8s %s\n", "figure", "stat", "palomir us", "raw us", "ratio", "target",

@@ -126,8 +126,19 @@ std::optional<std::vector<std::uint8_t>> lookUpPinnedCertificate(const BackendOp
 }
 
 struct APIClient::Sessions {
-    std::shared_ptr<HttpSession> apiSession;
     std::shared_ptr<HttpSession> checkinSession;
+    // Most clients only ever check in, so the other session (and its network
+    // thread) is made on first use.
+    HttpSessionConfiguration apiConfiguration;
+    std::once_flag apiOnce;
+    std::shared_ptr<HttpSession> apiSessionMade;
+
+    const std::shared_ptr<HttpSession>& apiSession() {
+        std::call_once(apiOnce, [this] {
+            if (!apiSessionMade) apiSessionMade = HttpSession::make(apiConfiguration);
+        });
+        return apiSessionMade;
+    }
 };
 
 APIClient::APIClient(AppCredentials credentials, std::shared_ptr<UserCredentials> userCredentials,
@@ -146,7 +157,7 @@ std::shared_ptr<APIClient> APIClient::make(AppCredentials credentials, std::shar
         new APIClient(std::move(credentials), std::move(userCredentials), std::move(logger), std::move(options)));
     auto sessions = std::make_shared<Sessions>();
     if (urlSession) {
-        sessions->apiSession = urlSession;
+        sessions->apiSessionMade = urlSession;
         sessions->checkinSession = urlSession;
     } else {
         std::map<std::string, std::vector<std::uint8_t>> pinned;
@@ -160,7 +171,7 @@ std::shared_ptr<APIClient> APIClient::make(AppCredentials credentials, std::shar
         api.cachePolicy = HttpCachePolicy::reloadIgnoringLocalAndRemoteCacheData;
         api.pins = pins;
         api.trustAnchors = client->_options.trustAnchors;
-        sessions->apiSession = HttpSession::make(api);
+        sessions->apiConfiguration = api;
 
         // Check-in gives up quickly: it sits on the host's launch path.
         HttpSessionConfiguration checkin = api;
@@ -215,7 +226,7 @@ void APIClientAccess::send(APIClient& client, const std::string& url, const std:
     request.body = std::move(body);
     request.idleTimeout = std::chrono::milliseconds(static_cast<long long>(built.timeoutInterval * 1000));
 
-    auto session = checkin ? client._sessions->checkinSession : client._sessions->apiSession;
+    auto session = checkin ? client._sessions->checkinSession : client._sessions->apiSession();
     auto logger = client._logger;
     auto send = [session, logger, completion = std::move(completion)](HttpRequest request) mutable {
         const std::string method = request.method;
@@ -358,7 +369,7 @@ void APIClient::directUpload(std::shared_ptr<const std::vector<std::uint8_t>> da
     for (const auto& [name, value] : config.headers) request.headers.emplace_back(name, value);
     if (!data) data = std::make_shared<const std::vector<std::uint8_t>>();
 
-    if (!session) session = _sessions->apiSession;
+    if (!session) session = _sessions->apiSession();
     auto logger = _logger;
     const std::string url = request.url;
     session->uploadTask(std::move(request), std::move(data),

@@ -51,12 +51,8 @@ X509_STORE* systemTrustStore() {
     return store;
 }
 
-X509_STORE* makeTrustStore(const HttpSessionConfiguration& configuration) {
+X509_STORE* buildTrustStore(const HttpSessionConfiguration& configuration) {
     X509_STORE* system = configuration.trustSystemAnchors ? systemTrustStore() : nullptr;
-    if (system && configuration.trustAnchors.empty()) {
-        X509_STORE_up_ref(system);
-        return system;
-    }
     X509_STORE* store = X509_STORE_new();
     if (!store) return nullptr;
     if (system) {
@@ -70,6 +66,45 @@ X509_STORE* makeTrustStore(const HttpSessionConfiguration& configuration) {
     }
     // An unreadable file adds nothing; chains that needed it then fail.
     for (const auto& path : configuration.trustAnchors) X509_STORE_load_file(store, path.c_str());
+    return store;
+}
+
+// Merging the system's authorities with a host's own costs milliseconds and
+// every API client makes two sessions with the same anchors, so merged stores
+// are kept and shared. A file that changed since (another size or time of
+// modification) makes a new store.
+X509_STORE* makeTrustStore(const HttpSessionConfiguration& configuration) {
+    X509_STORE* system = configuration.trustSystemAnchors ? systemTrustStore() : nullptr;
+    if (system && configuration.trustAnchors.empty()) {
+        X509_STORE_up_ref(system);
+        return system;
+    }
+    std::string key = configuration.trustSystemAnchors ? "system" : "";
+    for (const auto& path : configuration.trustAnchors) {
+        std::error_code sizeError, timeError;
+        const auto size = std::filesystem::file_size(path, sizeError);
+        const auto modified = std::filesystem::last_write_time(path, timeError).time_since_epoch().count();
+        key += '\n' + path.string() + '\t' + std::to_string(sizeError ? 0 : size) + '\t' +
+               std::to_string(timeError ? 0 : modified);
+    }
+    static std::mutex mutex;
+    static std::deque<std::pair<std::string, X509_STORE*>> kept;
+    constexpr std::size_t kKept = 8;
+    std::lock_guard lock(mutex);
+    for (const auto& [known, store] : kept) {
+        if (known != key) continue;
+        X509_STORE_up_ref(store);
+        return store;
+    }
+    X509_STORE* store = buildTrustStore(configuration);
+    if (!store) return nullptr;
+    if (kept.size() == kKept) {
+        // Sessions that use it hold their own reference.
+        X509_STORE_free(kept.front().second);
+        kept.pop_front();
+    }
+    kept.emplace_back(std::move(key), store);
+    X509_STORE_up_ref(store);
     return store;
 }
 
@@ -343,6 +378,8 @@ std::optional<HttpError> HttpSession::Core::configure(Transfer& transfer) {
     curl_easy_setopt(easy, CURLOPT_PRIVATE, &transfer);
     if (share) curl_easy_setopt(easy, CURLOPT_SHARE, share);
     curl_easy_setopt(easy, CURLOPT_NOSIGNAL, 1L);
+    // Requests are small and answered at once: no waiting to fill segments.
+    curl_easy_setopt(easy, CURLOPT_TCP_NODELAY, 1L);
     curl_easy_setopt(easy, CURLOPT_FOLLOWLOCATION, 0L);
     curl_easy_setopt(easy, CURLOPT_ERRORBUFFER, transfer.errorBuffer);
     curl_easy_setopt(easy, CURLOPT_HTTPHEADER, transfer.headerList);
