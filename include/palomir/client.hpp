@@ -130,6 +130,8 @@ private:
     Palomir();
     ~Palomir() override;
 
+    /// What every backend operation needs first, or the local failure.
+    Result<std::pair<std::shared_ptr<APIClient>, AppInfo>, PalomirError> clientAndAppInfo() const;
     void fetchServices(bool system, std::shared_ptr<DispatchQueue> queue, Completion<ServicesResult> completion);
     void fetchService(const std::string& identifier, bool system, std::shared_ptr<DispatchQueue> queue,
                       Completion<ServiceResult> completion);

@@ -48,6 +48,19 @@ std::optional<std::vector<std::uint8_t>> readFile(const std::filesystem::path& p
     return bytes;
 }
 
+// Wraps a completion so that it is always delivered asynchronously on
+// `queue`, the main queue when none is given; an absent completion drops
+// the result.
+template <class T, class E>
+std::function<void(Result<T, E>)> deliveryOn(std::shared_ptr<DispatchQueue> queue,
+                                             std::function<void(Result<T, E>)> completion) {
+    if (!queue) queue = mainQueue();
+    return [queue = std::move(queue), completion = std::move(completion)](Result<T, E> result) {
+        if (!completion) return;
+        queue->async([completion, result = std::move(result)]() mutable { completion(std::move(result)); });
+    };
+}
+
 }  // namespace
 
 std::string describeServices(const std::vector<Service>& services) {
@@ -233,10 +246,6 @@ BackendOptions Palomir::backend() const {
 
 void Palomir::checkin(std::shared_ptr<DispatchQueue> queue, Completion<Configuration> completion) {
     if (!queue) queue = mainQueue();
-    auto deliver = [queue, completion](Result<Configuration, Error> result) {
-        if (!completion) return;
-        queue->async([completion, result = std::move(result)]() mutable { completion(std::move(result)); });
-    };
 
     std::shared_ptr<const Configuration> held;
     {
@@ -251,13 +260,14 @@ void Palomir::checkin(std::shared_ptr<DispatchQueue> queue, Completion<Configura
         }
     }
 
-    auto client = this->client();
-    if (!client) return deliver(Err{Error(PalomirError::missingCredentials())});
-    auto info = appInfo();
-    if (!info) return deliver(Err{Error(PalomirError::failedToCreateAppInfo())});
+    auto deliver = deliveryOn(std::move(queue), std::move(completion));
+    auto start = clientAndAppInfo();
+    if (start.hasError()) return deliver(Err{Error(start.error())});
+    auto client = start.value().first;
+    auto info = std::move(start.value().second);
 
     std::weak_ptr<Impl> weak = _impl;
-    client->checkin(*info, [weak, deliver](Result<Configuration, APIError> result) {
+    client->checkin(info, [weak, deliver](Result<Configuration, APIError> result) {
         auto& palomir = Palomir::shared();
         if (result.hasError()) {
             palomir.logger()->log("checkin failed to register Palomir endpoint: " + result.error().localizedDescription(),
@@ -275,11 +285,7 @@ void Palomir::checkin(std::shared_ptr<DispatchQueue> queue, Completion<Configura
 }
 
 void Palomir::webRequest(const std::string& url, std::shared_ptr<DispatchQueue> queue, Completion<URLRequest> completion) {
-    if (!queue) queue = mainQueue();
-    auto deliver = [queue, completion](Result<URLRequest, Error> result) {
-        if (!completion) return;
-        queue->async([completion, result = std::move(result)]() mutable { completion(std::move(result)); });
-    };
+    auto deliver = deliveryOn(std::move(queue), std::move(completion));
     auto client = this->client();
     if (!client) return deliver(Err{Error(PalomirError::missingCredentials())});
     deliver(Ok{client->urlRequest(url, "GET", appCredentials(), std::nullopt, "text/html")});
@@ -362,18 +368,14 @@ void Palomir::systemService(const std::string& identifier, std::shared_ptr<Dispa
 }
 
 void Palomir::fetchServices(bool system, std::shared_ptr<DispatchQueue> queue, Completion<ServicesResult> completion) {
-    if (!queue) queue = mainQueue();
-    auto deliver = [queue, completion](Result<ServicesResult, Error> result) {
-        if (!completion) return;
-        queue->async([completion, result = std::move(result)]() mutable { completion(std::move(result)); });
-    };
-    auto client = this->client();
-    if (!client) return deliver(Err{Error(PalomirError::missingCredentials())});
-    auto info = appInfo();
-    if (!info) return deliver(Err{Error(PalomirError::failedToCreateAppInfo())});
+    auto deliver = deliveryOn(std::move(queue), std::move(completion));
+    auto start = clientAndAppInfo();
+    if (start.hasError()) return deliver(Err{Error(start.error())});
+    auto client = start.value().first;
+    auto info = std::move(start.value().second);
 
     std::weak_ptr<Impl> weak = _impl;
-    client->services(*info, system, [weak, system, deliver](Result<std::pair<ServicesResponse, MaxAge>, APIError> result) {
+    client->services(info, system, [weak, system, deliver](Result<std::pair<ServicesResponse, MaxAge>, APIError> result) {
         auto& palomir = Palomir::shared();
         if (result.hasError()) {
             palomir.logger()->log("failed to fetch services: " + result.error().localizedDescription(), LogType::default_);
@@ -394,18 +396,14 @@ void Palomir::fetchServices(bool system, std::shared_ptr<DispatchQueue> queue, C
 
 void Palomir::fetchService(const std::string& identifier, bool system, std::shared_ptr<DispatchQueue> queue,
                            Completion<ServiceResult> completion) {
-    if (!queue) queue = mainQueue();
-    auto deliver = [queue, completion](Result<ServiceResult, Error> result) {
-        if (!completion) return;
-        queue->async([completion, result = std::move(result)]() mutable { completion(std::move(result)); });
-    };
-    auto client = this->client();
-    if (!client) return deliver(Err{Error(PalomirError::missingCredentials())});
-    auto info = appInfo();
-    if (!info) return deliver(Err{Error(PalomirError::failedToCreateAppInfo())});
+    auto deliver = deliveryOn(std::move(queue), std::move(completion));
+    auto start = clientAndAppInfo();
+    if (start.hasError()) return deliver(Err{Error(start.error())});
+    auto client = start.value().first;
+    auto info = std::move(start.value().second);
 
     std::weak_ptr<Impl> weak = _impl;
-    client->service(identifier, *info, system, [weak, system, deliver](Result<std::pair<Service, MaxAge>, APIError> result) {
+    client->service(identifier, info, system, [weak, system, deliver](Result<std::pair<Service, MaxAge>, APIError> result) {
         auto& palomir = Palomir::shared();
         if (result.hasError()) {
             palomir.logger()->log("failed to fetch service: " + result.error().localizedDescription(), LogType::default_);
@@ -445,15 +443,11 @@ void Palomir::feedback(const std::string& title, const std::string& message, con
                        std::vector<Attachment> attachments,
                        std::vector<std::shared_ptr<AttachmentProvider>> attachmentProviders,
                        std::shared_ptr<DispatchQueue> queue, Completion<std::string, PalomirError> completion) {
-    if (!queue) queue = mainQueue();
-    auto deliver = [queue, completion](Result<std::string, PalomirError> result) {
-        if (!completion) return;
-        queue->async([completion, result = std::move(result)]() mutable { completion(std::move(result)); });
-    };
-    auto client = this->client();
-    if (!client) return deliver(Err{PalomirError::missingCredentials()});
-    auto info = appInfo();
-    if (!info) return deliver(Err{PalomirError::failedToCreateAppInfo()});
+    auto deliver = deliveryOn(std::move(queue), std::move(completion));
+    auto start = clientAndAppInfo();
+    if (start.hasError()) return deliver(Err{start.error()});
+    auto client = start.value().first;
+    auto info = std::move(start.value().second);
 
     // Gathered on the caller's thread, in this order: the host's files, the
     // whole text of a long message, then each provider's files.
@@ -467,7 +461,7 @@ void Palomir::feedback(const std::string& title, const std::string& message, con
     auto job = std::make_shared<FeedbackJob>();
     job->feedback = Feedback{title, submitted, submittedBy, std::nullopt};
     job->attachments = std::move(attachments);
-    job->appInfo = std::move(*info);
+    job->appInfo = std::move(info);
     _queue->async([client, job, deliver] { runFeedback(*client, *job, deliver); });
 }
 
@@ -516,6 +510,14 @@ void runFeedback(APIClient& client, FeedbackJob& job,
         if (result.hasError()) return deliver(Err{PalomirError::requestFailed(std::move(result).error())});
         deliver(Ok{std::string()});
     });
+}
+
+Result<std::pair<std::shared_ptr<APIClient>, AppInfo>, PalomirError> Palomir::clientAndAppInfo() const {
+    auto client = this->client();
+    if (!client) return Err{PalomirError::missingCredentials()};
+    auto info = appInfo();
+    if (!info) return Err{PalomirError::failedToCreateAppInfo()};
+    return Ok{std::pair{std::move(client), std::move(*info)}};
 }
 
 std::vector<Attachment> Palomir::feedbackAttachments() {
