@@ -69,12 +69,17 @@ bool setMetadata(std::string_view json, PLError** error) {
 Palomir::Completion<std::string, PalomirError> feedbackCompletion(PLFeedbackCompletion completion, void* context) {
     if (!completion) return {};
     return [completion, context](Result<std::string, PalomirError> result) {
-        if (result.hasError()) {
-            const PLError error = translate(result.error());
-            completion(false, &error, context);
-        } else {
+        if (!result.hasError()) {
             completion(true, nullptr, context);
+            return;
         }
+        PLError failure{PL_ERROR_INTERNAL, "Internal error"};
+        try {
+            failure = translate(result.error());
+        } catch (...) {
+            // Out of memory: the host still hears back exactly once.
+        }
+        completion(false, &failure, context);
     };
 }
 
@@ -234,13 +239,17 @@ extern "C" bool pl_checkin(PLQueue* queue, PLCheckinCompletion completion, void*
         Palomir::Completion<Configuration> forward;
         if (completion) {
             forward = [completion, context](Result<Configuration, Error> result) {
-                if (result.hasError()) {
-                    const PLError translated = translate(result.error());
-                    completion(nullptr, &translated, context);
-                    return;
+                PLConfiguration* configuration = nullptr;
+                PLError failure{PL_ERROR_INTERNAL, "Internal error"};
+                try {
+                    if (result.hasError())
+                        failure = translate(result.error());
+                    else
+                        configuration = new PLConfiguration(std::move(result).value());
+                } catch (...) {
+                    // Out of memory: the host still hears back exactly once.
                 }
-                auto* configuration = new PLConfiguration(std::move(result).value());
-                completion(configuration, nullptr, context);
+                completion(configuration, configuration ? nullptr : &failure, context);
                 pl_configuration_release(configuration);
             };
         }
