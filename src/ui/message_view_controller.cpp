@@ -1,5 +1,7 @@
 #include "palomir/qt/message_view_controller.hpp"
 
+#include "palomir/client.hpp"
+
 #include <QtGui/QDesktopServices>
 #include <QtGui/QGuiApplication>
 #include <QtGui/QPalette>
@@ -115,6 +117,11 @@ void MessageViewController::moreInfosButtonPressed() {
     if (_message && _message->url) {
         QDesktopServices::openUrl(QUrl(QString::fromStdString(_message->url->absoluteString())));
     }
+}
+
+MessageViewController* updateMessageView(QObject* host, QQuickItem* view, MessageViewLocation location,
+                                         qreal yDistance) {
+    return updateMessageView(host, view, location, yDistance, Palomir::shared().configuration());
 }
 
 void setSafeAreaMargins(QQuickItem* view, QMarginsF margins) {

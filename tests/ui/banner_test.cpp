@@ -2,13 +2,15 @@
 
 #include <QtGui/QDesktopServices>
 
+#include <QtCore/QDir>
+#include <QtCore/QTemporaryDir>
 #include <gtest/gtest.h>
 
-#include <QtCore/QTemporaryDir>
-#include <QtCore/QDir>
 #include <fstream>
 
 #include "palomir/bundle.hpp"
+#include "palomir/client.hpp"
+#include "palomir/environment.hpp"
 #include "palomir/qt/message_view_controller.hpp"
 #include "support.hpp"
 
@@ -182,6 +184,24 @@ TEST(UpdateMessageViewTest, BottomBannerSitsAboveTheSafeArea) {
     ASSERT_NE(banner, nullptr);
     EXPECT_DOUBLE_EQ(banner->view()->y() + banner->view()->height(), 800.0 - 30.0 - 10.0);
     EXPECT_TRUE(banner->chevronFlipped());
+}
+
+TEST(UpdateMessageViewTest, WithoutAConfigurationArgumentUsesWhatTheClientHolds) {
+    QTemporaryDir caches;
+    setCachesDirectory(caches.path().toStdString());
+    QObject host;
+    QQuickItem view;
+    view.setSize(QSizeF(400, 800));
+    EXPECT_EQ(updateMessageView(&host, &view, MessageViewLocation::top, 10), nullptr);
+
+    Palomir::shared().setConfiguration(test::configuration(kWithMessage));
+    auto* banner = updateMessageView(&host, &view, MessageViewLocation::top, 10);
+    ASSERT_NE(banner, nullptr);
+    EXPECT_EQ(banner->titleLabel()->property("text").toString(), QStringLiteral("Down"));
+
+    Palomir::shared().setConfiguration(test::configuration(kWithoutMessage));
+    EXPECT_EQ(updateMessageView(&host, &view, MessageViewLocation::top, 10), nullptr);
+    EXPECT_TRUE(host.findChildren<MessageViewController*>().isEmpty());
 }
 
 }  // namespace

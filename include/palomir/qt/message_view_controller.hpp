@@ -89,6 +89,11 @@ PALOMIR_QT_API MessageViewController* updateMessageView(QObject* host, QQuickIte
                                                         MessageViewLocation location, qreal yDistance,
                                                         const std::optional<Configuration>& configuration);
 
+/// As above with the configuration the shared client holds. Call on the GUI
+/// thread.
+PALOMIR_QT_API MessageViewController* updateMessageView(QObject* host, QQuickItem* view,
+                                                        MessageViewLocation location, qreal yDistance);
+
 /// Records the insets of `view` that banners keep clear of.
 PALOMIR_QT_API void setSafeAreaMargins(QQuickItem* view, QMarginsF margins);
 
