@@ -47,6 +47,9 @@ TEST_P(ScreenshotTest, RendersEveryScreenInLightAndDark) {
             const QImage image(file);
             ASSERT_FALSE(image.isNull()) << file.toStdString();
             EXPECT_EQ(image.size(), options.size) << file.toStdString();
+            // An inactive lockdown without texts is never shown; its picture
+            // is rightly empty.
+            if (file.contains(QStringLiteral("-lockdown-")) && !configuration.lockdown.active) continue;
             EXPECT_GT(distinctColours(image), 8) << file.toStdString() << " looks blank";
         }
     }
@@ -55,8 +58,17 @@ TEST_P(ScreenshotTest, RendersEveryScreenInLightAndDark) {
 INSTANTIATE_TEST_SUITE_P(Documents, ScreenshotTest,
                          testing::Values(Document{PALOMIR_UI_TEST_MODEL_DATA, "configuration", 6},
                                          Document{PALOMIR_UI_TEST_MODEL_DATA, "configuration_lockdown", 2},
-                                         Document{PALOMIR_UI_TEST_DATA, "banner_dark", 6}),
-                         [](const auto& info) { return std::string(info.param.name); });
+                                         Document{PALOMIR_UI_TEST_DATA, "banner_dark", 6},
+                                         Document{PALOMIR_UI_TEST_SCENARIOS, "notes-only", 2},
+                                         Document{PALOMIR_UI_TEST_SCENARIOS, "soft-lockdown", 2},
+                                         Document{PALOMIR_UI_TEST_SCENARIOS, "hard-lockdown", 2},
+                                         Document{PALOMIR_UI_TEST_SCENARIOS, "outage", 6}),
+                         [](const auto& info) {
+                             std::string name = info.param.name;
+                             for (auto& c : name)
+                                 if (c == '-') c = '_';
+                             return name;
+                         });
 
 }  // namespace
 }  // namespace palomir::qt

@@ -7,6 +7,7 @@
 #include <QtTest/QTest>
 
 #include <gtest/gtest.h>
+#include <nlohmann/json.hpp>
 
 namespace palomir::qt::test {
 
@@ -25,7 +26,11 @@ Configuration configurationFile(const QString& path) {
         ADD_FAILURE() << "cannot read " << path.toStdString();
         return Configuration{};
     }
-    return configuration(file.readAll().toStdString());
+    // A sandbox scenario carries the configuration under "configuration".
+    const auto document = nlohmann::json::parse(file.readAll().toStdString(), nullptr, false);
+    if (document.is_object() && document.contains("configuration"))
+        return configuration(document["configuration"].dump());
+    return configuration(document.dump());
 }
 
 Configuration withLockdown(const std::string& lockdownJson, const std::string& themeJson) {
