@@ -11,6 +11,7 @@
 #include "palomir/palomir.hpp"
 #include "palomir_test/tls.hpp"
 #include "sandbox.hpp"
+#include "support.hpp"
 
 namespace palomir {
 namespace {
@@ -19,64 +20,6 @@ using namespace std::chrono_literals;
 namespace sb = palomir::sandbox;
 
 const std::filesystem::path kScenarios = std::filesystem::path(PALOMIR_SOURCE_DIR) / "examples" / "scenarios";
-
-class CapturingLogger : public Logger {
-public:
-    void log(const std::string& message, LogType type) override {
-        std::lock_guard lock(_mutex);
-        _lines.emplace_back(message, type);
-    }
-    bool contains(const std::string& text, LogType type) const {
-        std::lock_guard lock(_mutex);
-        for (const auto& [line, t] : _lines)
-            if (t == type && line.find(text) != std::string::npos) return true;
-        return false;
-    }
-
-private:
-    mutable std::mutex _mutex;
-    std::vector<std::pair<std::string, LogType>> _lines;
-};
-
-// Collects the one completion of an operation; fails when it runs on the
-// calling thread, off the given queue, or more than once.
-template <class T, class E = Error>
-class Awaited {
-public:
-    explicit Awaited(std::shared_ptr<DispatchQueue> queue) : _queue(std::move(queue)) {}
-
-    Palomir::Completion<T, E> completion() {
-        return [this, caller = std::this_thread::get_id()](Result<T, E> result) {
-            std::lock_guard lock(_mutex);
-            if (std::this_thread::get_id() == caller) _inline = true;
-            if (!_queue->isCurrent()) _offQueue = true;
-            if (++_calls == 1) {
-                _result.emplace(std::move(result));
-                _promise.set_value();
-            }
-        };
-    }
-
-    Result<T, E> get() {
-        EXPECT_EQ(_future.wait_for(30s), std::future_status::ready);
-        std::this_thread::sleep_for(30ms);
-        std::lock_guard lock(_mutex);
-        EXPECT_EQ(_calls, 1);
-        EXPECT_FALSE(_inline);
-        EXPECT_FALSE(_offQueue);
-        return *_result;
-    }
-
-private:
-    std::shared_ptr<DispatchQueue> _queue;
-    std::mutex _mutex;
-    std::promise<void> _promise;
-    std::future<void> _future = _promise.get_future();
-    std::optional<Result<T, E>> _result;
-    int _calls = 0;
-    bool _inline = false;
-    bool _offQueue = false;
-};
 
 class ClientIntegration : public ::testing::Test {
 protected:

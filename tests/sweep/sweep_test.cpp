@@ -1,0 +1,798 @@
+// Reliability and security sweep: the client against hostile servers, bad
+// input from the host, failing files, and a scan for leaked secrets. Every
+// case checks the exact outcome and that each completion arrives once.
+
+#include <gtest/gtest.h>
+
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <chrono>
+#include <cstdio>
+#include <fstream>
+#include <future>
+#include <mutex>
+#include <sstream>
+#include <thread>
+
+#include "palomir/environment.hpp"
+#include "palomir/palomir.hpp"
+#include "palomir_test/tls.hpp"
+#include "platform/crypto.hpp"
+#include "sandbox.hpp"
+#include "support.hpp"
+
+namespace palomir {
+namespace {
+
+using namespace std::chrono_literals;
+namespace fs = std::filesystem;
+namespace sb = palomir::sandbox;
+using Clock = std::chrono::steady_clock;
+
+const fs::path kScenarios = fs::path(PALOMIR_SOURCE_DIR) / "examples" / "scenarios";
+
+// "VmRSS" (now) or "VmHWM" (the peak so far) of this process, in kB.
+long memoryKilobytes(const std::string& field = "VmRSS") {
+    std::ifstream in("/proc/self/status");
+    std::string line;
+    while (std::getline(in, line))
+        if (line.rfind(field + ":", 0) == 0) return std::stol(line.substr(field.size() + 1));
+    return 0;
+}
+
+std::string readFile(const fs::path& path) {
+    std::ifstream in(path, std::ios::binary);
+    return std::string((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+}
+
+void setHostBundle() {
+    Bundle::setMain(Bundle(nlohmann::json{{"CFBundleIdentifier", "com.example.host"},
+                                          {"CFBundleDisplayName", "Example"},
+                                          {"CFBundleVersion", "42"},
+                                          {"CFBundleShortVersionString", "4.2"}},
+                           std::nullopt));
+}
+
+// The sandbox with the client pointed at it. `hostLogger` false keeps the
+// client's own file logger in place.
+class Sweep : public ::testing::Test {
+protected:
+    void startSandbox(sb::SandboxOptions options = {}, bool hostLogger = true) {
+        setCachesDirectory(_caches.path());
+        setHostBundle();
+        options.scenarioFile = kScenarios / "outage.json";
+        options.dataDirectory = _data.path();
+        options.bundleDirectory = _bundle.path();
+        options.logRequests = false;
+        _sandbox = std::make_unique<sb::Sandbox>(options);
+        auto started = _sandbox->start();
+        ASSERT_TRUE(started.hasValue()) << started.error();
+
+        auto& palomir = Palomir::shared();
+        if (hostLogger) palomir.setLogger(_logger);
+        palomir.setBackend(BackendOptions{_sandbox->baseURL(), {_sandbox->caFile()}, _sandbox->bundleDirectory()});
+        palomir.setAppCredentials(AppCredentials{options.appToken, options.appSecret});
+    }
+
+    void SetUp() override {}
+
+    std::size_t requestsTo(const std::string& method, const std::string& prefix) const {
+        std::size_t count = 0;
+        for (const auto& request : _sandbox->requests())
+            if (request.method == method && request.target.rfind(prefix, 0) == 0) ++count;
+        return count;
+    }
+
+    Result<Configuration, Error> checkin() {
+        Awaited<Configuration> awaited(_queue);
+        Palomir::shared().checkin(_queue, awaited.completion());
+        return awaited.get();
+    }
+
+    Result<std::string, PalomirError> feedback(const std::string& title, const std::string& message,
+                                               std::vector<Attachment> attachments,
+                                               std::vector<std::shared_ptr<AttachmentProvider>> providers = {}) {
+        Awaited<std::string, PalomirError> awaited(_queue);
+        Palomir::shared().feedback(title, message, "tester@example.com", std::move(attachments),
+                                   std::move(providers), _queue, awaited.completion());
+        return awaited.get(60s);
+    }
+
+    Result<std::string, PalomirError> feedbackFiles(const std::vector<fs::path>& files) {
+        Awaited<std::string, PalomirError> awaited(_queue);
+        Palomir::shared().feedback("Files", "with files", "tester@example.com", files, {}, _queue,
+                                   awaited.completion());
+        return awaited.get(60s);
+    }
+
+    palomir_test::TempDir _caches, _data, _bundle;
+    std::unique_ptr<sb::Sandbox> _sandbox;
+    std::shared_ptr<CapturingLogger> _logger = std::make_shared<CapturingLogger>();
+    std::shared_ptr<DispatchQueue> _queue = DispatchQueue::makeSerial("test.delivery");
+};
+
+// ---------------------------------------------------------------------------
+// Hostile servers
+
+enum class Endpoint { checkin, services, service, directUpload, feedback };
+
+struct HostileCase {
+    const char* name;
+    Endpoint endpoint;
+    sb::Fault fault;
+    /// The completion's error text; for a direct upload, the text logged
+    /// after "failed to start direct upload: " (the feedback still succeeds);
+    /// "" for success.
+    std::string expected;
+    /// Whether `expected` is only the beginning (platform text follows).
+    bool prefixOnly = false;
+    double maxSeconds = 10;
+};
+
+sb::Fault fault(const std::string& text) {
+    auto parsed = sb::Fault::parse(text);
+    EXPECT_TRUE(parsed.hasValue()) << text;
+    return parsed.hasValue() ? parsed.value() : sb::Fault{};
+}
+
+sb::Fault answer(int status, std::string body) {
+    sb::Fault f;
+    f.kind = sb::Fault::Kind::status;
+    f.status = status;
+    f.body = std::move(body);
+    return f;
+}
+
+sb::Route routeOf(Endpoint endpoint) {
+    switch (endpoint) {
+        case Endpoint::checkin: return sb::Route::checkin;
+        case Endpoint::services: return sb::Route::services;
+        case Endpoint::service: return sb::Route::service;
+        case Endpoint::directUpload: return sb::Route::directUploads;
+        case Endpoint::feedback: return sb::Route::feedback;
+    }
+    return sb::Route::any;
+}
+
+void PrintTo(const HostileCase& row, std::ostream* out) { *out << row.name; }
+
+class HostileServer : public Sweep, public ::testing::WithParamInterface<HostileCase> {
+protected:
+    // The outcome text of one call, with the number of requests it made to
+    // its route.
+    std::pair<std::string, std::size_t> call(Endpoint endpoint) {
+        auto text = [](const auto& result) {
+            return result.hasValue() ? std::string() : result.error().localizedDescription();
+        };
+        switch (endpoint) {
+            case Endpoint::checkin: return {text(checkin()), requestsTo("PUT", "/api/checkin/")};
+            case Endpoint::services: {
+                Awaited<Palomir::ServicesResult> awaited(_queue);
+                Palomir::shared().services(_queue, awaited.completion());
+                auto result = awaited.get(60s);
+                if (result.hasValue()) _maxAge = result.value().second;
+                return {text(result), requestsTo("GET", "/api/services")};
+            }
+            case Endpoint::service: {
+                Awaited<Palomir::ServiceResult> awaited(_queue);
+                Palomir::shared().service("photos", _queue, awaited.completion());
+                auto result = awaited.get(60s);
+                if (result.hasValue()) _maxAge = result.value().second;
+                return {text(result), requestsTo("GET", "/api/services/photos")};
+            }
+            case Endpoint::directUpload: {
+                auto result = feedback("t", "m", {Attachment::fromText("a.txt", std::nullopt, "bytes")});
+                EXPECT_TRUE(result.hasValue()) << result.error().errorDescription();
+                const std::string lead = "failed to start direct upload: ";
+                std::string logged;
+                for (const auto& line : _logger->lines())
+                    if (line.rfind(lead, 0) == 0) logged = line.substr(lead.size());
+                return {logged, requestsTo("POST", "/api/direct_uploads")};
+            }
+            case Endpoint::feedback: return {text(feedback("t", "m", {})), requestsTo("POST", "/api/feedback")};
+        }
+        return {};
+    }
+
+    MaxAge _maxAge = 12345.0;
+};
+
+TEST_P(HostileServer, FailsOnceWithTheExactErrorAndNoRetry) {
+    const auto& row = GetParam();
+    startSandbox();
+    _sandbox->setFault(routeOf(row.endpoint), row.fault);
+
+    const auto start = Clock::now();
+    auto [observed, requests] = call(row.endpoint);
+    const double seconds = std::chrono::duration<double>(Clock::now() - start).count();
+
+    if (row.prefixOnly)
+        EXPECT_EQ(observed.substr(0, row.expected.size()), row.expected) << observed;
+    else
+        EXPECT_EQ(observed, row.expected);
+    EXPECT_LT(seconds, row.maxSeconds);
+    EXPECT_EQ(requests, 1u);
+    if (row.fault.kind == sb::Fault::Kind::wrongCacheControl) {
+        EXPECT_EQ(_maxAge, std::nullopt);
+    }
+    std::cout << "[observed] " << row.name << " | " << observed << " | " << seconds << " s\n";
+}
+
+const std::string kBadStatus = "Request failed: Bad status: ";
+const std::string kNetwork = "Request failed: Network error: ";
+const std::string kTooLarge = kNetwork + "The response body is larger than 10485760 bytes";
+const std::string kEmptyReply = kNetwork + "Empty reply from server";
+// The sandbox's malformed body, then the parser's own words.
+const std::string kMalformed =
+    "Failed to decode response: {\"version\": \"sandbox\", \"theme\": [oops\nerror:: "
+    "[json.exception.parse_error.101] parse error at line 1, column 34: syntax error while parsing value - invalid "
+    "literal; last read: '\"theme\": [o'";
+
+std::vector<HostileCase> hostileCases() {
+    using E = Endpoint;
+    return {
+        // The check-in session gives up after 1 s without data or 5 s in all.
+        {"checkin_stall", E::checkin, fault("stall"), kNetwork + "The request timed out: no data for 1000 ms", false, 3},
+        {"checkin_drip", E::checkin, fault("drip:50"), kNetwork + "The request timed out: not complete after 5000 ms",
+         false, 7},
+        {"checkin_truncated", E::checkin, fault("truncated"), kNetwork + "transfer closed with ", true},
+        {"checkin_drop", E::checkin, fault("drop"), kEmptyReply},
+        // An informational status is no answer: the transfer waits for the
+        // final one until the idle limit.
+        {"checkin_199", E::checkin, answer(199, ""), kNetwork + "The request timed out: no data for 1000 ms", false,
+         3},
+        {"checkin_204", E::checkin, answer(204, ""), "Empty response"},
+        {"checkin_304", E::checkin, answer(304, ""), kBadStatus + "304"},
+        {"checkin_401", E::checkin, answer(401, ""), kBadStatus + "401"},
+        {"checkin_500", E::checkin, answer(500, ""), kBadStatus + "500"},
+        {"checkin_503", E::checkin, answer(503, ""), kBadStatus + "503"},
+        {"checkin_empty", E::checkin, fault("empty"), "Empty response"},
+        {"checkin_malformed", E::checkin, fault("malformed"), kMalformed},
+        {"checkin_wrong_types", E::checkin, answer(200, R"({"version":5})"),
+         "Failed to decode response: {\"version\":5}\nerror:version: expected a string, found number"},
+        {"checkin_oversized", E::checkin, fault("oversized:50"), kTooLarge},
+
+        // A stall that ends in a closed connection, well before the 60 s idle limit.
+        {"services_stall_then_close", E::services, fault("stall:1500"), kEmptyReply, false, 8},
+        {"services_truncated", E::services, fault("truncated"), kNetwork + "transfer closed with ", true},
+        {"services_drop", E::services, fault("drop"), kEmptyReply},
+        {"services_204", E::services, answer(204, ""), "Empty response"},
+        {"services_304", E::services, answer(304, ""), kBadStatus + "304"},
+        {"services_500", E::services, answer(500, ""), kBadStatus + "500"},
+        {"services_empty", E::services, fault("empty"), "Empty response"},
+        {"services_malformed", E::services, fault("malformed"), kMalformed},
+        {"services_wrong_types", E::services, answer(200, R"({"services":[{"name":7}]})"),
+         "Failed to decode response: {\"services\":[{\"name\":7}]}\nerror:services[0].name: expected a string, "
+         "found number"},
+        {"services_oversized", E::services, fault("oversized:50"), kTooLarge},
+        {"services_no_max_age", E::services, fault("cache-control:no-store"), ""},
+
+        {"service_drop", E::service, fault("drop"), kEmptyReply},
+        {"service_401", E::service, answer(401, ""), kBadStatus + "401"},
+        {"service_503", E::service, answer(503, ""), kBadStatus + "503"},
+        {"service_empty", E::service, fault("empty"), "Empty response"},
+        {"service_malformed", E::service, fault("malformed"), kMalformed},
+        {"service_wrong_types", E::service, answer(200, R"({"identifier":[]})"),
+         "Failed to decode response: {\"identifier\":[]}\nerror:service: missing required key"},
+        {"service_wrong_nested_type", E::service, answer(200, R"({"service":{"name":7}})"),
+         "Failed to decode response: {\"service\":{\"name\":7}}\nerror:service.name: expected a string, found number"},
+        {"service_negative_max_age", E::service, fault("cache-control:max-age=-5"), ""},
+
+        {"direct_upload_drop", E::directUpload, fault("drop"), kEmptyReply},
+        {"direct_upload_500", E::directUpload, answer(500, ""), kBadStatus + "500"},
+        {"direct_upload_empty", E::directUpload, fault("empty"), "Empty response"},
+        {"direct_upload_malformed", E::directUpload, fault("malformed"), kMalformed},
+
+        {"feedback_drop", E::feedback, fault("drop"), "Request failed: " + kEmptyReply},
+        {"feedback_truncated", E::feedback, fault("truncated"), "Request failed: " + kNetwork + "transfer closed with ",
+         true},
+        {"feedback_401", E::feedback, answer(401, ""), "Request failed: " + kBadStatus + "401"},
+        {"feedback_503", E::feedback, answer(503, ""), "Request failed: " + kBadStatus + "503"},
+        {"feedback_oversized", E::feedback, fault("oversized:50"), "Request failed: " + kTooLarge},
+    };
+}
+
+INSTANTIATE_TEST_SUITE_P(Faults, HostileServer, ::testing::ValuesIn(hostileCases()),
+                         [](const auto& info) { return std::string(info.param.name); });
+
+// ---------------------------------------------------------------------------
+// TLS refusals, straight through the API client
+
+struct TlsCase {
+    const char* name;
+    /// What the server presents and which certificate the client pins.
+    std::function<std::pair<palomir_test::CertificateChain, palomir_test::Certificate>(const palomir_test::TestPki&)>
+        setup;
+    bool accepted;
+};
+
+void PrintTo(const TlsCase& row, std::ostream* out) { *out << row.name; }
+
+class TlsRefusal : public ::testing::TestWithParam<TlsCase> {};
+
+TEST_P(TlsRefusal, IsANetworkErrorBeforeAnyRequestBytes) {
+    auto pki = palomir_test::TestPki::make("Sweep");
+    auto [chain, pinned] = GetParam().setup(pki);
+    palomir_test::TlsTestServer server({chain, nullptr, true});
+    palomir_test::TempDir resources;
+    pinned.writeDer(resources / "localhost.crt");
+    pki.root.writePem(resources / "ca.pem");
+
+    auto client = APIClient::make(AppCredentials{"token", "secret"}, nullptr, nullptr, nullptr,
+                                  BackendOptions{server.url("/api"), {resources / "ca.pem"}, resources.path()});
+    std::promise<Result<Configuration, APIError>> promise;
+    std::atomic<int> calls{0};
+    client->checkin(AppInfo{}, [&](Result<Configuration, APIError> result) {
+        if (++calls == 1) promise.set_value(std::move(result));
+    });
+    auto future = promise.get_future();
+    ASSERT_EQ(future.wait_for(20s), std::future_status::ready);
+    auto result = future.get();
+    std::this_thread::sleep_for(50ms);
+    EXPECT_EQ(calls.load(), 1);
+    if (GetParam().accepted) {
+        // The server answers "ok", which is no configuration: the exchange
+        // itself went through.
+        ASSERT_TRUE(result.hasError());
+        EXPECT_EQ(result.error().localizedDescription().rfind("Failed to decode response: ok", 0), 0u);
+        EXPECT_EQ(server.requests().size(), 1u);
+    } else {
+        ASSERT_TRUE(result.hasError());
+        const auto text = result.error().localizedDescription();
+        EXPECT_EQ(text.rfind("Request failed: Network error: ", 0), 0u) << text;
+        EXPECT_TRUE(server.requests().empty());
+        std::cout << "[observed] " << GetParam().name << " | " << text << "\n";
+    }
+}
+
+using palomir_test::CertificateFactory;
+using palomir_test::LeafOptions;
+using palomir_test::TestPki;
+
+INSTANTIATE_TEST_SUITE_P(
+    Chains, TlsRefusal,
+    ::testing::Values(
+        TlsCase{"trusted_and_pinned", [](const TestPki& p) { return std::make_pair(p.chain(), p.leaf); }, true},
+        TlsCase{"other_name",
+                [](const TestPki& p) {
+                    LeafOptions o;
+                    o.commonName = "other.example";
+                    o.dnsNames = {"other.example"};
+                    o.ipAddresses = {};
+                    auto leaf = CertificateFactory::makeLeaf(p.intermediate, o);
+                    return std::make_pair(palomir_test::CertificateChain{leaf, p.intermediate}, leaf);
+                },
+                false},
+        TlsCase{"expired",
+                [](const TestPki& p) {
+                    LeafOptions o;
+                    o.expired = true;
+                    auto leaf = CertificateFactory::makeLeaf(p.intermediate, o);
+                    return std::make_pair(palomir_test::CertificateChain{leaf, p.intermediate}, leaf);
+                },
+                false},
+        TlsCase{"self_signed_and_pinned",
+                [](const TestPki&) {
+                    auto leaf = CertificateFactory::makeSelfSignedLeaf();
+                    return std::make_pair(palomir_test::CertificateChain{leaf}, leaf);
+                },
+                false},
+        TlsCase{"trusted_without_the_pinned_key",
+                [](const TestPki& p) {
+                    auto other = CertificateFactory::makeLeaf(p.intermediate);
+                    return std::make_pair(p.chain(), other);
+                },
+                false}),
+    [](const auto& info) { return std::string(info.param.name); });
+
+// A body far beyond the limit is given up while it streams: memory grows by
+// about the limit, not by the body.
+TEST(OversizedBody, IsRefusedWithoutHoldingIt) {
+    auto pki = palomir_test::TestPki::make("Sweep");
+    palomir_test::TempDir resources;
+    pki.leaf.writeDer(resources / "localhost.crt");
+    pki.root.writePem(resources / "ca.pem");
+    palomir_test::TestResponse big;
+    big.chunkedBytes = std::size_t(50) * 1024 * 1024;
+    palomir_test::TlsTestServer server({pki.chain(), [big](const auto&) { return big; }, true});
+    auto client = APIClient::make(AppCredentials{"token", "secret"}, nullptr, nullptr, nullptr,
+                                  BackendOptions{server.url("/api"), {resources / "ca.pem"}, resources.path()});
+
+    const auto before = memoryKilobytes();
+    std::promise<Result<std::pair<ServicesResponse, MaxAge>, APIError>> promise;
+    std::atomic<int> calls{0};
+    client->services(AppInfo{}, false, [&](auto result) {
+        if (++calls == 1) promise.set_value(std::move(result));
+    });
+    auto future = promise.get_future();
+    ASSERT_EQ(future.wait_for(30s), std::future_status::ready);
+    auto result = future.get();
+    const auto growth = memoryKilobytes() - before;
+    std::this_thread::sleep_for(50ms);
+    EXPECT_EQ(calls.load(), 1);
+    ASSERT_TRUE(result.hasError());
+    EXPECT_EQ(result.error().localizedDescription(), kTooLarge);
+    EXPECT_LT(growth, 25 * 1024) << "VmRSS grew by " << growth << " kB";
+    EXPECT_EQ(server.requests().size(), 1u);
+    std::cout << "[observed] oversized 50 MB: VmRSS growth " << growth << " kB\n";
+}
+
+// ---------------------------------------------------------------------------
+// Bad input from the host
+
+struct TokenCase {
+    const char* name;
+    std::string token;
+    std::string secret;
+    /// The check-in's error text.
+    std::string expected;
+    /// Whether any request may reach the sandbox.
+    bool sent;
+};
+
+void PrintTo(const TokenCase& row, std::ostream* out) { *out << row.name; }
+
+class HostTokens : public Sweep, public ::testing::WithParamInterface<TokenCase> {};
+
+TEST_P(HostTokens, AreRefusedOrSentCleanly) {
+    startSandbox();
+    Palomir::shared().setAppCredentials(AppCredentials{GetParam().token, GetParam().secret});
+    auto result = checkin();
+    ASSERT_TRUE(result.hasError());
+    EXPECT_EQ(result.error().localizedDescription(), GetParam().expected);
+    if (!GetParam().sent) {
+        EXPECT_TRUE(_sandbox->requests().empty());
+    }
+    std::cout << "[observed] " << GetParam().name << " | " << result.error().localizedDescription() << " | "
+              << _sandbox->requests().size() << " requests\n";
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Tokens, HostTokens,
+    ::testing::Values(TokenCase{"token_with_blank", "sandbox token", "sandbox-secret", "Invalid app token", false},
+                      TokenCase{"token_not_utf8", "tok\xff\xfe", "sandbox-secret", "Invalid app token", false},
+                      TokenCase{"token_with_control_byte", "tok\nen", "sandbox-secret", "Invalid app token", false},
+                      // Characters that do stand in a URL: the token is sent
+                      // and the backend refuses it.
+                      TokenCase{"token_with_slash_and_query", "a/b?c#d", "sandbox-secret", kBadStatus + "401", true},
+                      TokenCase{"token_empty", "", "sandbox-secret", kBadStatus + "401", true},
+                      // The transfer library refuses the megabyte header
+                      // before anything is sent.
+                      TokenCase{"token_huge", std::string(1 << 20, 'a'), "sandbox-secret",
+                                kNetwork + "Out of memory", false},
+                      TokenCase{"secret_empty", "sandbox-token", "", kBadStatus + "401", true},
+                      TokenCase{"secret_not_utf8", "sandbox-token", "s\xff\xfe", kBadStatus + "401", true},
+                      TokenCase{"secret_huge", "sandbox-token", std::string(1 << 20, 's'), kBadStatus + "401", true}),
+    [](const auto& info) { return std::string(info.param.name); });
+
+TEST_F(Sweep, NonUtf8TitleAndMessageReachTheBackend) {
+    startSandbox();
+    const std::string title = "Crash \xff\xfe title";
+    const std::string message = "bad \xc3\x28 bytes \x80";
+    auto result = feedback(title, message, {});
+    ASSERT_TRUE(result.hasValue()) << result.error().errorDescription();
+    auto recorded = _sandbox->recordedFeedback();
+    ASSERT_EQ(recorded.size(), 1u);
+    // Bytes that are not UTF-8 travel as U+FFFD each.
+    EXPECT_EQ(recorded[0].title, "Crash \xEF\xBF\xBD\xEF\xBF\xBD title");
+    EXPECT_EQ(recorded[0].message, "bad \xEF\xBF\xBD( bytes \xEF\xBF\xBD");
+}
+
+TEST_F(Sweep, EmptyAndFiftyMegabyteAttachmentsAreUploadedWithSizeAndChecksum) {
+    startSandbox();
+    std::vector<std::uint8_t> big(std::size_t(50) * 1024 * 1024);
+    for (std::size_t i = 0; i < big.size(); ++i) big[i] = static_cast<std::uint8_t>(i * 131 + (i >> 12));
+    const auto bigChecksum = crypto::base64Encode(crypto::md5(big));
+    const auto peakBefore = memoryKilobytes("VmHWM");
+    auto result = feedback("t", "m",
+                           {Attachment::fromData("empty.bin", "application/octet-stream", {}),
+                            Attachment::fromData("big.bin", "application/octet-stream", std::move(big))});
+    const auto peakGrowth = memoryKilobytes("VmHWM") - peakBefore;
+    ASSERT_TRUE(result.hasValue()) << result.error().errorDescription();
+    auto recorded = _sandbox->recordedFeedback();
+    ASSERT_EQ(recorded.size(), 1u);
+    ASSERT_EQ(recorded[0].attachments.size(), 2u);
+    std::map<std::string, sb::RecordedUpload> byName;
+    for (const auto& upload : recorded[0].attachments) byName[upload.filename] = upload;
+    EXPECT_EQ(byName["empty.bin"].byteSize, 0);
+    EXPECT_TRUE(byName["empty.bin"].uploaded);
+    EXPECT_EQ(byName["empty.bin"].checksum, "1B2M2Y8AsgTpgAmY7PhCfg==");
+    EXPECT_EQ(byName["big.bin"].byteSize, 50 * 1024 * 1024);
+    EXPECT_EQ(byName["big.bin"].checksum, bigChecksum);
+    EXPECT_TRUE(byName["big.bin"].uploaded);
+    EXPECT_EQ(fs::file_size(byName["big.bin"].file), 50u * 1024 * 1024);
+    // The bytes were in memory before the call. The sandbox in this process
+    // holds the received body as well; beyond that the client must not add
+    // copies of its own.
+    // (its growing receive buffer alone peaks near two copies).
+    EXPECT_LT(peakGrowth, 150 * 1024) << "peak VmHWM grew by " << peakGrowth << " kB";
+    std::cout << "[observed] 50 MB attachment: peak memory growth " << peakGrowth << " kB\n";
+}
+
+TEST_F(Sweep, UnreadableFilesAreLeftOutOfTheFeedback) {
+    startSandbox();
+    palomir_test::TempDir files;
+    std::ofstream(files / "kept.txt") << "kept";
+    std::ofstream(files / "vanishing.txt") << "gone";
+    fs::remove(files / "vanishing.txt");
+    fs::create_directory(files / "a-directory");
+    auto result = feedbackFiles({files / "kept.txt", files / "vanishing.txt", files / "a-directory"});
+    ASSERT_TRUE(result.hasValue()) << result.error().errorDescription();
+    auto recorded = _sandbox->recordedFeedback();
+    ASSERT_EQ(recorded.size(), 1u);
+    ASSERT_EQ(recorded[0].attachments.size(), 1u);
+    EXPECT_EQ(recorded[0].attachments[0].filename, "kept.txt");
+    EXPECT_EQ(requestsTo("POST", "/api/direct_uploads"), 1u);
+}
+
+TEST_F(Sweep, AFileWithoutReadPermissionIsLeftOut) {
+    palomir_test::TempDir files;
+    std::ofstream(files / "secret.txt") << "no";
+    fs::permissions(files / "secret.txt", fs::perms::none);
+    if (std::ifstream(files / "secret.txt").is_open())
+        GTEST_SKIP() << "running with privileges that read a mode 000 file (root)";
+    startSandbox();
+    auto result = feedbackFiles({files / "secret.txt"});
+    ASSERT_TRUE(result.hasValue()) << result.error().errorDescription();
+    auto recorded = _sandbox->recordedFeedback();
+    ASSERT_EQ(recorded.size(), 1u);
+    EXPECT_TRUE(recorded[0].attachments.empty());
+}
+
+TEST_F(Sweep, MetadataOfEveryDynamicKindReachesTheBackend) {
+    startSandbox();
+    auto info = AppInfo::make(Bundle::main());
+    ASSERT_TRUE(info.hasValue());
+    auto appInfo = info.value();
+    using A = AnyEncodable;
+    appInfo.metadata = std::map<std::string, A>{
+        {"null", A::null()},
+        {"bool", A::boolean(true)},
+        {"i8", A::int8(-8)},
+        {"i16", A::int16(-16)},
+        {"i32", A::int32(-32)},
+        {"i64", A::int64(-6400000000LL)},
+        {"u8", A::uint8(8)},
+        {"u16", A::uint16(16)},
+        {"u32", A::uint32(32)},
+        {"u64", A::uint64(18446744073709551615ULL)},
+        {"float", A::float_(1.5f)},
+        {"double", A::double_(2.25)},
+        {"string", A::string("text")},
+        {"date", A::date(Date(std::chrono::milliseconds(1700000000123LL)))},
+        {"url", A::url(*Url::parse("https://example.com/a?b=c"))},
+        {"list", A::list({A::int32(1), A::string("two")})},
+        {"map", A::map({{"inner", A::boolean(false)}})},
+    };
+    Palomir::shared().setAppInfo(appInfo);
+    ASSERT_TRUE(feedback("t", "m", {}).hasValue());
+    auto recorded = _sandbox->recordedFeedback();
+    ASSERT_EQ(recorded.size(), 1u);
+    const auto& metadata = recorded[0].appInfo["metadata"];
+    std::cout << "[observed] metadata " << metadata.dump() << "\n";
+    EXPECT_EQ(metadata, nlohmann::json::parse(R"({"null":null,"bool":true,"i8":-8,"i16":-16,"i32":-32,
+        "i64":-6400000000,"u8":8,"u16":16,"u32":32,"u64":18446744073709551615,"float":1.5,"double":2.25,
+        "string":"text","date":"2023-11-14T22:13:20.123Z","url":"https://example.com/a?b=c",
+        "list":[1,"two"],"map":{"inner":false}})"));
+
+    ASSERT_TRUE(checkin().hasValue());
+    auto body = nlohmann::json::parse(_sandbox->requests().back().body);
+    EXPECT_EQ(body["app_info"]["metadata"], metadata);
+}
+
+TEST_F(Sweep, CredentialsChangedWhileRequestsAreUnderWayCompleteEachOnce) {
+    startSandbox();
+    _sandbox->setFault(sb::Route::any, fault("delay:300"));
+    std::vector<std::unique_ptr<Awaited<Configuration>>> checkins;
+    std::vector<std::unique_ptr<Awaited<Palomir::ServicesResult>>> lists;
+    std::vector<std::unique_ptr<Awaited<std::string, PalomirError>>> feedbacks;
+    auto& palomir = Palomir::shared();
+    for (int i = 0; i < 4; ++i) {
+        checkins.push_back(std::make_unique<Awaited<Configuration>>(_queue));
+        palomir.checkin(_queue, checkins.back()->completion());
+        lists.push_back(std::make_unique<Awaited<Palomir::ServicesResult>>(_queue));
+        palomir.services(_queue, lists.back()->completion());
+        feedbacks.push_back(std::make_unique<Awaited<std::string, PalomirError>>(_queue));
+        palomir.feedback("t", "m", "s", {Attachment::fromText("a.txt", std::nullopt, "x")}, {}, _queue,
+                         feedbacks.back()->completion());
+        switch (i) {
+            case 0: palomir.setUserCredentials(std::make_shared<StaticUserCredentials>("u1")); break;
+            case 1: palomir.setAppCredentials(std::nullopt); break;
+            case 2: palomir.setAppCredentials(AppCredentials{"sandbox-token", "sandbox-secret"}); break;
+            default: palomir.setBackend(BackendOptions{}); break;
+        }
+    }
+    // Each Awaited checks exactly one call, on the queue, never inline.
+    for (auto& a : checkins) a->get(60s);
+    for (auto& a : lists) a->get(60s);
+    for (auto& a : feedbacks) a->get(60s);
+}
+
+// ---------------------------------------------------------------------------
+// The whole public API before any configuration
+
+TEST(Unconfigured, EveryOperationCompletesOnceWithMissingCredentials) {
+    palomir_test::TempDir caches;
+    setCachesDirectory(caches.path());
+    auto queue = DispatchQueue::makeSerial("test.delivery");
+    auto& palomir = Palomir::shared();
+    EXPECT_FALSE(palomir.appCredentials().has_value());
+    EXPECT_EQ(palomir.client(), nullptr);
+    EXPECT_FALSE(palomir.configuration().has_value());
+    EXPECT_FALSE(palomir.services().has_value());
+    EXPECT_FALSE(palomir.systemServices().has_value());
+    palomir.setUserCredentials(std::make_shared<StaticUserCredentials>("ignored"));
+    EXPECT_EQ(palomir.userCredentials(), nullptr);
+    const std::string missing = "Missing app token and/or secret";
+    auto text = [](const auto& result) {
+        return result.hasValue() ? std::string("success") : result.error().localizedDescription();
+    };
+
+    Awaited<Configuration> checkin(queue);
+    palomir.checkin(queue, checkin.completion());
+    EXPECT_EQ(text(checkin.get()), missing);
+    Awaited<URLRequest> web(queue);
+    palomir.webRequest("https://example.com/page", queue, web.completion());
+    EXPECT_EQ(text(web.get()), missing);
+    Awaited<Palomir::ServicesResult> services(queue), systemServices(queue);
+    palomir.services(queue, services.completion());
+    palomir.systemServices(queue, systemServices.completion());
+    EXPECT_EQ(text(services.get()), missing);
+    EXPECT_EQ(text(systemServices.get()), missing);
+    Awaited<Palomir::ServiceResult> service(queue), systemService(queue);
+    palomir.service("photos", queue, service.completion());
+    palomir.systemService("auth", queue, systemService.completion());
+    EXPECT_EQ(text(service.get()), missing);
+    EXPECT_EQ(text(systemService.get()), missing);
+    Awaited<std::string, PalomirError> attachments(queue), files(queue);
+    palomir.feedback("t", "m", "s", {Attachment::fromText("a.txt", std::nullopt, "x")}, {}, queue,
+                     attachments.completion());
+    palomir.feedback("t", "m", "s", std::vector<fs::path>{caches / "none.txt"}, {}, queue, files.completion());
+    EXPECT_EQ(text(attachments.get()), missing);
+    EXPECT_EQ(text(files.get()), missing);
+    // Without completions nothing is delivered and nothing breaks.
+    palomir.checkin(queue);
+    palomir.services(queue);
+    palomir.feedback("t", "m", "s", std::vector<Attachment>{}, {}, queue);
+    std::promise<void> drained;
+    queue->async([&] { drained.set_value(); });
+    drained.get_future().wait();
+    EXPECT_FALSE(palomir.configuration().has_value());
+}
+
+// ---------------------------------------------------------------------------
+// Faults around files
+
+TEST(FileFaults, ACachesDirectoryThatCannotBeMadeLeavesCheckinWorkingAndPrintsTheLoggerMessages) {
+    palomir_test::TempDir root, data, bundle;
+    std::ofstream(root / "plain-file") << "not a directory";
+    setCachesDirectory(root / "plain-file" / "caches");
+    setHostBundle();
+    sb::SandboxOptions options;
+    options.scenarioFile = kScenarios / "notes-only.json";
+    options.dataDirectory = data.path();
+    options.bundleDirectory = bundle.path();
+    options.logRequests = false;
+    sb::Sandbox sandbox(options);
+    ASSERT_TRUE(sandbox.start().hasValue());
+
+    ::testing::internal::CaptureStdout();
+    auto& palomir = Palomir::shared();
+    palomir.setBackend(BackendOptions{sandbox.baseURL(), {sandbox.caFile()}, sandbox.bundleDirectory()});
+    palomir.setAppCredentials(AppCredentials{"sandbox-token", "sandbox-secret"});
+    auto queue = DispatchQueue::makeSerial("test.delivery");
+    Awaited<Configuration> awaited(queue);
+    palomir.checkin(queue, awaited.completion());
+    auto result = awaited.get();
+    std::this_thread::sleep_for(200ms);
+    std::fflush(stdout);
+    const std::string printed = ::testing::internal::GetCapturedStdout();
+
+    ASSERT_TRUE(result.hasValue()) << result.error().localizedDescription();
+    // One failure line for the directory, then one per message written:
+    // "Palomir started", the exchange's debug record, the check-in notice.
+    const std::string lost = "Palomir FileLogger: Error writing: no file I/O\n";
+    EXPECT_EQ(printed, "Failed to create log directory Not a directory\n" + lost + lost + lost);
+    EXPECT_TRUE(palomir.logFiles().empty());
+}
+
+TEST_F(Sweep, ALogFileDeletedWhileOpenKeepsTakingLines) {
+    startSandbox({}, /*hostLogger=*/false);
+    auto& palomir = Palomir::shared();
+    auto files = palomir.logFiles();
+    ASSERT_EQ(files.size(), 1u);
+    const auto file = files.front();
+    ASSERT_TRUE(checkin().hasValue());
+    std::this_thread::sleep_for(200ms);
+
+    // Find the descriptor the logger writes through.
+    int descriptor = -1;
+    for (const auto& entry : fs::directory_iterator("/proc/self/fd")) {
+        std::error_code error;
+        auto target = fs::read_symlink(entry.path(), error);
+        if (!error && target == file) descriptor = std::stoi(entry.path().filename().string());
+    }
+    ASSERT_GE(descriptor, 0) << "no open descriptor for " << file;
+    ASSERT_TRUE(fs::remove(file));
+    struct stat before {};
+    ASSERT_EQ(::fstat(descriptor, &before), 0);
+
+    ::testing::internal::CaptureStdout();
+    Palomir::shared().setConfiguration(std::nullopt);
+    ASSERT_TRUE(checkin().hasValue());
+    Awaited<Palomir::ServicesResult> services(_queue);
+    palomir.services(_queue, services.completion());
+    ASSERT_TRUE(services.get().hasValue());
+    std::this_thread::sleep_for(300ms);
+    std::fflush(stdout);
+    const std::string printed = ::testing::internal::GetCapturedStdout();
+
+    EXPECT_EQ(printed.find("FileLogger"), std::string::npos) << printed;
+    struct stat after {};
+    ASSERT_EQ(::fstat(descriptor, &after), 0);
+    EXPECT_EQ(after.st_nlink, 0u);
+    EXPECT_GT(after.st_size, before.st_size);
+    EXPECT_FALSE(fs::exists(file));
+}
+
+// ---------------------------------------------------------------------------
+// Secrets
+
+TEST_F(Sweep, NeitherTheAppSecretNorTheUserTokenIsWrittenPrintedOrTheSecretSent) {
+    const std::string secret = "S3cr3t-app-9f2e71c4";
+    const std::string token = "Us3r-t0ken-5b8d03aa";
+    sb::SandboxOptions options;
+    options.appSecret = secret;
+    ::testing::internal::CaptureStdout();
+    ::testing::internal::CaptureStderr();
+    startSandbox(options, /*hostLogger=*/false);
+    auto& palomir = Palomir::shared();
+    palomir.setUserCredentials(std::make_shared<StaticUserCredentials>(token));
+
+    auto configuration = checkin();
+    Awaited<Palomir::ServicesResult> services(_queue);
+    palomir.services(_queue, services.completion());
+    auto list = services.get();
+    std::shared_ptr<AttachmentProvider> logs(&palomir, [](AttachmentProvider*) {});
+    auto sent = feedback("Secrets", "message", {Attachment::fromText("a.txt", std::nullopt, "x")}, {logs});
+    // A refused request too: its error text is logged.
+    _sandbox->setFault(sb::Route::services, answer(401, "{\"error\":\"bad\"}"));
+    Awaited<Palomir::ServicesResult> refused(_queue);
+    palomir.services(_queue, refused.completion());
+    refused.get();
+    std::this_thread::sleep_for(300ms);
+    std::fflush(stdout);
+    const std::string printed = ::testing::internal::GetCapturedStdout() + ::testing::internal::GetCapturedStderr();
+
+    ASSERT_TRUE(configuration.hasValue()) << configuration.error().localizedDescription();
+    ASSERT_TRUE(list.hasValue());
+    ASSERT_TRUE(sent.hasValue()) << sent.error().errorDescription();
+    ASSERT_EQ(_sandbox->recordedFeedback().size(), 1u);
+    EXPECT_EQ(_sandbox->requests().front().header("X-Authorization-User"), "Bearer " + token);
+
+    std::size_t scanned = 0;
+    for (const auto& directory : {_caches.path(), _data.path()}) {
+        for (const auto& entry : fs::recursive_directory_iterator(directory)) {
+            if (!entry.is_regular_file()) continue;
+            const auto text = readFile(entry.path());
+            ++scanned;
+            EXPECT_EQ(text.find(secret), std::string::npos) << entry.path();
+            EXPECT_EQ(text.find(token), std::string::npos) << entry.path();
+        }
+    }
+    EXPECT_GE(scanned, 3u);  // at least the log file, feedback.json and an upload
+    EXPECT_FALSE(palomir.logFiles().empty());
+    EXPECT_NE(readFile(palomir.logFiles().back()).find("request: "), std::string::npos);
+    EXPECT_EQ(printed.find(secret), std::string::npos);
+    EXPECT_EQ(printed.find(token), std::string::npos);
+    for (const auto& request : _sandbox->requests()) {
+        EXPECT_EQ(request.target.find(secret), std::string::npos);
+        EXPECT_EQ(request.body.find(secret), std::string::npos);
+        for (const auto& [name, value] : request.headers) EXPECT_EQ(value.find(secret), std::string::npos) << name;
+    }
+}
+
+}  // namespace
+}  // namespace palomir
