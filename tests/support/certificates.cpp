@@ -48,7 +48,7 @@ void addExtension(X509* certificate, X509V3_CTX* context, int nid, const std::st
     X509_EXTENSION_free(extension);
 }
 
-struct Spec {
+struct Blueprint {
     std::string commonName;
     bool isCa = false;
     std::vector<std::string> dnsNames;
@@ -57,7 +57,7 @@ struct Spec {
 };
 
 // `issuer` null: self-signed with the new key.
-Certificate make(const Spec& spec, const Certificate* issuer) {
+Certificate make(const Blueprint& blueprint, const Certificate* issuer) {
     auto key = makeKey();
     std::shared_ptr<X509> certificate(X509_new(), X509_free);
     X509* x = certificate.get();
@@ -71,7 +71,7 @@ Certificate make(const Spec& spec, const Certificate* issuer) {
     BN_free(number);
 
     const long day = 24 * 3600;
-    if (spec.expired) {
+    if (blueprint.expired) {
         X509_gmtime_adj(X509_getm_notBefore(x), -2 * day);
         X509_gmtime_adj(X509_getm_notAfter(x), -1 * day);
     } else {
@@ -83,23 +83,23 @@ Certificate make(const Spec& spec, const Certificate* issuer) {
     X509_NAME_add_entry_by_txt(name, "O", MBSTRING_UTF8, reinterpret_cast<const unsigned char*>("Palomir Tests"),
                                -1, -1, 0);
     X509_NAME_add_entry_by_txt(name, "CN", MBSTRING_UTF8,
-                               reinterpret_cast<const unsigned char*>(spec.commonName.c_str()), -1, -1, 0);
+                               reinterpret_cast<const unsigned char*>(blueprint.commonName.c_str()), -1, -1, 0);
     X509_set_issuer_name(x, issuer ? X509_get_subject_name(issuer->x509()) : name);
     X509_set_pubkey(x, key.get());
 
     X509V3_CTX context;
     X509V3_set_ctx_nodb(&context);
     X509V3_set_ctx(&context, issuer ? issuer->x509() : x, x, nullptr, nullptr, 0);
-    addExtension(x, &context, NID_basic_constraints, spec.isCa ? "critical,CA:TRUE" : "critical,CA:FALSE");
+    addExtension(x, &context, NID_basic_constraints, blueprint.isCa ? "critical,CA:TRUE" : "critical,CA:FALSE");
     addExtension(x, &context, NID_key_usage,
-                 spec.isCa ? "critical,keyCertSign,cRLSign" : "critical,digitalSignature,keyEncipherment");
+                 blueprint.isCa ? "critical,keyCertSign,cRLSign" : "critical,digitalSignature,keyEncipherment");
     addExtension(x, &context, NID_subject_key_identifier, "hash");
     addExtension(x, &context, NID_authority_key_identifier, "keyid:always");
-    if (!spec.isCa) {
+    if (!blueprint.isCa) {
         addExtension(x, &context, NID_ext_key_usage, "serverAuth");
         std::string names;
-        for (const auto& dns : spec.dnsNames) names += (names.empty() ? "DNS:" : ",DNS:") + dns;
-        for (const auto& ip : spec.ipAddresses) names += (names.empty() ? "IP:" : ",IP:") + ip;
+        for (const auto& dns : blueprint.dnsNames) names += (names.empty() ? "DNS:" : ",DNS:") + dns;
+        for (const auto& ip : blueprint.ipAddresses) names += (names.empty() ? "IP:" : ",IP:") + ip;
         if (!names.empty()) addExtension(x, &context, NID_subject_alt_name, names);
     }
 
@@ -167,19 +167,19 @@ void writePem(const std::filesystem::path& path, const CertificateChain& certifi
 }
 
 Certificate CertificateFactory::makeRoot(const std::string& commonName) {
-    return make(Spec{commonName, true, {}, {}, false}, nullptr);
+    return make(Blueprint{commonName, true, {}, {}, false}, nullptr);
 }
 
 Certificate CertificateFactory::makeIntermediate(const Certificate& issuer, const std::string& commonName) {
-    return make(Spec{commonName, true, {}, {}, false}, &issuer);
+    return make(Blueprint{commonName, true, {}, {}, false}, &issuer);
 }
 
 Certificate CertificateFactory::makeLeaf(const Certificate& issuer, const LeafOptions& options) {
-    return make(Spec{options.commonName, false, options.dnsNames, options.ipAddresses, options.expired}, &issuer);
+    return make(Blueprint{options.commonName, false, options.dnsNames, options.ipAddresses, options.expired}, &issuer);
 }
 
 Certificate CertificateFactory::makeSelfSignedLeaf(const LeafOptions& options) {
-    return make(Spec{options.commonName, false, options.dnsNames, options.ipAddresses, options.expired}, nullptr);
+    return make(Blueprint{options.commonName, false, options.dnsNames, options.ipAddresses, options.expired}, nullptr);
 }
 
 TestPki TestPki::make(const std::string& name, const LeafOptions& leafOptions) {
