@@ -76,8 +76,6 @@ protected:
         palomir.setAppCredentials(AppCredentials{options.appToken, options.appSecret});
     }
 
-    void SetUp() override {}
-
     std::size_t requestsTo(const std::string& method, const std::string& prefix) const {
         std::size_t count = 0;
         for (const auto& request : _sandbox->requests())
@@ -601,7 +599,10 @@ TEST_F(Sweep, CredentialsChangedWhileRequestsAreUnderWayCompleteEachOnce) {
             case 0: palomir.setUserCredentials(std::make_shared<StaticUserCredentials>("u1")); break;
             case 1: palomir.setAppCredentials(std::nullopt); break;
             case 2: palomir.setAppCredentials(AppCredentials{"sandbox-token", "sandbox-secret"}); break;
-            default: palomir.setBackend(BackendOptions{}); break;
+            default:
+                palomir.setBackend(
+                    BackendOptions{_sandbox->baseURL(), {_sandbox->caFile()}, _sandbox->bundleDirectory()});
+                break;
         }
     }
     // Each Awaited checks exactly one call, on the queue, never inline.
