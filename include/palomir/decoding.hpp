@@ -17,7 +17,7 @@ struct PALOMIR_API DecodingError {
     std::string keyPath;
     std::string reason;
 
-    /// keyPath + ": " + reason.
+    /// keyPath + ": " + reason; the reason alone for the document itself.
     std::string message() const;
 
     friend bool operator==(const DecodingError&, const DecodingError&) = default;
@@ -28,7 +28,7 @@ struct PALOMIR_API EncodingError {
     std::string keyPath;
     std::string reason;
 
-    /// keyPath + ": " + reason.
+    /// keyPath + ": " + reason; the reason alone for the document itself.
     std::string message() const;
 
     friend bool operator==(const EncodingError&, const EncodingError&) = default;

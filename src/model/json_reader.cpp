@@ -92,9 +92,10 @@ double read(JsonPath& path, const json& value, Tag<double>) {
 
 namespace palomir {
 
-std::string DecodingError::message() const { return keyPath + ": " + reason; }
+// A failure of the document as a whole has no key path to name.
+std::string DecodingError::message() const { return keyPath.empty() ? reason : keyPath + ": " + reason; }
 
-std::string EncodingError::message() const { return keyPath + ": " + reason; }
+std::string EncodingError::message() const { return keyPath.empty() ? reason : keyPath + ": " + reason; }
 
 Result<nlohmann::json, DecodingError> parseJson(std::string_view text) {
     try {

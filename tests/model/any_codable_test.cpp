@@ -92,7 +92,7 @@ TEST(AnyDecodable, DiscardedValueCannotBeDecoded) {
     const nlohmann::json discarded(nlohmann::json::value_t::discarded);
     const auto result = decode<AnyDecodable>(discarded);
     ASSERT_TRUE(result.hasError());
-    EXPECT_EQ(result.error().message(), ": AnyDecodable value cannot be decoded");
+    EXPECT_EQ(result.error().message(), "AnyDecodable value cannot be decoded");
 }
 
 }  // namespace

@@ -69,7 +69,7 @@ TEST(ColorDecoding, MalformedStringIsTransparentBlackButNonStringFails) {
     EXPECT_EQ(ok.value(), kTransparentBlack);
     const auto bad = decodeJson<Color>("16746496");
     ASSERT_TRUE(bad.hasError());
-    EXPECT_EQ(bad.error().message(), ": expected a string, found number");
+    EXPECT_EQ(bad.error().message(), "expected a string, found number");
 }
 
 }  // namespace

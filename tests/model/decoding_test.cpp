@@ -62,9 +62,9 @@ INSTANTIATE_TEST_SUITE_P(
                    R"({"version":"3",)" THEME ",\"notes\":[]," LOCKDOWN
                    R"(,"services":[)" SERVICE R"(,{"name":"A","identifier":"a","is_available":true,"triggers_message":true}]})",
                    "services[1].state: missing required key"},
-        DecodeCase{"NotAnObject", outcome<Configuration>, "[]", ": expected an object, found array"},
+        DecodeCase{"NotAnObject", outcome<Configuration>, "[]", "expected an object, found array"},
         DecodeCase{"NotJson", outcome<Configuration>, "{\"version\":",
-                   ": [json.exception.parse_error.101] parse error at line 1, column 12: syntax error while parsing "
+                   "[json.exception.parse_error.101] parse error at line 1, column 12: syntax error while parsing "
                    "value - unexpected end of input; expected '[', '{', or a literal"}),
     caseName);
 

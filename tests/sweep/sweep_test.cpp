@@ -224,7 +224,7 @@ const std::string kTooLarge = kNetwork + "The response body is larger than 10485
 const std::string kEmptyReply = kNetwork + "Empty reply from server";
 // The sandbox's malformed body, then the parser's own words.
 const std::string kMalformed =
-    "Failed to decode response: {\"version\": \"sandbox\", \"theme\": [oops\nerror:: "
+    "Failed to decode response: {\"version\": \"sandbox\", \"theme\": [oops\nerror:"
     "[json.exception.parse_error.101] parse error at line 1, column 34: syntax error while parsing value - invalid "
     "literal; last read: '\"theme\": [o'";
 
