@@ -737,14 +737,26 @@ void Sandbox::State::handle(const httplib::Request& request, httplib::Response& 
         std::erase_if(answer.headers, [](const auto& h) { return strcasecmp(h.first.c_str(), "Cache-Control") == 0; });
         answer.headers.emplace_back("Cache-Control", fault->body);
     }
-    if (fault && fault->kind == Kind::oversized) {
-        // Trailing white space keeps a JSON answer valid: the client has to
-        // read it all.
-        if (answer.status == 204) answer.status = 200;
-        answer.body.append(fault->megabytes * 1024 * 1024, ' ');
-    }
+    if (fault && fault->kind == Kind::oversized && answer.status == 204) answer.status = 200;
     response.status = answer.status;
     for (const auto& [name, value] : answer.headers) response.set_header(name, value);
+
+    if (fault && fault->kind == Kind::oversized) {
+        // The real answer, then trailing white space, which keeps a JSON
+        // answer valid so the client has to read it all. Streamed: the first
+        // bytes leave at once however large the padding, and the padding is
+        // never held in memory.
+        auto body = std::make_shared<std::string>(std::move(answer.body));
+        const std::size_t total = body->size() + fault->megabytes * 1024 * 1024;
+        response.set_content_provider(
+            total, answer.contentType.empty() ? kJson : answer.contentType,
+            [body, total](std::size_t offset, std::size_t, httplib::DataSink& sink) {
+                static const std::string padding(64 * 1024, ' ');
+                if (offset < body->size()) return sink.write(body->data() + offset, body->size() - offset);
+                return sink.write(padding.data(), std::min(padding.size(), total - offset));
+            });
+        return finish(answer.status);
+    }
 
     if (fault && fault->kind == Kind::truncated) {
         auto body = std::make_shared<std::string>(std::move(answer.body));
