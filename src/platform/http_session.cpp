@@ -88,7 +88,9 @@ X509_STORE* makeTrustStore(const HttpSessionConfiguration& configuration) {
                std::to_string(timeError ? 0 : modified);
     }
     static std::mutex mutex;
-    static std::deque<std::pair<std::string, X509_STORE*>> kept;
+    // Never destroyed, like the stores it keeps: a destructor at exit would
+    // run while network threads may still use them.
+    static auto& kept = *new std::deque<std::pair<std::string, X509_STORE*>>();
     constexpr std::size_t kKept = 8;
     std::lock_guard lock(mutex);
     for (const auto& [known, store] : kept) {
