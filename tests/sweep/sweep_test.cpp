@@ -420,7 +420,9 @@ TEST(OversizedBody, IsRefusedWithoutHoldingIt) {
     EXPECT_EQ(calls.load(), 1);
     ASSERT_TRUE(result.hasError());
     EXPECT_EQ(result.error().localizedDescription(), kTooLarge);
-    if (kMemoryIsMeasurable) EXPECT_LT(growth, 25 * 1024) << "VmRSS grew by " << growth << " kB";
+    if (kMemoryIsMeasurable) {
+        EXPECT_LT(growth, 25 * 1024) << "VmRSS grew by " << growth << " kB";
+    }
     EXPECT_EQ(server.requests().size(), 1u);
     std::cout << "[observed] oversized 50 MB: VmRSS growth " << growth << " kB\n";
 }
@@ -513,7 +515,9 @@ TEST_F(Sweep, EmptyAndFiftyMegabyteAttachmentsAreUploadedWithSizeAndChecksum) {
     // holds the received body as well; beyond that the client must not add
     // copies of its own.
     // (its growing receive buffer alone peaks near two copies).
-    if (kMemoryIsMeasurable) EXPECT_LT(peakGrowth, 150 * 1024) << "peak VmHWM grew by " << peakGrowth << " kB";
+    if (kMemoryIsMeasurable) {
+        EXPECT_LT(peakGrowth, 150 * 1024) << "peak VmHWM grew by " << peakGrowth << " kB";
+    }
     std::cout << "[observed] 50 MB attachment: peak memory growth " << peakGrowth << " kB\n";
 }
 
