@@ -89,6 +89,11 @@ std::optional<Date> PlRFC3339Formatter::parse(std::string_view text) const {
 
     const std::int64_t days = daysFromCivil(year, month, day);
     const std::int64_t seconds = days * 86400 + hour * 3600 + minute * 60 + second - offsetMinutes * 60;
+    // An offset can carry a date at either end of the four-digit years past
+    // them in UTC, where the form could not write it again: refused.
+    static constexpr std::int64_t kFirst = daysFromCivil(0, 1, 1) * 86400;
+    static constexpr std::int64_t kEnd = daysFromCivil(10000, 1, 1) * 86400;
+    if (seconds < kFirst || seconds >= kEnd) return std::nullopt;
     return Date(milliseconds(seconds * 1000 + millis));
 }
 

@@ -38,6 +38,10 @@ INSTANTIATE_TEST_SUITE_P(
         DateCase{"2000-02-29T00:00:00.000Z", 951782400000},
         DateCase{"0000-01-01T00:00:00.000Z", -62167219200000},
         DateCase{"9999-12-31T23:59:59.999Z", 253402300799999},
+        // Offsets that carry the instant past the four-digit years in UTC.
+        DateCase{"0000-01-01T00:00:10.000+02:00", std::nullopt},
+        DateCase{"9999-12-31T23:00:00.000-02:00", std::nullopt},
+        DateCase{"0000-01-01T00:00:00.000-01:00", -62167215600000},
         DateCase{"2024-05-01T06:30:00Z", std::nullopt},         // no fraction
         DateCase{"2024-05-01T06:30:00.000000Z", std::nullopt},  // six digits
         DateCase{"2024-05-01T06:30:00.00Z", std::nullopt},
