@@ -21,6 +21,14 @@ std::optional<Bytes> base64Decode(std::string_view text);
 /// Cryptographically strong random bytes.
 void randomBytes(std::span<std::uint8_t> out);
 
+/// The value of one hexadecimal digit of either case, or -1.
+inline int hexDigitValue(char c) {
+    if (c >= '0' && c <= '9') return c - '0';
+    if (c >= 'a' && c <= 'f') return c - 'a' + 10;
+    if (c >= 'A' && c <= 'F') return c - 'A' + 10;
+    return -1;
+}
+
 inline std::span<const std::uint8_t> asBytes(std::string_view text) {
     return {reinterpret_cast<const std::uint8_t*>(text.data()), text.size()};
 }

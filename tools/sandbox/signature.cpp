@@ -8,17 +8,11 @@
 
 #include "api/oauth.hpp"
 #include "palomir/url.hpp"
+#include "platform/crypto.hpp"
 
 namespace palomir::sandbox {
 
 namespace {
-
-int hexValue(char c) {
-    if (c >= '0' && c <= '9') return c - '0';
-    if (c >= 'a' && c <= 'f') return c - 'a' + 10;
-    if (c >= 'A' && c <= 'F') return c - 'A' + 10;
-    return -1;
-}
 
 std::optional<std::string> percentDecode(std::string_view text) {
     std::string out;
@@ -29,8 +23,8 @@ std::optional<std::string> percentDecode(std::string_view text) {
             continue;
         }
         if (i + 2 >= text.size()) return std::nullopt;
-        int high = hexValue(text[i + 1]);
-        int low = hexValue(text[i + 2]);
+        int high = crypto::hexDigitValue(text[i + 1]);
+        int low = crypto::hexDigitValue(text[i + 2]);
         if (high < 0 || low < 0) return std::nullopt;
         out += static_cast<char>(high * 16 + low);
         i += 2;
