@@ -7,34 +7,34 @@
 
 namespace palomir::model {
 
-AnyValue read(JsonPath& path, const json& value, Tag<AnyValue>) {
+AnyValue read(JsonPath& path, JsonValue value, Tag<AnyValue>) {
     // The order decides ambiguous numbers: integers that fit a signed word
     // stay signed, larger ones unsigned, everything else is a double.
-    switch (value.type()) {
-        case json::value_t::null: return AnyValue::null();
-        case json::value_t::boolean: return AnyValue::boolean(value.get<bool>());
-        case json::value_t::number_integer: return AnyValue::int64(value.get<std::int64_t>());
-        case json::value_t::number_unsigned: {
-            const auto v = value.get<std::uint64_t>();
+    switch (value.kind()) {
+        case JsonKind::null: return AnyValue::null();
+        case JsonKind::boolean: return AnyValue::boolean(value.boolean());
+        case JsonKind::integer: return AnyValue::int64(value.integer());
+        case JsonKind::unsigned_: {
+            const auto v = value.unsignedInteger();
             if (v <= static_cast<std::uint64_t>(std::numeric_limits<std::int64_t>::max()))
                 return AnyValue::int64(static_cast<std::int64_t>(v));
             return AnyValue::uint64(v);
         }
-        case json::value_t::number_float: return AnyValue::double_(value.get<double>());
-        case json::value_t::string: return AnyValue::string(value.get<std::string>());
-        case json::value_t::array: return AnyValue::list(read(path, value, Tag<AnyList>{}));
-        case json::value_t::object: return AnyValue::map(read(path, value, Tag<AnyMap>{}));
-        case json::value_t::binary:
-        case json::value_t::discarded: break;
+        case JsonKind::float_: return AnyValue::double_(value.number());
+        case JsonKind::string: return AnyValue::string(std::string(value.text()));
+        case JsonKind::array: return AnyValue::list(read(path, value, Tag<AnyList>{}));
+        case JsonKind::object: return AnyValue::map(read(path, value, Tag<AnyMap>{}));
+        case JsonKind::binary:
+        case JsonKind::discarded: break;
     }
     path.fail("AnyDecodable value cannot be decoded");
 }
 
-AnyCodable read(JsonPath& path, const json& value, Tag<AnyCodable>) {
+AnyCodable read(JsonPath& path, JsonValue value, Tag<AnyCodable>) {
     return AnyCodable(read(path, value, Tag<AnyValue>{}));
 }
 
-AnyDecodable read(JsonPath& path, const json& value, Tag<AnyDecodable>) {
+AnyDecodable read(JsonPath& path, JsonValue value, Tag<AnyDecodable>) {
     return AnyDecodable(read(path, value, Tag<AnyValue>{}));
 }
 

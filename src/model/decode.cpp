@@ -6,68 +6,70 @@ namespace {
 
 // Every enumeration read from JSON must name one of its cases exactly.
 template <class Enum, class FromString>
-Enum readEnum(JsonPath& path, const json& value, const char* typeName, FromString fromString) {
-    if (!value.is_string()) failExpected(path, "a string", value);
-    const auto& text = value.get_ref<const std::string&>();
+Enum readEnum(JsonPath& path, JsonValue value, const char* typeName, FromString fromString) {
+    if (!value.isString()) failExpected(path, "a string", value);
+    const std::string_view text = value.text();
     if (auto parsed = fromString(text)) return *parsed;
-    path.fail("unknown value \"" + text + "\" for " + typeName);
+    path.fail("unknown value \"" + std::string(text) + "\" for " + typeName);
 }
 
 }  // namespace
 
-Date read(JsonPath& path, const json& value, Tag<Date>) {
-    if (!value.is_string()) failExpected(path, "a string", value);
-    if (auto date = plRFC3339.parse(value.get_ref<const std::string&>())) return *date;
+Date read(JsonPath& path, JsonValue value, Tag<Date>) {
+    if (!value.isString()) failExpected(path, "a string", value);
+    if (auto date = plRFC3339.parse(value.text())) return *date;
     path.fail("not a valid date");
 }
 
-Url read(JsonPath& path, const json& value, Tag<Url>) {
-    if (!value.is_string()) failExpected(path, "a string", value);
-    if (auto url = Url::parse(value.get_ref<const std::string&>())) return std::move(*url);
+Url read(JsonPath& path, JsonValue value, Tag<Url>) {
+    if (!value.isString()) failExpected(path, "a string", value);
+    if (auto url = Url::parse(value.text())) return std::move(*url);
     path.fail("not a valid URL");
 }
 
-Uuid read(JsonPath& path, const json& value, Tag<Uuid>) {
-    if (!value.is_string()) failExpected(path, "a string", value);
-    if (auto uuid = Uuid::parse(value.get_ref<const std::string&>())) return *uuid;
+Uuid read(JsonPath& path, JsonValue value, Tag<Uuid>) {
+    if (!value.isString()) failExpected(path, "a string", value);
+    if (auto uuid = Uuid::parse(value.text())) return *uuid;
     path.fail("not a valid UUID");
 }
 
-CheckinEvent read(JsonPath& path, const json& value, Tag<CheckinEvent>) {
+CheckinEvent read(JsonPath& path, JsonValue value, Tag<CheckinEvent>) {
     return readEnum<CheckinEvent>(path, value, "CheckinEvent", checkinEventFromString);
 }
 
-LockdownType read(JsonPath& path, const json& value, Tag<LockdownType>) {
+LockdownType read(JsonPath& path, JsonValue value, Tag<LockdownType>) {
     return readEnum<LockdownType>(path, value, "LockdownType", lockdownTypeFromString);
 }
 
-ServiceState read(JsonPath& path, const json& value, Tag<ServiceState>) {
+ServiceState read(JsonPath& path, JsonValue value, Tag<ServiceState>) {
     // Tolerant on purpose: a state the backend adds later shows as the worst.
-    if (!value.is_string()) failExpected(path, "a string", value);
-    return serviceStateFromString(value.get_ref<const std::string&>()).value_or(ServiceState::unknown);
+    if (!value.isString()) failExpected(path, "a string", value);
+    return serviceStateFromString(value.text()).value_or(ServiceState::unknown);
 }
 
-Color read(JsonPath& path, const json& value, Tag<Color>) {
-    if (!value.is_string()) failExpected(path, "a string", value);
-    return Color::fromHex(value.get_ref<const std::string&>());
+Color read(JsonPath& path, JsonValue value, Tag<Color>) {
+    if (!value.isString()) failExpected(path, "a string", value);
+    return Color::fromHex(value.text());
 }
 
-ColorGradient::Point read(JsonPath& path, const json& value, Tag<ColorGradient::Point>) {
-    if (!value.is_array() || value.size() != 2 || !value[0].is_number() || !value[1].is_number())
-        path.fail("expected an array of two numbers");
-    return ColorGradient::Point{value[0].get<double>(), value[1].get<double>()};
+ColorGradient::Point read(JsonPath& path, JsonValue value, Tag<ColorGradient::Point>) {
+    if (!value.isArray() || value.size() != 2) path.fail("expected an array of two numbers");
+    const JsonValue x = value.firstElement();
+    const JsonValue y = x.next();
+    if (!x.isNumber() || !y.isNumber()) path.fail("expected an array of two numbers");
+    return ColorGradient::Point{x.number(), y.number()};
 }
 
-NextCheckin read(JsonPath& path, const json& value, Tag<NextCheckin>) {
-    const json& o = expectObject(path, value);
+NextCheckin read(JsonPath& path, JsonValue value, Tag<NextCheckin>) {
+    const JsonValue o = expectObject(path, value);
     NextCheckin out;
     out.automaticallyAt = optional<Date>(path, o, "automatically_at");
     out.onEvent = required<std::vector<CheckinEvent>>(path, o, "on_event");
     return out;
 }
 
-ColorGradient read(JsonPath& path, const json& value, Tag<ColorGradient>) {
-    const json& o = expectObject(path, value);
+ColorGradient read(JsonPath& path, JsonValue value, Tag<ColorGradient>) {
+    const JsonValue o = expectObject(path, value);
     ColorGradient out;
     out.colors = required<std::vector<Color>>(path, o, "colors");
     out.startPoint = required<ColorGradient::Point>(path, o, "startPoint");
@@ -75,8 +77,8 @@ ColorGradient read(JsonPath& path, const json& value, Tag<ColorGradient>) {
     return out;
 }
 
-Theme read(JsonPath& path, const json& value, Tag<Theme>) {
-    const json& o = expectObject(path, value);
+Theme read(JsonPath& path, JsonValue value, Tag<Theme>) {
+    const JsonValue o = expectObject(path, value);
     Theme out;
     out.textColor = required<Color>(path, o, "text_color");
     out.backgroundColor = required<Color>(path, o, "background_color");
@@ -87,8 +89,8 @@ Theme read(JsonPath& path, const json& value, Tag<Theme>) {
     return out;
 }
 
-Note read(JsonPath& path, const json& value, Tag<Note>) {
-    const json& o = expectObject(path, value);
+Note read(JsonPath& path, JsonValue value, Tag<Note>) {
+    const JsonValue o = expectObject(path, value);
     Note out;
     out.identifier = required<Uuid>(path, o, "identifier");
     out.title = required<std::string>(path, o, "title");
@@ -98,8 +100,8 @@ Note read(JsonPath& path, const json& value, Tag<Note>) {
     return out;
 }
 
-Lockdown read(JsonPath& path, const json& value, Tag<Lockdown>) {
-    const json& o = expectObject(path, value);
+Lockdown read(JsonPath& path, JsonValue value, Tag<Lockdown>) {
+    const JsonValue o = expectObject(path, value);
     Lockdown out;
     out.active = required<bool>(path, o, "active");
     out.type = optional<LockdownType>(path, o, "type");
@@ -114,8 +116,8 @@ Lockdown read(JsonPath& path, const json& value, Tag<Lockdown>) {
     return out;
 }
 
-ServiceMessage read(JsonPath& path, const json& value, Tag<ServiceMessage>) {
-    const json& o = expectObject(path, value);
+ServiceMessage read(JsonPath& path, JsonValue value, Tag<ServiceMessage>) {
+    const JsonValue o = expectObject(path, value);
     ServiceMessage out;
     out.title = optional<std::string>(path, o, "title");
     out.description = optional<std::string>(path, o, "description");
@@ -127,8 +129,8 @@ ServiceMessage read(JsonPath& path, const json& value, Tag<ServiceMessage>) {
     return out;
 }
 
-Service read(JsonPath& path, const json& value, Tag<Service>) {
-    const json& o = expectObject(path, value);
+Service read(JsonPath& path, JsonValue value, Tag<Service>) {
+    const JsonValue o = expectObject(path, value);
     Service out;
     out.name = required<std::string>(path, o, "name");
     out.identifier = required<std::string>(path, o, "identifier");
@@ -141,18 +143,18 @@ Service read(JsonPath& path, const json& value, Tag<Service>) {
     return out;
 }
 
-ServicesResponse read(JsonPath& path, const json& value, Tag<ServicesResponse>) {
-    const json& o = expectObject(path, value);
+ServicesResponse read(JsonPath& path, JsonValue value, Tag<ServicesResponse>) {
+    const JsonValue o = expectObject(path, value);
     return ServicesResponse{required<std::vector<Service>>(path, o, "services")};
 }
 
-ServiceResponse read(JsonPath& path, const json& value, Tag<ServiceResponse>) {
-    const json& o = expectObject(path, value);
+ServiceResponse read(JsonPath& path, JsonValue value, Tag<ServiceResponse>) {
+    const JsonValue o = expectObject(path, value);
     return ServiceResponse{required<Service>(path, o, "service")};
 }
 
-Configuration read(JsonPath& path, const json& value, Tag<Configuration>) {
-    const json& o = expectObject(path, value);
+Configuration read(JsonPath& path, JsonValue value, Tag<Configuration>) {
+    const JsonValue o = expectObject(path, value);
     Configuration out;
     out.version = required<std::string>(path, o, "version");
     out.nextCheckin = optional<NextCheckin>(path, o, "next_checkin");
@@ -163,8 +165,8 @@ Configuration read(JsonPath& path, const json& value, Tag<Configuration>) {
     return out;
 }
 
-DirectUpload read(JsonPath& path, const json& value, Tag<DirectUpload>) {
-    const json& o = expectObject(path, value);
+DirectUpload read(JsonPath& path, JsonValue value, Tag<DirectUpload>) {
+    const JsonValue o = expectObject(path, value);
     DirectUpload out;
     out.filename = required<std::string>(path, o, "filename");
     out.byteSize = required<std::int64_t>(path, o, "byte_size");
@@ -173,16 +175,16 @@ DirectUpload read(JsonPath& path, const json& value, Tag<DirectUpload>) {
     return out;
 }
 
-DirectUploadResponse::DirectUpload read(JsonPath& path, const json& value, Tag<DirectUploadResponse::DirectUpload>) {
-    const json& o = expectObject(path, value);
+DirectUploadResponse::DirectUpload read(JsonPath& path, JsonValue value, Tag<DirectUploadResponse::DirectUpload>) {
+    const JsonValue o = expectObject(path, value);
     DirectUploadResponse::DirectUpload out;
     out.url = required<std::string>(path, o, "url");
     out.headers = required<std::map<std::string, std::string>>(path, o, "headers");
     return out;
 }
 
-DirectUploadResponse read(JsonPath& path, const json& value, Tag<DirectUploadResponse>) {
-    const json& o = expectObject(path, value);
+DirectUploadResponse read(JsonPath& path, JsonValue value, Tag<DirectUploadResponse>) {
+    const JsonValue o = expectObject(path, value);
     DirectUploadResponse out;
     out.identifier = required<std::int64_t>(path, o, "id");
     out.key = required<std::string>(path, o, "key");
@@ -192,8 +194,8 @@ DirectUploadResponse read(JsonPath& path, const json& value, Tag<DirectUploadRes
     return out;
 }
 
-Feedback read(JsonPath& path, const json& value, Tag<Feedback>) {
-    const json& o = expectObject(path, value);
+Feedback read(JsonPath& path, JsonValue value, Tag<Feedback>) {
+    const JsonValue o = expectObject(path, value);
     Feedback out;
     out.title = required<std::string>(path, o, "title");
     out.message = required<std::string>(path, o, "message");

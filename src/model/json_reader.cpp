@@ -1,5 +1,6 @@
 #include "model/json_reader.hpp"
 
+#include <algorithm>
 #include <cmath>
 #include <limits>
 
@@ -22,58 +23,79 @@ std::string JsonPath::text() const {
 
 void JsonPath::fail(std::string reason) const { throw DecodeFailure{DecodingError{text(), std::move(reason)}}; }
 
-const char* jsonKindName(const json& value) {
-    switch (value.type()) {
-        case json::value_t::null: return "null";
-        case json::value_t::boolean: return "boolean";
-        case json::value_t::number_integer:
-        case json::value_t::number_unsigned:
-        case json::value_t::number_float: return "number";
-        case json::value_t::string: return "string";
-        case json::value_t::array: return "array";
-        case json::value_t::object: return "object";
-        case json::value_t::binary: return "binary data";
-        case json::value_t::discarded: return "nothing";
+std::vector<JsonMember> JsonValue::sortedMembers() const {
+    std::vector<JsonMember> members;
+    members.reserve(_node->size);
+    const JsonNode* key = _node + 1;
+    for (std::size_t i = 0; i < _node->size; ++i) {
+        const JsonNode* value = key + 1;
+        members.push_back({std::string_view(key->text, key->size), JsonValue(value)});
+        key = value + value->span;
+    }
+    std::stable_sort(members.begin(), members.end(),
+                     [](const JsonMember& a, const JsonMember& b) { return a.key < b.key; });
+    // Of a run of equal keys the last one written stands.
+    std::size_t kept = 0;
+    for (std::size_t i = 0; i < members.size(); ++i) {
+        if (i + 1 < members.size() && members[i + 1].key == members[i].key) continue;
+        members[kept++] = members[i];
+    }
+    members.erase(members.begin() + static_cast<std::ptrdiff_t>(kept), members.end());
+    return members;
+}
+
+const char* jsonKindName(JsonValue value) {
+    switch (value.kind()) {
+        case JsonKind::null: return "null";
+        case JsonKind::boolean: return "boolean";
+        case JsonKind::integer:
+        case JsonKind::unsigned_:
+        case JsonKind::float_: return "number";
+        case JsonKind::string: return "string";
+        case JsonKind::array: return "array";
+        case JsonKind::object: return "object";
+        case JsonKind::binary: return "binary data";
+        case JsonKind::discarded: return "nothing";
     }
     return "nothing";
 }
 
-void failExpected(const JsonPath& path, const char* expected, const json& found) {
+void failExpected(const JsonPath& path, const char* expected, JsonValue found) {
     path.fail(std::string("expected ") + expected + ", found " + jsonKindName(found));
 }
 
-const json& expectObject(const JsonPath& path, const json& value) {
-    if (!value.is_object()) failExpected(path, "an object", value);
+JsonValue expectObject(const JsonPath& path, JsonValue value) {
+    if (!value.isObject()) failExpected(path, "an object", value);
     return value;
 }
 
-const json& expectArray(const JsonPath& path, const json& value) {
-    if (!value.is_array()) failExpected(path, "an array", value);
+JsonValue expectArray(const JsonPath& path, JsonValue value) {
+    if (!value.isArray()) failExpected(path, "an array", value);
     return value;
 }
 
-std::string read(JsonPath& path, const json& value, Tag<std::string>) {
-    if (!value.is_string()) failExpected(path, "a string", value);
-    return value.get_ref<const std::string&>();
+std::string read(JsonPath& path, JsonValue value, Tag<std::string>) {
+    if (!value.isString()) failExpected(path, "a string", value);
+    return std::string(value.text());
 }
 
-bool read(JsonPath& path, const json& value, Tag<bool>) {
-    if (!value.is_boolean()) failExpected(path, "a boolean", value);
-    return value.get<bool>();
+bool read(JsonPath& path, JsonValue value, Tag<bool>) {
+    if (!value.isBoolean()) failExpected(path, "a boolean", value);
+    return value.boolean();
 }
 
-std::int64_t read(JsonPath& path, const json& value, Tag<std::int64_t>) {
-    switch (value.type()) {
-        case json::value_t::number_integer: return value.get<std::int64_t>();
-        case json::value_t::number_unsigned: {
-            const auto v = value.get<std::uint64_t>();
+std::int64_t read(JsonPath& path, JsonValue value, Tag<std::int64_t>) {
+    switch (value.kind()) {
+        case JsonKind::integer: return value.integer();
+        case JsonKind::unsigned_: {
+            const auto v = value.unsignedInteger();
             if (v > static_cast<std::uint64_t>(std::numeric_limits<std::int64_t>::max()))
                 path.fail("number does not fit a 64-bit integer");
             return static_cast<std::int64_t>(v);
         }
-        case json::value_t::number_float: {
+        case JsonKind::float_: {
             // 7.0 is the integer 7; 7.5 is no integer at all.
-            const double d = value.get<double>();
+            const double d = value.number();
             if (std::trunc(d) != d) path.fail("expected an integer, found a number with a fraction");
             if (d < -9223372036854775808.0 || d >= 9223372036854775808.0)
                 path.fail("number does not fit a 64-bit integer");
@@ -83,9 +105,9 @@ std::int64_t read(JsonPath& path, const json& value, Tag<std::int64_t>) {
     }
 }
 
-double read(JsonPath& path, const json& value, Tag<double>) {
-    if (!value.is_number()) failExpected(path, "a number", value);
-    return value.get<double>();
+double read(JsonPath& path, JsonValue value, Tag<double>) {
+    if (!value.isNumber()) failExpected(path, "a number", value);
+    return value.number();
 }
 
 }  // namespace palomir::model
