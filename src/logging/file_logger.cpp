@@ -1,5 +1,7 @@
 #include <fcntl.h>
+#include <sys/mman.h>
 #include <sys/stat.h>
+#include <sys/uio.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -12,6 +14,7 @@
 #include <cstring>
 #include <ctime>
 #include <mutex>
+#include <string_view>
 #include <system_error>
 #include <thread>
 
@@ -25,14 +28,25 @@ namespace {
 
 constexpr const char* kQueueLabel = "io.palomir.Palomir.FileLogger";
 
-// A caller blocks only when this much text is waiting for the disk: far more
-// than any burst of a healthy app, and it keeps a stalled disk from eating
-// the process's memory without ever dropping a line.
-constexpr std::size_t kMaxPendingBytes = 8u << 20;
+// Lines wait for the disk in a ring of this size. A caller blocks only when
+// the ring is full: far more than any burst of a healthy app, and it keeps a
+// stalled disk from eating the process's memory without ever dropping a line.
+// Pages of the ring are only touched as text reaches them.
+constexpr std::uint64_t kRingBytes = 8u << 20;
 
-// Pending text beyond this wakes the writer before its doze ends, which keeps
-// the buffers small enough to stay in cache.
-constexpr std::size_t kHurryBytes = 256u << 10;
+// The ring is handed out in chunks, each counting the bytes copied into it, so
+// that the writer can tell which text is complete without a lock.
+constexpr std::uint64_t kChunkBytes = 64u << 10;
+constexpr std::uint64_t kChunks = kRingBytes / kChunkBytes;
+
+// Crossing a multiple of this many bytes wakes the writer before its doze
+// ends, which keeps the text it writes still in cache.
+constexpr std::uint64_t kHurryBytes = 256u << 10;
+
+// The writer faults in this much of the ring ahead of the callers on the
+// first lap, so that a caller rarely meets a fresh page.
+constexpr std::uint64_t kPrefaultAhead = 1u << 20;
+constexpr std::uint64_t kPrefaultAtStart = 128u << 10;
 
 // Guards the open file, its path and the reported-error flag of every file logger.
 std::mutex gSessionLock;
@@ -84,10 +98,41 @@ std::optional<std::int64_t> creationNanoseconds(const std::filesystem::path& pat
 
 }  // namespace
 
-struct FileLogger::State {
-    ~State() {
-        if (fd >= 0) ::close(fd);
+namespace {
+
+// The text of one line as the parts it is made of, copied straight into the
+// ring so that a line is assembled exactly once.
+struct LineParts {
+    static constexpr std::size_t kMaxParts = 6;
+    std::string_view parts[kMaxParts];
+    std::size_t count = 0;
+    std::size_t length = 0;
+
+    void add(std::string_view part) {
+        parts[count++] = part;
+        length += part.size();
     }
+
+    // Copies `size` bytes of the line, starting `offset` bytes in, to `out`.
+    void copy(std::size_t offset, std::size_t size, char* out) const {
+        std::size_t i = 0;
+        while (offset >= parts[i].size()) offset -= parts[i++].size();
+        while (size > 0) {
+            const std::size_t n = std::min(size, parts[i].size() - offset);
+            std::memcpy(out, parts[i].data() + offset, n);
+            out += n;
+            size -= n;
+            offset = 0;
+            ++i;
+        }
+    }
+};
+
+}  // namespace
+
+struct FileLogger::State {
+    State();
+    ~State();
 
     // Under gSessionLock.
     int fd = -1;
@@ -97,15 +142,26 @@ struct FileLogger::State {
     // Set once the file is open; read without a lock on every log call.
     std::atomic<bool> open{false};
 
-    // Lines not yet handed to the disk, and how far the writer has come.
+    // Positions count bytes since the logger began; a byte at position p
+    // lives at ring[p % kRingBytes]. Callers claim room by advancing
+    // `reserved`, copy their line and add its length to the counter of each
+    // chunk it touches; the writer alone advances `written`, after it has
+    // cleared the counters of the chunks it finished.
+    char* ring = nullptr;
+    bool mapped = false;
+    alignas(64) std::atomic<std::uint64_t> reserved{0};
+    alignas(64) std::atomic<std::uint64_t> written{0};
+    alignas(64) std::atomic<bool> queued{false};
+    alignas(64) std::atomic<std::uint64_t> committed[kChunks] = {};
+    std::uint64_t prefaulted = 0;  // by the writer
+
+    // Callers waiting for room in the ring, and flush.
     std::mutex mutex;
     std::condition_variable progressed;
-    std::string pending;
-    std::string spare;
-    std::uint64_t appendedBytes = 0;
-    std::uint64_t writtenBytes = 0;
-    bool queued = false;
+    int waiters = 0;
 
+    void append(const LineParts& line, const std::shared_ptr<State>& self);
+    void waitForWritten(std::uint64_t position, const std::shared_ptr<State>& self);
     void drain();
     void reportWriteError(int code);
 };
@@ -113,13 +169,14 @@ struct FileLogger::State {
 namespace {
 
 // The one writer thread of all file loggers. A state is queued at most once
-// at a time; the writer takes its whole pending text in one swap and writes it
-// with as few system calls as the kernel allows.
+// at a time; the writer writes all complete text of the ring with as few
+// system calls as the kernel allows.
 //
 // Waking a sleeping thread is a system call on the logging thread, so callers
-// avoid it: after a batch the writer only dozes for a short while and comes
-// back by itself, and only a writer that found nothing to do and fell asleep
-// for good is woken by the next line. Much pending text or a flush wakes it early.
+// avoid it: the writer dozes for a short while after each batch and keeps
+// coming back by itself until it has been idle for a while; only a writer
+// that fell asleep for good is woken by the next line. Much pending text or a
+// flush wakes it early.
 class FileQueue {
 public:
     static FileQueue& shared() {
@@ -148,6 +205,7 @@ public:
 private:
     enum class Mode { working, dozing, asleep };
     static constexpr auto kDoze = std::chrono::milliseconds(2);
+    static constexpr int kIdleDozes = 25;
 
     FileQueue() { std::thread([this] { run(); }).detach(); }
 
@@ -156,11 +214,14 @@ private:
         std::unique_lock lock(_mutex);
         for (;;) {
             if (_ready.empty()) {
-                _mode = Mode::asleep;
+                _mode = Mode::dozing;
                 _done.notify_all();
-                _wake.wait(lock, [this] { return !_ready.empty(); });
-            }
-            if (!_hurry) {
+                for (int i = 0; i < kIdleDozes && _ready.empty(); ++i) _wake.wait_for(lock, kDoze);
+                if (_ready.empty()) {
+                    _mode = Mode::asleep;
+                    _wake.wait(lock, [this] { return !_ready.empty(); });
+                }
+            } else if (!_hurry) {
                 _mode = Mode::dozing;
                 _wake.wait_for(lock, kDoze, [this] { return _hurry; });
             }
@@ -179,7 +240,7 @@ private:
         std::unique_lock lock(_mutex);
         _hurry = true;
         _wake.notify_one();
-        _done.wait_for(lock, std::chrono::seconds(2), [this] { return _ready.empty() && _mode == Mode::asleep; });
+        _done.wait_for(lock, std::chrono::seconds(2), [this] { return _ready.empty() && _mode != Mode::working; });
     }
 
     std::mutex _mutex;
@@ -192,35 +253,135 @@ private:
 
 }  // namespace
 
-void FileLogger::State::drain() {
-    std::string batch;
-    std::uint64_t end;
-    {
-        std::lock_guard lock(mutex);
-        batch.swap(spare);
-        batch.swap(pending);
-        end = appendedBytes;
-        queued = false;
+FileLogger::State::State() {
+    void* memory = ::mmap(nullptr, kRingBytes, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE, -1, 0);
+    if (memory != MAP_FAILED) {
+        ring = static_cast<char*>(memory);
+        mapped = true;
+#ifdef MADV_POPULATE_WRITE
+        if (::madvise(ring, kPrefaultAtStart, MADV_POPULATE_WRITE) == 0) prefaulted = kPrefaultAtStart;
+#endif
+    } else {
+        ring = new char[kRingBytes];
     }
-    const char* data = batch.data();
-    std::size_t left = batch.size();
-    while (left > 0) {
-        ssize_t written = ::write(fd, data, left);
-        if (written < 0) {
+}
+
+FileLogger::State::~State() {
+    if (fd >= 0) ::close(fd);
+    if (mapped) {
+        ::munmap(ring, kRingBytes);
+    } else {
+        delete[] ring;
+    }
+}
+
+void FileLogger::State::append(const LineParts& line, const std::shared_ptr<State>& self) {
+    const std::uint64_t start = reserved.fetch_add(line.length, std::memory_order_relaxed);
+    const std::uint64_t end = start + line.length;
+    for (std::uint64_t at = start; at < end;) {
+        const std::uint64_t chunk = at / kChunkBytes;
+        const std::uint64_t pieceEnd = std::min(end, (chunk + 1) * kChunkBytes);
+        // The chunk's place in the ring is free once the writer is past the
+        // chunk that held it one lap before.
+        const std::uint64_t free = (chunk + 1) * kChunkBytes;
+        if (free > kRingBytes && written.load(std::memory_order_acquire) < free - kRingBytes)
+            waitForWritten(free - kRingBytes, self);
+        line.copy(static_cast<std::size_t>(at - start), static_cast<std::size_t>(pieceEnd - at),
+                  ring + at % kRingBytes);
+        committed[chunk % kChunks].fetch_add(pieceEnd - at);
+        at = pieceEnd;
+    }
+    // A writer that cleared `queued` before this line was complete comes back for it.
+    if (!queued.load() && !queued.exchange(true)) FileQueue::shared().enqueue(self);
+    if (start / kHurryBytes != end / kHurryBytes) FileQueue::shared().hurry();
+}
+
+void FileLogger::State::waitForWritten(std::uint64_t position, const std::shared_ptr<State>& self) {
+    std::unique_lock lock(mutex);
+    ++waiters;
+    while (written.load(std::memory_order_acquire) < position) {
+        lock.unlock();
+        if (!queued.load() && !queued.exchange(true)) FileQueue::shared().enqueue(self);
+        FileQueue::shared().hurry();
+        lock.lock();
+        if (written.load(std::memory_order_acquire) < position) progressed.wait(lock);
+    }
+    --waiters;
+}
+
+void FileLogger::State::drain() {
+    queued.store(false);
+    const std::uint64_t from = written.load(std::memory_order_relaxed);
+    std::uint64_t to = from;
+    // At most one lap: the chunk a lap after the first one shares its counter.
+    for (std::uint64_t chunk = from / kChunkBytes; chunk < from / kChunkBytes + kChunks; ++chunk) {
+        const std::uint64_t chunkStart = chunk * kChunkBytes;
+        const std::uint64_t count = committed[chunk % kChunks].load();
+        if (count == kChunkBytes) {
+            to = chunkStart + kChunkBytes;
+            continue;
+        }
+        // The last chunk is taken as far as it is claimed when every claim in
+        // it is complete. The count is read before the claims: a count that
+        // includes a line implies a claimed end at least that far.
+        const std::uint64_t claimed = reserved.load(std::memory_order_acquire);
+        if (claimed < chunkStart + kChunkBytes && count == claimed - chunkStart) to = claimed;
+        break;
+    }
+    if (to == from) return;
+
+    iovec parts[2];
+    int partCount = 0;
+    const std::uint64_t first = from % kRingBytes;
+    const std::uint64_t size = to - from;
+    if (first + size <= kRingBytes) {
+        parts[partCount++] = {ring + first, static_cast<std::size_t>(size)};
+    } else {
+        parts[partCount++] = {ring + first, static_cast<std::size_t>(kRingBytes - first)};
+        parts[partCount++] = {ring, static_cast<std::size_t>(first + size - kRingBytes)};
+    }
+    iovec* part = parts;
+    while (partCount > 0) {
+        ssize_t n = ::writev(fd, part, partCount);
+        if (n < 0) {
             if (errno == EINTR) continue;
             reportWriteError(errno);
             break;
         }
-        data += written;
-        left -= static_cast<std::size_t>(written);
+        auto left = static_cast<std::size_t>(n);
+        while (partCount > 0 && left >= part->iov_len) {
+            left -= part->iov_len;
+            ++part;
+            --partCount;
+        }
+        if (partCount > 0) {
+            part->iov_base = static_cast<char*>(part->iov_base) + left;
+            part->iov_len -= left;
+        }
     }
-    batch.clear();
+
+    for (std::uint64_t chunk = from / kChunkBytes; (chunk + 1) * kChunkBytes <= to; ++chunk)
+        committed[chunk % kChunks].store(0, std::memory_order_relaxed);
     {
         std::lock_guard lock(mutex);
-        writtenBytes = end;
-        if (batch.capacity() <= kMaxPendingBytes) spare.swap(batch);
+        written.store(to, std::memory_order_release);
+        if (waiters > 0) progressed.notify_all();
     }
-    progressed.notify_all();
+
+#ifdef MADV_POPULATE_WRITE
+    if (mapped && prefaulted < kRingBytes) {
+        const std::uint64_t claimed = reserved.load(std::memory_order_relaxed);
+        const std::uint64_t page = 4096;
+        const std::uint64_t target = std::min(kRingBytes, (claimed + kPrefaultAhead + page - 1) / page * page);
+        if (target > prefaulted) {
+            if (::madvise(ring + prefaulted, target - prefaulted, MADV_POPULATE_WRITE) == 0) {
+                prefaulted = target;
+            } else {
+                prefaulted = kRingBytes;  // not offered by this kernel
+            }
+        }
+    }
+#endif
 }
 
 void FileLogger::State::reportWriteError(int code) {
@@ -321,68 +482,31 @@ void FileLogger::log(const std::string& message, LogType type) {
         return;
     }
 
-    // The line is put together before the lock so that the lock covers one copy.
-    char small[512];
-    std::string large;
-    std::string_view text;
+    LineParts line;
+    char stamp[kStampCapacity];
+    std::string formatted;
     if (_clock) {
-        const std::string_view label = logTypeLabel(type);
-        char stamp[kStampCapacity];
-        const std::size_t stampLength = _clock->stamp(stamp);
-        const std::size_t length = stampLength + label.size() + message.size() + 5;
-        char* out = small;
-        if (length > sizeof small) {
-            large.resize(length);
-            out = large.data();
-        }
-        char* at = out;
-        auto put = [&at](const char* data, std::size_t size) {
-            std::memcpy(at, data, size);
-            at += size;
-        };
-        put(stamp, stampLength);
-        put(" [", 2);
-        put(label.data(), label.size());
-        put("] ", 2);
-        put(message.data(), message.size());
-        *at++ = '\n';
-        text = std::string_view(out, length);
+        line.add(std::string_view(stamp, _clock->stamp(stamp)));
+        line.add(" [");
+        line.add(logTypeLabel(type));
+        line.add("] ");
+        line.add(message);
+        line.add("\n");
     } else if (_logFormatter) {
-        large = _logFormatter->format(message, type);
-        if (large.empty()) return;
-        text = large;
+        formatted = _logFormatter->format(message, type);
+        if (formatted.empty()) return;
+        line.add(formatted);
     } else {
-        text = message;
+        line.add(message);
     }
-
-    bool wake = false, hurry = false;
-    {
-        std::unique_lock lock(state.mutex);
-        if (state.pending.size() >= kMaxPendingBytes) {
-            state.progressed.wait(lock, [&] { return state.pending.size() < kMaxPendingBytes; });
-        }
-        const std::size_t before = state.pending.size();
-        state.pending.append(text);
-        state.appendedBytes += state.pending.size() - before;
-        if (!state.queued) {
-            state.queued = true;
-            wake = true;
-        }
-        hurry = before < kHurryBytes && state.pending.size() >= kHurryBytes;
-    }
-    if (wake) FileQueue::shared().enqueue(_state);
-    if (hurry) FileQueue::shared().hurry();
+    state.append(line, _state);
 }
 
 void FileLogger::flush() {
     State& state = *_state;
-    std::unique_lock lock(state.mutex);
-    const std::uint64_t target = state.appendedBytes;
-    if (state.writtenBytes >= target) return;
-    lock.unlock();
-    FileQueue::shared().hurry();
-    lock.lock();
-    state.progressed.wait(lock, [&] { return state.writtenBytes >= target; });
+    const std::uint64_t target = state.reserved.load(std::memory_order_acquire);
+    if (state.written.load(std::memory_order_acquire) >= target) return;
+    state.waitForWritten(target, _state);
 }
 
 std::optional<std::filesystem::path> FileLogger::currentLogFile() const {

@@ -6,6 +6,8 @@
 
 #include <gtest/gtest.h>
 
+#include <atomic>
+#include <cctype>
 #include <chrono>
 #include <cstdlib>
 #include <ctime>
@@ -288,6 +290,98 @@ TEST_F(FileLoggerTest, LinesLoggedBeforeDestructionAreStillWritten) {
         count = lines(readFile(file)).size();
     }
     EXPECT_EQ(count, 5000u);
+}
+
+// Enough text to go round the pending buffer twice, in lines of uneven length
+// that straddle every boundary, one of them longer than the whole buffer.
+TEST_F(FileLoggerTest, LongAndManyLinesArriveWholeAndInOrder) {
+    auto logger = makeLogger("main", LogType::debug, 2);
+    constexpr int kThreads = 4, kLines = 1500;
+    constexpr std::size_t kHuge = 9u << 20;
+    auto filler = [](int t, int i) { return std::string(static_cast<std::size_t>(i) * 7919 % 6000, static_cast<char>('a' + t)); };
+    std::vector<std::thread> threads;
+    for (int t = 0; t < kThreads; ++t) {
+        threads.emplace_back([&, t] {
+            for (int i = 0; i < kLines; ++i) {
+                std::string text = "t" + std::to_string(t) + " " + std::to_string(i) + " ";
+                text += (t == 1 && i == kLines / 2) ? std::string(kHuge, 'H') : filler(t, i);
+                logger->log(text, LogType::info);
+            }
+        });
+    }
+    for (auto& thread : threads) thread.join();
+    logger->flush();
+
+    std::vector<int> next(kThreads, 0);
+    std::ifstream in(*logger->currentLogFile(), std::ios::binary);
+    for (std::string line; std::getline(in, line);) {
+        const auto at = line.find("] t");
+        ASSERT_NE(at, std::string::npos) << line.substr(0, 80);
+        const int t = line[at + 3] - '0';
+        ASSERT_TRUE(t >= 0 && t < kThreads) << line.substr(0, 80);
+        const int i = next[t]++;
+        const std::string head = "] t" + std::to_string(t) + " " + std::to_string(i) + " ";
+        ASSERT_EQ(line.compare(at, head.size(), head), 0) << "thread " << t << " line " << i;
+        const std::string body = line.substr(at + head.size());
+        if (t == 1 && i == kLines / 2) {
+            ASSERT_EQ(body, std::string(kHuge, 'H'));
+        } else {
+            ASSERT_EQ(body, filler(t, i)) << "thread " << t << " line " << i;
+        }
+    }
+    EXPECT_EQ(next, std::vector<int>(kThreads, kLines));
+}
+
+// flush waits for the lines logged before it even while others keep logging.
+TEST_F(FileLoggerTest, FlushReturnsWhileOthersKeepLogging) {
+    auto logger = makeLogger("main", LogType::debug, 2);
+    const fs::path file = *logger->currentLogFile();
+    std::atomic<bool> stop{false};
+    std::thread other([&] {
+        for (int i = 0; !stop.load(); ++i) logger->log("other " + std::to_string(i), LogType::info);
+    });
+    constexpr int kFlushes = 200;
+    std::vector<std::uintmax_t> sizes;
+    for (int i = 0; i < kFlushes; ++i) {
+        logger->log("mine " + std::to_string(i), LogType::info);
+        logger->flush();
+        sizes.push_back(fs::file_size(file));
+    }
+    stop = true;
+    other.join();
+    logger->flush();
+    const std::string text = readFile(file);
+    std::size_t at = 0;
+    for (int i = 0; i < kFlushes; ++i) {
+        const std::string line = "] mine " + std::to_string(i) + "\n";
+        at = text.find(line, at);
+        ASSERT_NE(at, std::string::npos) << i;
+        EXPECT_LE(at + line.size(), sizes[static_cast<std::size_t>(i)]) << "flush " << i << " returned too early";
+    }
+}
+
+class UpperFormatter : public LogFormatter {
+public:
+    std::string format(const std::string& message, LogType) const override {
+        if (message == "skip") return "";
+        std::string text = "<" + message + ">";
+        for (auto& c : text) c = static_cast<char>(std::toupper(static_cast<unsigned char>(c)));
+        return text;
+    }
+};
+
+TEST_F(FileLoggerTest, OtherFormattersAreWrittenAsTheyFormat) {
+    std::unique_ptr<FileLogger> logger;
+    {
+        StdoutCapture capture;
+        logger = std::make_unique<FileLogger>("own", std::make_shared<UpperFormatter>(), LogType::debug, 2);
+        capture.finish();
+    }
+    logger->log("one", LogType::info);
+    logger->log("skip", LogType::info);
+    logger->log("two", LogType::debug);
+    logger->flush();
+    EXPECT_EQ(readFile(*logger->currentLogFile()), "<ONE><TWO>");
 }
 
 }  // namespace
