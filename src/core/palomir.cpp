@@ -2,6 +2,7 @@
 
 #include <fstream>
 #include <iterator>
+#include <mutex>
 #include <utility>
 
 #include "api/app_info_internal.hpp"
@@ -61,6 +62,34 @@ std::function<void(Result<T, E>)> deliveryOn(std::shared_ptr<DispatchQueue> queu
     };
 }
 
+// The client's own queue. Its worker thread is started by the first work
+// posted to it: most hosts never submit feedback, and starting a thread is a
+// large share of what creating the shared client would otherwise cost.
+class DeferredSerialQueue final : public DispatchQueue {
+public:
+    explicit DeferredSerialQueue(std::string label) : _label(std::move(label)) {}
+
+    void async(Work work) override { started().async(std::move(work)); }
+
+    bool isCurrent() const override {
+        std::lock_guard lock(_mutex);
+        return _queue && _queue->isCurrent();
+    }
+
+    const std::string& label() const override { return _label; }
+
+private:
+    DispatchQueue& started() {
+        std::lock_guard lock(_mutex);
+        if (!_queue) _queue = DispatchQueue::makeSerial(_label);
+        return *_queue;
+    }
+
+    const std::string _label;
+    mutable std::mutex _mutex;
+    std::shared_ptr<DispatchQueue> _queue;
+};
+
 }  // namespace
 
 std::string describeServices(const std::vector<Service>& services) {
@@ -110,7 +139,7 @@ Palomir& Palomir::shared() {
 }
 
 Palomir::Palomir() : _notificationCenter(std::make_unique<NotificationCenter>()) {
-    _queue = DispatchQueue::makeSerial(kQueueLabel);
+    _queue = std::make_shared<DeferredSerialQueue>(kQueueLabel);
     _impl = std::make_shared<Impl>();
 
     auto formatter = std::make_shared<PalomirLogFormatter>();
