@@ -301,22 +301,29 @@ std::optional<std::map<std::string, std::string>> runHelper(const std::vector<st
 
 void BM_ColdStart(benchmark::State& state) {
     palomir_test::TempDir cache;
-    std::vector<double> samples;
+    std::vector<double> samples, cpuSamples;
     for (auto _ : state) {
         for (int i = 0; i < kColdStarts; ++i) {
             auto values = runHelper({}, cache.path());
-            if (!values || !values->count("shared_us")) {
+            if (!values || !values->count("shared_us") || !values->count("shared_cpu_us")) {
                 state.SkipWithError("the cold-start helper did not run");
                 return;
             }
             samples.push_back(std::stod(values->at("shared_us")));
+            cpuSamples.push_back(std::stod(values->at("shared_cpu_us")));
         }
         state.SetIterationTime(percentile(samples, 0.5) * 1e-6);
     }
     const double median = percentile(samples, 0.5);
+    const double cpuMedian = percentile(cpuSamples, 0.5);
     state.counters["shared_median_us"] = median;
+    state.counters["shared_min_us"] = *std::min_element(samples.begin(), samples.end());
     state.counters["shared_max_us"] = *std::max_element(samples.begin(), samples.end());
+    state.counters["shared_cpu_median_us"] = cpuMedian;
     gRows.push_back({"Palomir::shared() cold, median", "us", median, std::nullopt, "< 5000 us", median < 5000});
+    // What the calling thread itself spent; the rest of the elapsed time it
+    // waited for a core (compare with the machine's load).
+    gRows.push_back({"  of which on the CPU, median", "us", cpuMedian, std::nullopt, "-", true});
 }
 BENCHMARK(BM_ColdStart)->Name("ColdStart/shared")->Iterations(1)->UseManualTime()->Unit(benchmark::kMicrosecond);
 
@@ -331,21 +338,34 @@ void BM_ResidentMemory(benchmark::State& state) {
                                             return palomir_test::TestResponse{200, {}, document, "application/json", std::nullopt};
                                         },
                                         true});
-    std::vector<double> added;
+    std::vector<double> added, anonymous, file;
+    auto delta = [](const std::map<std::string, std::string>& values, const std::string& kind) {
+        return std::stod(values.at(kind + "_after_kb")) - std::stod(values.at(kind + "_before_kb"));
+    };
     for (auto _ : state) {
         for (int i = 0; i < kResidentRuns; ++i) {
             auto values = runHelper({server.url("/api"), (dir / "ca.pem").string(), dir.path().string()}, dir.path());
-            if (!values || values->count("checkin") == 0 || values->at("checkin") != "ok") {
+            if (!values || values->count("checkin") == 0 || values->at("checkin") != "ok" ||
+                values->count("anon_after_kb") == 0 || values->count("file_after_kb") == 0) {
                 state.SkipWithError("the helper's check-in failed");
                 return;
             }
-            added.push_back(std::stod(values->at("rss_after_kb")) - std::stod(values->at("rss_before_kb")));
+            added.push_back(delta(*values, "rss"));
+            anonymous.push_back(delta(*values, "anon"));
+            file.push_back(delta(*values, "file"));
         }
         state.SetIterationTime(1e-3);
     }
     const double median = percentile(added, 0.5);
     state.counters["rss_added_kb"] = median;
+    state.counters["anon_added_kb"] = percentile(anonymous, 0.5);
+    state.counters["file_added_kb"] = percentile(file, 0.5);
     gRows.push_back({"RSS added to first check-in", "KiB", median, std::nullopt, "< 2048 KiB", median < 2048});
+    // The split: the process's own pages (heap, stacks), and pages of mapped
+    // files, which are the code of the libraries that the check-in runs
+    // (TLS, HTTP, ours) and are shared with every other process using them.
+    gRows.push_back({"  of which anonymous", "KiB", percentile(anonymous, 0.5), std::nullopt, "-", true});
+    gRows.push_back({"  of which mapped files", "KiB", percentile(file, 0.5), std::nullopt, "-", true});
 }
 BENCHMARK(BM_ResidentMemory)->Name("ResidentMemory/first_checkin")->Iterations(1)->UseManualTime();
 
@@ -380,7 +400,7 @@ void printSummary() {
                         row.target == "-" ? "-" : row.met ? "yes" : "NO");
         else
             std::printf("%-34s %-6s %12.0f %12s %8s %-12s %s\n", row.figure.c_str(), row.unit.c_str(), row.ours, "-",
-                        "-", row.target.c_str(), row.met ? "yes" : "NO");
+                        "-", row.target.c_str(), row.target == "-" ? "-" : row.met ? "yes" : "NO");
     }
 }
 
