@@ -6,6 +6,7 @@
 #include <pthread.h>
 
 #include <algorithm>
+#include <atomic>
 #include <cctype>
 #include <cstdio>
 #include <cstring>
@@ -159,7 +160,7 @@ struct Transfer {
     }
 };
 
-struct HttpSession::Core {
+struct HttpSession::Core : std::enable_shared_from_this<HttpSession::Core> {
     explicit Core(HttpSessionConfiguration configuration)
         : configuration(std::move(configuration)), multi(curl_multi_init()), share(curl_share_init()),
           trustStore(makeTrustStore(this->configuration)) {
@@ -172,17 +173,35 @@ struct HttpSession::Core {
     }
 
     ~Core() {
+        for (CURL* easy : idleHandles) curl_easy_cleanup(easy);
         if (multi) curl_multi_cleanup(multi);
         if (share) curl_share_cleanup(share);
         if (trustStore) X509_STORE_free(trustStore);
     }
 
     void enqueue(std::unique_ptr<Transfer> transfer) {
+        bool first = false;
         {
             std::lock_guard lock(mutex);
             pending.push_back(std::move(transfer));
+            first = !started;
+            started = true;
         }
-        curl_multi_wakeup(multi);
+        // The thread starts with its first task already waiting, so that
+        // task costs no wake-up, and a session never used costs no thread.
+        if (first)
+            launch();
+        else
+            curl_multi_wakeup(multi);
+    }
+
+    void launch() {
+        // The thread keeps the machinery alive until it is released and idle.
+        std::thread([core = shared_from_this()] {
+            core->threadId.store(std::this_thread::get_id());
+            pthread_setname_np(pthread_self(), core->configuration.label.substr(0, 15).c_str());
+            core->run();
+        }).detach();
     }
 
     void release() {
@@ -194,6 +213,8 @@ struct HttpSession::Core {
     }
 
     void run();
+    CURL* takeHandle();
+    void recycle(CURL* easy);
     void start(std::unique_ptr<Transfer> transfer);
     std::optional<HttpError> configure(Transfer& transfer);
     void finish(CURL* easy, CURLcode code);
@@ -204,14 +225,23 @@ struct HttpSession::Core {
     CURLM* const multi;
     CURLSH* const share;
     X509_STORE* const trustStore;
-    std::thread::id threadId;
+    std::atomic<std::thread::id> threadId{};
 
     std::mutex mutex;
     std::deque<std::unique_ptr<Transfer>> pending;
+    bool started = false;
     bool released = false;
 
     // Network thread only.
     std::map<CURL*, std::unique_ptr<Transfer>> active;
+    // Easy handles of finished transfers, kept for the next ones: making a
+    // handle costs more than resetting one. Connections and TLS state live in
+    // the multi handle and the share, not here, so a reused handle carries
+    // nothing from one exchange to the next.
+    std::vector<CURL*> idleHandles;
+    // The last URL taken apart, as most requests of a session go to the same.
+    std::string parsedURL;
+    std::string parsedHost;
 };
 
 namespace {
@@ -318,22 +348,27 @@ std::optional<HttpError> HttpSession::Core::configure(Transfer& transfer) {
     };
     const HttpRequest& request = transfer.request;
 
-    CURLU* url = curl_url();
-    if (!url) return invalid("Out of memory");
-    const bool parsed = curl_url_set(url, CURLUPART_URL, request.url.c_str(), 0) == CURLUE_OK;
-    char* host = nullptr;
-    char* scheme = nullptr;
-    if (parsed) {
-        curl_url_get(url, CURLUPART_HOST, &host, 0);
-        curl_url_get(url, CURLUPART_SCHEME, &scheme, 0);
+    if (request.url != parsedURL || parsedURL.empty()) {
+        CURLU* url = curl_url();
+        if (!url) return invalid("Out of memory");
+        const bool parsed = curl_url_set(url, CURLUPART_URL, request.url.c_str(), 0) == CURLUE_OK;
+        char* host = nullptr;
+        char* scheme = nullptr;
+        if (parsed) {
+            curl_url_get(url, CURLUPART_HOST, &host, 0);
+            curl_url_get(url, CURLUPART_SCHEME, &scheme, 0);
+        }
+        std::string hostText = host ? host : "";
+        const std::string schemeText = scheme ? scheme : "";
+        curl_free(host);
+        curl_free(scheme);
+        curl_url_cleanup(url);
+        if (!parsed || hostText.empty()) return invalid("Invalid URL: " + request.url);
+        if (schemeText != "http" && schemeText != "https") return invalid("Unsupported URL scheme: " + schemeText);
+        parsedURL = request.url;
+        parsedHost = std::move(hostText);
     }
-    const std::string hostText = host ? host : "";
-    const std::string schemeText = scheme ? scheme : "";
-    curl_free(host);
-    curl_free(scheme);
-    curl_url_cleanup(url);
-    if (!parsed || hostText.empty()) return invalid("Invalid URL: " + request.url);
-    if (schemeText != "http" && schemeText != "https") return invalid("Unsupported URL scheme: " + schemeText);
+    const std::string& hostText = parsedHost;
     if (request.method.empty() || hasLineBreak(request.method) || request.method.find(' ') != std::string::npos)
         return invalid("Invalid HTTP method: " + request.method);
 
@@ -436,9 +471,24 @@ std::optional<HttpError> HttpSession::Core::configure(Transfer& transfer) {
     return std::nullopt;
 }
 
+CURL* HttpSession::Core::takeHandle() {
+    if (idleHandles.empty()) return curl_easy_init();
+    CURL* easy = idleHandles.back();
+    idleHandles.pop_back();
+    return easy;
+}
+
+void HttpSession::Core::recycle(CURL* easy) {
+    constexpr std::size_t kIdleHandles = 4;
+    if (idleHandles.size() >= kIdleHandles) return curl_easy_cleanup(easy);
+    // Drops every option, among them the pointers into the finished transfer.
+    curl_easy_reset(easy);
+    idleHandles.push_back(easy);
+}
+
 void HttpSession::Core::start(std::unique_ptr<Transfer> transfer) {
     transfer->core = this;
-    transfer->easy = curl_easy_init();
+    transfer->easy = takeHandle();
     std::optional<HttpError> error;
     if (!transfer->easy)
         error = HttpError{HttpError::Kind::transport, CURLE_FAILED_INIT, "The transfer could not be set up"};
@@ -464,6 +514,16 @@ void HttpSession::Core::finish(CURL* easy, CURLcode code) {
     active.erase(found);
     curl_multi_remove_handle(multi, easy);
 
+    long status = 0;
+    curl_easy_getinfo(easy, CURLINFO_RESPONSE_CODE, &status);
+    // Reset only after the completion, which is what the caller waits for.
+    transfer->easy = nullptr;
+    struct Recycle {
+        Core& core;
+        CURL* easy;
+        ~Recycle() { core.recycle(easy); }
+    } recycleAfterwards{*this, easy};
+
     if (transfer->failure) {
         std::optional<HttpError> error = std::move(transfer->failure);
         complete(std::move(transfer), std::nullopt, std::move(error));
@@ -487,8 +547,6 @@ void HttpSession::Core::finish(CURL* easy, CURLcode code) {
         complete(std::move(transfer), std::nullopt, std::move(error));
         return;
     }
-    long status = 0;
-    curl_easy_getinfo(easy, CURLINFO_RESPONSE_CODE, &status);
     HttpResponse response = std::move(transfer->response);
     response.status = status;
     complete(std::move(transfer), std::move(response), std::nullopt);
@@ -558,13 +616,6 @@ void HttpSession::Core::run() {
 std::shared_ptr<HttpSession> HttpSession::make(HttpSessionConfiguration configuration) {
     initialiseCurlOnce();
     auto core = std::make_shared<Core>(std::move(configuration));
-    // The thread keeps the machinery alive until it is released and idle.
-    std::thread thread([core] {
-        pthread_setname_np(pthread_self(), core->configuration.label.substr(0, 15).c_str());
-        core->run();
-    });
-    core->threadId = thread.get_id();
-    thread.detach();
     return std::shared_ptr<HttpSession>(new HttpSession(std::move(core)));
 }
 
@@ -574,7 +625,7 @@ HttpSession::~HttpSession() { _core->release(); }
 
 const HttpSessionConfiguration& HttpSession::configuration() const { return _core->configuration; }
 
-bool HttpSession::isCurrent() const { return std::this_thread::get_id() == _core->threadId; }
+bool HttpSession::isCurrent() const { return std::this_thread::get_id() == _core->threadId.load(); }
 
 void HttpSession::dataTask(HttpRequest request, HttpCompletion completion) {
     auto transfer = std::make_unique<Transfer>();

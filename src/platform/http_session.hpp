@@ -98,8 +98,9 @@ struct HttpSessionConfiguration {
 /// One connection pool and one network thread, on which every completion of
 /// the session runs. Redirects are not followed (a 3xx is a plain status).
 /// A task in flight keeps the session's machinery alive, so an exchange
-/// finishes and completes even after its owner dropped the session; the
-/// thread ends once the session is released and idle.
+/// finishes and completes even after its owner dropped the session. The
+/// thread starts with the first task and ends once the session is released
+/// and idle.
 class HttpSession {
 public:
     static std::shared_ptr<HttpSession> make(HttpSessionConfiguration configuration = {});

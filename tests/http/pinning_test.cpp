@@ -154,6 +154,27 @@ TEST(PinningSession, RogueChainOnALaterConnectionIsRefused) {
     EXPECT_EQ(server.requests()[0].path, "/first");
 }
 
+TEST(PinningSession, EachRequestIsCheckedAgainstItsOwnHost) {
+    World world;
+    TlsTestServer server({world.a.chain(), {}, true});
+    HttpSessionConfiguration configuration;
+    configuration.trustAnchors = {world.anchors};
+    configuration.pins = std::make_shared<const PinSet>(Pins{{"localhost", world.a.leaf.der()}});
+    auto session = HttpSession::make(configuration);
+
+    ASSERT_TRUE(perform(session, get(server.url("/named"))).response);
+    // The same server and certificate, reached by an address that has no pin.
+    const Outcome byAddress = perform(session, get(server.url("/address", "127.0.0.1")));
+    ASSERT_TRUE(byAddress.error) << "a host without a pin was accepted";
+    EXPECT_EQ(byAddress.error->message, "Certificate pinning refused 127.0.0.1: no key is pinned for this host");
+    ASSERT_TRUE(perform(session, get(server.url("/named-again"))).response);
+
+    const auto seen = server.requests();
+    ASSERT_EQ(seen.size(), 2u);
+    EXPECT_EQ(seen[0].path, "/named");
+    EXPECT_EQ(seen[1].path, "/named-again");
+}
+
 TEST(PinningSession, ResumesTlsSessionsOnlyWithoutPins) {
     World world;
     TlsTestServer server({world.a.chain(), {}, false});

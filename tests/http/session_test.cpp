@@ -130,6 +130,49 @@ TEST_F(SessionTest, ConnectionIsReusedWithinTheSession) {
     EXPECT_EQ(server->completedHandshakes(), 1u);
 }
 
+TEST_F(SessionTest, ALaterExchangeCarriesNothingOfAnEarlierOne) {
+    auto server = serve([](const RecordedRequest&) {
+        TestResponse response;
+        response.body = "answer";
+        return response;
+    });
+    auto session = HttpSession::make(trusting());
+
+    HttpRequest post = get(server->url("/post"));
+    post.method = "POST";
+    post.headers = {{"Content-Type", "application/json"}, {"X-Only-Once", "1"}};
+    post.body = bytesOf("{}");
+    ASSERT_TRUE(perform(session, post).response);
+    ASSERT_TRUE(perform(session, get(server->url("/upload")), bytesOf("bytes")).response);
+    HttpRequest head = get(server->url("/head"));
+    head.method = "HEAD";
+    const Outcome headed = perform(session, head);
+    ASSERT_TRUE(headed.response) << headed.errorText();
+    EXPECT_EQ(headed.body(), "");
+
+    const Outcome invalid = perform(session, get("not a url"));
+    ASSERT_TRUE(invalid.error);
+    EXPECT_EQ(invalid.error->message, "Invalid URL: not a url");
+
+    const Outcome plain = perform(session, get(server->url("/get")));
+    ASSERT_TRUE(plain.response) << plain.errorText();
+    EXPECT_EQ(plain.body(), "answer");
+    const auto seen = server->requests();
+    ASSERT_EQ(seen.size(), 4u);
+    EXPECT_EQ(seen[0].method, "POST");
+    EXPECT_EQ(seen[1].method, "PUT");
+    EXPECT_EQ(seen[1].body, "bytes");
+    EXPECT_EQ(seen[2].method, "HEAD");
+    const RecordedRequest& last = seen[3];
+    EXPECT_EQ(last.method, "GET");
+    EXPECT_EQ(last.path, "/get");
+    EXPECT_EQ(last.body, "");
+    EXPECT_TRUE(last.headerValues("Content-Type").empty());
+    EXPECT_TRUE(last.headerValues("Content-Length").empty());
+    EXPECT_TRUE(last.headerValues("X-Only-Once").empty());
+    EXPECT_EQ(server->completedHandshakes(), 1u);
+}
+
 TEST_F(SessionTest, CachePolicyThatReloadsAsksCachesForAFreshAnswer) {
     auto server = serve();
     HttpSessionConfiguration configuration = trusting();
