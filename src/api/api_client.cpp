@@ -2,7 +2,9 @@
 
 #include <cctype>
 #include <cstdlib>
+#include <deque>
 #include <map>
+#include <mutex>
 #include <utility>
 
 #include "api/api_client_internal.hpp"
@@ -125,7 +127,41 @@ std::optional<std::vector<std::uint8_t>> lookUpPinnedCertificate(const BackendOp
     return Bundle::palomir().resourceData(name);
 }
 
+namespace {
+
+// Reading a pinned certificate's key costs more than a whole warm exchange,
+// and the client is rebuilt whenever credentials change, so pin sets are kept
+// for the few certificates a process ever pins.
+std::shared_ptr<const PinSet> pinSet(const std::map<std::string, std::vector<std::uint8_t>>& pinned) {
+    std::string key;
+    for (const auto& [host, der] : pinned) {
+        key += host;
+        key += '\0';
+        key.append(der.begin(), der.end());
+        key += '\0';
+    }
+    static std::mutex mutex;
+    // Never destroyed: sessions on their way out may still hold the sets.
+    static auto& kept = *new std::deque<std::pair<std::string, std::shared_ptr<const PinSet>>>();
+    constexpr std::size_t kKept = 4;
+    std::lock_guard lock(mutex);
+    for (const auto& [known, pins] : kept)
+        if (known == key) return pins;
+    auto pins = std::make_shared<const PinSet>(pinned);
+    if (kept.size() == kKept) kept.pop_front();
+    kept.emplace_back(std::move(key), pins);
+    return pins;
+}
+
+}  // namespace
+
 struct APIClient::Sessions {
+    // The credentials and base URL never change for a client, so what only
+    // depends on them is checked once.
+    bool tokenUsable = false;
+    std::string checkinURL;
+    bool checkinURLUsable = false;
+
     std::shared_ptr<HttpSession> checkinSession;
     // Most clients only ever check in, so the other session (and its network
     // thread) is made on first use.
@@ -164,7 +200,7 @@ std::shared_ptr<APIClient> APIClient::make(AppCredentials credentials, std::shar
         if (auto base = Url::parse(client->_options.baseURL)) {
             if (auto der = lookUpPinnedCertificate(client->_options, base->host())) pinned[base->host()] = *der;
         }
-        auto pins = std::make_shared<const PinSet>(pinned);
+        auto pins = pinSet(pinned);
 
         HttpSessionConfiguration api;
         api.label = "palomir.api";
@@ -180,6 +216,9 @@ std::shared_ptr<APIClient> APIClient::make(AppCredentials credentials, std::shar
         checkin.totalTimeout = std::chrono::milliseconds(5000);
         sessions->checkinSession = HttpSession::make(checkin);
     }
+    sessions->tokenUsable = Url::parse(kTokenCheckPrefix + client->_credentials.token).has_value();
+    sessions->checkinURL = client->_options.baseURL + "/checkin/" + client->_credentials.token;
+    sessions->checkinURLUsable = Url::parse(sessions->checkinURL).has_value();
     client->_sessions = std::move(sessions);
     return client;
 }
@@ -289,9 +328,11 @@ void APIClientAccess::jsonRequest(APIClient& client, const std::string& path, co
     auto finish = [completion = std::move(completion)](Result<std::pair<T, MaxAge>, APIError> result) {
         if (completion) completion(std::move(result));
     };
-    if (!Url::parse(kTokenCheckPrefix + client._credentials.token)) return finish(Err{APIError::invalidAppToken()});
+    const auto& sessions = *client._sessions;
+    if (!sessions.tokenUsable) return finish(Err{APIError::invalidAppToken()});
     const std::string url = client._options.baseURL + path;
-    if (!Url::parse(url)) return finish(Err{APIError::invalidURL()});
+    if (url == sessions.checkinURL ? !sessions.checkinURLUsable : !Url::parse(url))
+        return finish(Err{APIError::invalidURL()});
 
     std::shared_ptr<const std::vector<std::uint8_t>> bytes;
     if (body) {
