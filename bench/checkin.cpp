@@ -232,7 +232,6 @@ struct Fixture {
     palomir::BackendOptions options;
     palomir::AppCredentials credentials{kToken, kSecret};
     std::optional<palomir::AppInfo> info;
-    nlohmann::ordered_json body;
     X509_STORE* rawStore = nullptr;
 
     Fixture() {
@@ -248,10 +247,10 @@ struct Fixture {
                                                           {"CFBundleShortVersionString", "1.0.0"},
                                                           {"CFBundleVersion", "100"}},
                                                      std::nullopt));
-        if (auto made = palomir::AppInfo::make(palomir::Bundle::main()); made.hasValue()) {
+        auto made = palomir::AppInfo::make(palomir::Bundle::main());
+        if (made.hasValue() && palomir::encode(made.value()).hasValue()) {
             info = std::move(made).value();
-            body["app_info"] = palomir::encode(*info).value();
-        } else {
+        } else if (made.hasError()) {
             std::fprintf(stderr, "no app info: %s\n", std::string(palomir::toString(made.error())).c_str());
         }
         // The peer's trust: the system's authorities and the test CA, loaded
@@ -312,7 +311,10 @@ public:
     // One signed check-in; true when a configuration came back.
     bool checkin() {
         Fixture& f = fixture();
-        const std::string text = f.body.dump(-1, ' ', false, nlohmann::ordered_json::error_handler_t::replace);
+        // The body is made from the record each time, as the client does.
+        nlohmann::ordered_json body;
+        body["app_info"] = palomir::encode(*f.info).value();
+        const std::string text = body.dump(-1, ' ', false, nlohmann::ordered_json::error_handler_t::replace);
         std::vector<std::uint8_t> bytes(text.begin(), text.end());
 
         palomir::SignableRequest request{_url, "", {}, std::nullopt};
