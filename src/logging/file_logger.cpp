@@ -43,6 +43,11 @@ constexpr std::uint64_t kChunks = kRingBytes / kChunkBytes;
 // ends, which keeps the text it writes still in cache.
 constexpr std::uint64_t kHurryBytes = 256u << 10;
 
+// The writer writes at most this much at once, so that callers waiting for
+// room in a full ring can go on while it writes the next part.
+constexpr std::uint64_t kWriteBytes = 1u << 20;
+static_assert(kWriteBytes % kChunkBytes == 0 && kWriteBytes <= kRingBytes);
+
 // The writer faults in this much of the ring ahead of the callers on the
 // first lap, so that a caller rarely meets a fresh page.
 constexpr std::uint64_t kPrefaultAhead = 1u << 20;
@@ -163,6 +168,7 @@ struct FileLogger::State {
     void append(const LineParts& line, const std::shared_ptr<State>& self);
     void waitForWritten(std::uint64_t position, const std::shared_ptr<State>& self);
     void drain();
+    bool writeSome();  // true when there may be more complete text
     void reportWriteError(int code);
 };
 
@@ -311,10 +317,16 @@ void FileLogger::State::waitForWritten(std::uint64_t position, const std::shared
 
 void FileLogger::State::drain() {
     queued.store(false);
+    while (writeSome()) {
+    }
+}
+
+bool FileLogger::State::writeSome() {
     const std::uint64_t from = written.load(std::memory_order_relaxed);
     std::uint64_t to = from;
-    // At most one lap: the chunk a lap after the first one shares its counter.
-    for (std::uint64_t chunk = from / kChunkBytes; chunk < from / kChunkBytes + kChunks; ++chunk) {
+    // At most one write's worth, and never more than one lap: the chunk a lap
+    // after the first one shares its counter.
+    for (std::uint64_t chunk = from / kChunkBytes; to - from < kWriteBytes; ++chunk) {
         const std::uint64_t chunkStart = chunk * kChunkBytes;
         const std::uint64_t count = committed[chunk % kChunks].load();
         if (count == kChunkBytes) {
@@ -328,7 +340,7 @@ void FileLogger::State::drain() {
         if (claimed < chunkStart + kChunkBytes && count == claimed - chunkStart) to = claimed;
         break;
     }
-    if (to == from) return;
+    if (to == from) return false;
 
     iovec parts[2];
     int partCount = 0;
@@ -382,6 +394,7 @@ void FileLogger::State::drain() {
         }
     }
 #endif
+    return to - from >= kWriteBytes;
 }
 
 void FileLogger::State::reportWriteError(int code) {
