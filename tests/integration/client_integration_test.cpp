@@ -19,62 +19,13 @@ namespace {
 using namespace std::chrono_literals;
 namespace sb = palomir::sandbox;
 
-const std::filesystem::path kScenarios = std::filesystem::path(PALOMIR_SOURCE_DIR) / "examples" / "scenarios";
-
-class ClientIntegration : public ::testing::Test {
+class ClientIntegration : public SandboxClientTest {
 protected:
     void SetUp() override {
-        setCachesDirectory(_caches.path());
-        Bundle::setMain(Bundle(nlohmann::json{{"CFBundleIdentifier", "com.example.host"},
-                                              {"CFBundleDisplayName", "Example"},
-                                              {"CFBundleVersion", "42"},
-                                              {"CFBundleShortVersionString", "4.2"}},
-                               std::nullopt));
         sb::SandboxOptions options;
         options.scenarioFile = kScenarios / "notes-only.json";
-        options.dataDirectory = _data.path();
-        options.bundleDirectory = _bundle.path();
-        options.logRequests = false;
-        _sandbox = std::make_unique<sb::Sandbox>(options);
-        auto started = _sandbox->start();
-        ASSERT_TRUE(started.hasValue()) << started.error();
-
-        auto& palomir = Palomir::shared();
-        palomir.setLogger(_logger);
-        palomir.setBackend(BackendOptions{_sandbox->baseURL(), {_sandbox->caFile()}, _sandbox->bundleDirectory()});
-        palomir.setAppCredentials(AppCredentials{"sandbox-token", "sandbox-secret"});
+        startSandbox(options);
     }
-
-    void scenario(const std::string& json) {
-        auto set = _sandbox->setScenarioJson(json);
-        ASSERT_TRUE(set.hasValue()) << set.error();
-    }
-
-    // A scenario from an example file, with the next timed check-in moved.
-    void scenarioFile(const std::string& name, std::optional<int> nextCheckinAfterSeconds = std::nullopt) {
-        std::ifstream in(kScenarios / name);
-        auto document = nlohmann::json::parse(in);
-        if (nextCheckinAfterSeconds) document["next_checkin_after_seconds"] = *nextCheckinAfterSeconds;
-        scenario(document.dump());
-    }
-
-    Result<Configuration, Error> checkin() {
-        Awaited<Configuration> awaited(_queue);
-        Palomir::shared().checkin(_queue, awaited.completion());
-        return awaited.get();
-    }
-
-    std::size_t requestsTo(const std::string& prefix) const {
-        std::size_t count = 0;
-        for (const auto& request : _sandbox->requests())
-            if (request.target.rfind(prefix, 0) == 0) ++count;
-        return count;
-    }
-
-    palomir_test::TempDir _caches, _data, _bundle;
-    std::unique_ptr<sb::Sandbox> _sandbox;
-    std::shared_ptr<CapturingLogger> _logger = std::make_shared<CapturingLogger>();
-    std::shared_ptr<DispatchQueue> _queue = DispatchQueue::makeSerial("test.delivery");
 };
 
 TEST_F(ClientIntegration, ChecksInOverPinnedTLSAndLogsTheNotes) {
@@ -99,17 +50,17 @@ TEST_F(ClientIntegration, WithoutATimedCheckinTheConfigurationIsServedFromMemory
     ASSERT_TRUE(checkin().hasValue());
     ASSERT_TRUE(checkin().hasValue());
     ASSERT_TRUE(checkin().hasValue());
-    EXPECT_EQ(requestsTo("/api/checkin/"), 1u);
+    EXPECT_EQ(requestsTo("PUT", "/api/checkin/"), 1u);
 }
 
 TEST_F(ClientIntegration, ATimedCheckinIsAskedForOnceItsInstantHasCome) {
     scenarioFile("notes-only.json", 1);
     ASSERT_TRUE(checkin().hasValue());
     ASSERT_TRUE(checkin().hasValue());
-    EXPECT_EQ(requestsTo("/api/checkin/"), 1u);
+    EXPECT_EQ(requestsTo("PUT", "/api/checkin/"), 1u);
     std::this_thread::sleep_for(1100ms);
     ASSERT_TRUE(checkin().hasValue());
-    EXPECT_EQ(requestsTo("/api/checkin/"), 2u);
+    EXPECT_EQ(requestsTo("PUT", "/api/checkin/"), 2u);
 }
 
 TEST_F(ClientIntegration, AFailedCheckinKeepsTheConfigurationAndPassesTheErrorThrough) {

@@ -1,11 +1,14 @@
 #pragma once
 
 // Helpers shared by the tests that drive Palomir against the in-process
-// sandbox.
+// sandbox. The including target defines PALOMIR_SOURCE_DIR and links
+// palomir_sandbox and palomir_test_support.
 
 #include <gtest/gtest.h>
 
 #include <chrono>
+#include <filesystem>
+#include <fstream>
 #include <future>
 #include <memory>
 #include <mutex>
@@ -15,9 +18,24 @@
 #include <utility>
 #include <vector>
 
+#include "palomir/environment.hpp"
 #include "palomir/palomir.hpp"
+#include "palomir_test/tls.hpp"
+#include "sandbox.hpp"
 
 namespace palomir {
+
+inline const std::filesystem::path kScenarios =
+    std::filesystem::path(PALOMIR_SOURCE_DIR) / "examples" / "scenarios";
+
+// The main bundle of a made-up host, so that the app info can be built.
+inline void setHostBundle() {
+    Bundle::setMain(Bundle(nlohmann::json{{"CFBundleIdentifier", "com.example.host"},
+                                          {"CFBundleDisplayName", "Example"},
+                                          {"CFBundleVersion", "42"},
+                                          {"CFBundleShortVersionString", "4.2"}},
+                           std::nullopt));
+}
 
 class CapturingLogger : public Logger {
 public:
@@ -81,6 +99,68 @@ private:
     int _calls = 0;
     bool _inline = false;
     bool _offQueue = false;
+};
+
+// The in-process sandbox with Palomir::shared() pointed at it. Each test
+// runs in a process of its own, so the shared client starts fresh.
+class SandboxClientTest : public ::testing::Test {
+protected:
+    /// Serves `options`' scenario (the outage example when none is named)
+    /// with the caches in a temporary directory, and gives the client the
+    /// sandbox's app credentials. `hostLogger` false keeps the client's own
+    /// console and file logger in place of the capturing one.
+    void startSandbox(sandbox::SandboxOptions options = {}, bool hostLogger = true) {
+        setCachesDirectory(_caches.path());
+        setHostBundle();
+        if (options.scenarioFile.empty() && options.scenarioJson.empty())
+            options.scenarioFile = kScenarios / "outage.json";
+        options.dataDirectory = _data.path();
+        options.bundleDirectory = _bundle.path();
+        options.logRequests = false;
+        _sandbox = std::make_unique<sandbox::Sandbox>(options);
+        auto started = _sandbox->start();
+        ASSERT_TRUE(started.hasValue()) << started.error();
+
+        auto& palomir = Palomir::shared();
+        if (hostLogger) palomir.setLogger(_logger);
+        palomir.setBackend(sandboxBackend());
+        palomir.setAppCredentials(AppCredentials{options.appToken, options.appSecret});
+    }
+
+    BackendOptions sandboxBackend() const {
+        return BackendOptions{_sandbox->baseURL(), {_sandbox->caFile()}, _sandbox->bundleDirectory()};
+    }
+
+    void scenario(const std::string& json) {
+        auto set = _sandbox->setScenarioJson(json);
+        ASSERT_TRUE(set.hasValue()) << set.error();
+    }
+
+    // A scenario from an example file, with the next timed check-in moved.
+    void scenarioFile(const std::string& name, std::optional<int> nextCheckinAfterSeconds = std::nullopt) {
+        std::ifstream in(kScenarios / name);
+        auto document = nlohmann::json::parse(in);
+        if (nextCheckinAfterSeconds) document["next_checkin_after_seconds"] = *nextCheckinAfterSeconds;
+        scenario(document.dump());
+    }
+
+    Result<Configuration, Error> checkin() {
+        Awaited<Configuration> awaited(_queue);
+        Palomir::shared().checkin(_queue, awaited.completion());
+        return awaited.get();
+    }
+
+    std::size_t requestsTo(const std::string& method, const std::string& prefix) const {
+        std::size_t count = 0;
+        for (const auto& request : _sandbox->requests())
+            if (request.method == method && request.target.rfind(prefix, 0) == 0) ++count;
+        return count;
+    }
+
+    palomir_test::TempDir _caches, _data, _bundle;
+    std::unique_ptr<sandbox::Sandbox> _sandbox;
+    std::shared_ptr<CapturingLogger> _logger = std::make_shared<CapturingLogger>();
+    std::shared_ptr<DispatchQueue> _queue = DispatchQueue::makeSerial("test.delivery");
 };
 
 }  // namespace palomir

@@ -39,8 +39,6 @@ namespace fs = std::filesystem;
 namespace sb = palomir::sandbox;
 using Clock = std::chrono::steady_clock;
 
-const fs::path kScenarios = fs::path(PALOMIR_SOURCE_DIR) / "examples" / "scenarios";
-
 // "VmRSS" (now) or "VmHWM" (the peak so far) of this process, in kB.
 long memoryKilobytes(const std::string& field = "VmRSS") {
     std::ifstream in("/proc/self/status");
@@ -55,48 +53,8 @@ std::string readFile(const fs::path& path) {
     return std::string((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
 }
 
-void setHostBundle() {
-    Bundle::setMain(Bundle(nlohmann::json{{"CFBundleIdentifier", "com.example.host"},
-                                          {"CFBundleDisplayName", "Example"},
-                                          {"CFBundleVersion", "42"},
-                                          {"CFBundleShortVersionString", "4.2"}},
-                           std::nullopt));
-}
-
-// The sandbox with the client pointed at it. `hostLogger` false keeps the
-// client's own file logger in place.
-class Sweep : public ::testing::Test {
+class Sweep : public SandboxClientTest {
 protected:
-    void startSandbox(sb::SandboxOptions options = {}, bool hostLogger = true) {
-        setCachesDirectory(_caches.path());
-        setHostBundle();
-        options.scenarioFile = kScenarios / "outage.json";
-        options.dataDirectory = _data.path();
-        options.bundleDirectory = _bundle.path();
-        options.logRequests = false;
-        _sandbox = std::make_unique<sb::Sandbox>(options);
-        auto started = _sandbox->start();
-        ASSERT_TRUE(started.hasValue()) << started.error();
-
-        auto& palomir = Palomir::shared();
-        if (hostLogger) palomir.setLogger(_logger);
-        palomir.setBackend(BackendOptions{_sandbox->baseURL(), {_sandbox->caFile()}, _sandbox->bundleDirectory()});
-        palomir.setAppCredentials(AppCredentials{options.appToken, options.appSecret});
-    }
-
-    std::size_t requestsTo(const std::string& method, const std::string& prefix) const {
-        std::size_t count = 0;
-        for (const auto& request : _sandbox->requests())
-            if (request.method == method && request.target.rfind(prefix, 0) == 0) ++count;
-        return count;
-    }
-
-    Result<Configuration, Error> checkin() {
-        Awaited<Configuration> awaited(_queue);
-        Palomir::shared().checkin(_queue, awaited.completion());
-        return awaited.get();
-    }
-
     Result<std::string, PalomirError> feedback(const std::string& title, const std::string& message,
                                                std::vector<Attachment> attachments,
                                                std::vector<std::shared_ptr<AttachmentProvider>> providers = {}) {
@@ -112,11 +70,6 @@ protected:
                                    awaited.completion());
         return awaited.get(60s);
     }
-
-    palomir_test::TempDir _caches, _data, _bundle;
-    std::unique_ptr<sb::Sandbox> _sandbox;
-    std::shared_ptr<CapturingLogger> _logger = std::make_shared<CapturingLogger>();
-    std::shared_ptr<DispatchQueue> _queue = DispatchQueue::makeSerial("test.delivery");
 };
 
 // ---------------------------------------------------------------------------
@@ -612,8 +565,7 @@ TEST_F(Sweep, CredentialsChangedWhileRequestsAreUnderWayCompleteEachOnce) {
             case 1: palomir.setAppCredentials(std::nullopt); break;
             case 2: palomir.setAppCredentials(AppCredentials{"sandbox-token", "sandbox-secret"}); break;
             default:
-                palomir.setBackend(
-                    BackendOptions{_sandbox->baseURL(), {_sandbox->caFile()}, _sandbox->bundleDirectory()});
+                palomir.setBackend(sandboxBackend());
                 break;
         }
     }
