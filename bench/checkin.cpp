@@ -326,7 +326,9 @@ public:
         // The same fields on the wire: duplicates joined, no cache, and none
         // of libcurl's own Accept and Expect.
         std::vector<std::pair<std::string, std::string>> fields;
-        for (auto& [name, value] : request.headers) {
+        for (const auto& header : request.headers) {
+            const std::string& name = header.first;
+            const std::string& value = header.second;
             auto same = std::find_if(fields.begin(), fields.end(), [&](const auto& f) { return f.first == name; });
             if (same == fields.end())
                 fields.emplace_back(name, value);
