@@ -3,6 +3,7 @@
 #include <curl/curl.h>
 #include <openssl/ssl.h>
 #include <openssl/x509.h>
+#include <openssl/x509v3.h>
 #include <pthread.h>
 
 #include <algorithm>
@@ -40,13 +41,28 @@ void initialiseCurlOnce() {
     std::call_once(once, [] { curl_global_init(CURL_GLOBAL_DEFAULT); });
 }
 
+// OpenSSL decodes a certificate's extensions the first time it checks one,
+// writing into the shared certificate. Stores are shared between network
+// threads, so that first decoding happens here, before any of them sees it.
+void decodeExtensionsOnce(X509_STORE* store) {
+    X509_STORE_lock(store);
+    STACK_OF(X509_OBJECT)* objects = X509_STORE_get0_objects(store);
+    for (int i = 0; i < sk_X509_OBJECT_num(objects); ++i)
+        if (X509* certificate = X509_OBJECT_get0_X509(sk_X509_OBJECT_value(objects, i)))
+            X509_check_purpose(certificate, -1, 0);
+    X509_STORE_unlock(store);
+}
+
 // Loading the system's certificate authorities costs milliseconds, so it is
 // done once per process; every session shares the result. The store is never
 // freed: network threads may still use it while the process ends.
 X509_STORE* systemTrustStore() {
     static X509_STORE* const store = [] {
         X509_STORE* created = X509_STORE_new();
-        if (created) X509_STORE_set_default_paths(created);
+        if (created) {
+            X509_STORE_set_default_paths(created);
+            decodeExtensionsOnce(created);
+        }
         return created;
     }();
     return store;
@@ -67,6 +83,7 @@ X509_STORE* buildTrustStore(const HttpSessionConfiguration& configuration) {
     }
     // An unreadable file adds nothing; chains that needed it then fail.
     for (const auto& path : configuration.trustAnchors) X509_STORE_load_file(store, path.c_str());
+    decodeExtensionsOnce(store);
     return store;
 }
 
