@@ -23,6 +23,15 @@ struct World {
     std::filesystem::path anchors = dir / "anchors.pem";
 
     World() { palomir_test::writePem(anchors, {a.root, b.root}); }
+
+    /// A session trusting both roots with `certificate`'s key pinned for "localhost".
+    std::shared_ptr<HttpSession> sessionPinning(const std::vector<std::uint8_t>& certificate) const {
+        HttpSessionConfiguration configuration;
+        configuration.trustAnchors = {anchors};
+        configuration.pins = std::make_shared<const PinSet>(
+            std::map<std::string, std::vector<std::uint8_t>>{{"localhost", certificate}});
+        return HttpSession::make(configuration);
+    }
 };
 
 using Pins = std::map<std::string, std::vector<std::uint8_t>>;
@@ -136,10 +145,7 @@ TEST(PinningSession, RogueChainOnALaterConnectionIsRefused) {
     World world;
     // One request per connection, so the second request needs a new one.
     TlsTestServer server({world.a.chain(), {}, false});
-    HttpSessionConfiguration configuration;
-    configuration.trustAnchors = {world.anchors};
-    configuration.pins = std::make_shared<const PinSet>(Pins{{"localhost", world.a.intermediate.der()}});
-    auto session = HttpSession::make(configuration);
+    auto session = world.sessionPinning(world.a.intermediate.der());
 
     const Outcome first = perform(session, get(server.url("/first")));
     ASSERT_TRUE(first.response) << first.errorText();
@@ -157,10 +163,7 @@ TEST(PinningSession, RogueChainOnALaterConnectionIsRefused) {
 TEST(PinningSession, EachRequestIsCheckedAgainstItsOwnHost) {
     World world;
     TlsTestServer server({world.a.chain(), {}, true});
-    HttpSessionConfiguration configuration;
-    configuration.trustAnchors = {world.anchors};
-    configuration.pins = std::make_shared<const PinSet>(Pins{{"localhost", world.a.leaf.der()}});
-    auto session = HttpSession::make(configuration);
+    auto session = world.sessionPinning(world.a.leaf.der());
 
     ASSERT_TRUE(perform(session, get(server.url("/named"))).response);
     // The same server and certificate, reached by an address that has no pin.
@@ -197,10 +200,7 @@ TEST(PinningSession, ResumesTlsSessionsOnlyWithoutPins) {
 TEST(PinningSession, RestartedServerWithRogueChainIsRefused) {
     World world;
     TlsTestServer server({world.a.chain(), {}, true});
-    HttpSessionConfiguration configuration;
-    configuration.trustAnchors = {world.anchors};
-    configuration.pins = std::make_shared<const PinSet>(Pins{{"localhost", world.a.leaf.der()}});
-    auto session = HttpSession::make(configuration);
+    auto session = world.sessionPinning(world.a.leaf.der());
 
     ASSERT_TRUE(perform(session, get(server.url("/first"))).response);
     server.setChain(world.b.chain());
