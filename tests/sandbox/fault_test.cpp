@@ -208,11 +208,14 @@ INSTANTIATE_TEST_SUITE_P(
                       BadSetting{"checkin=drop:5", "fault drop:5: takes no argument"},
                       BadSetting{"checkin=drip:0", "fault drip:0: the drip interval must be at least 1 ms"},
                       BadSetting{"checkin=oversized:0", "fault oversized:0: the size must be from 1 to 1024 MB"},
-                      BadSetting{"checkin=drop*0", "fault drop*0: the count after '*' must be a positive number"}));
+                      BadSetting{"checkin=drop*0", "fault drop*0: the count after '*' must be a positive number"},
+                      BadSetting{"checkin=redirect", "fault redirect: needs the address to send the client to, "
+                                                     "as in redirect:http://example.com/"}));
 
 TEST(SandboxFaultTest, DescriptionsReadBackAsTheSameFault) {
     for (const char* text : {"delay:250", "stall:1000", "drip:5", "status:503", "status:429:{\"a\":\"*\"}", "malformed",
-                             "truncated", "empty", "drop*3", "cache-control:no-store", "oversized:2"}) {
+                             "truncated", "empty", "drop*3", "cache-control:no-store", "oversized:2",
+                             "redirect:http://127.0.0.1:9/a?b=c*2"}) {
         auto fault = Fault::parse(text);
         ASSERT_TRUE(fault.hasValue()) << text;
         EXPECT_EQ(fault.value().description(), text);

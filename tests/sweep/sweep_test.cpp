@@ -191,7 +191,7 @@ const std::string kMalformed =
 
 std::vector<HostileCase> hostileCases() {
     using E = Endpoint;
-    return {
+    std::vector<HostileCase> cases = {
         // The check-in session gives up after 1 s without data or 5 s in all.
         {"checkin_stall", E::checkin, fault("stall"), kNetwork + "The request timed out: no data for 1000 ms", false, 3},
         {"checkin_drip", E::checkin, fault("drip:50"), kNetwork + "The request timed out: not complete after 5000 ms",
@@ -251,6 +251,25 @@ std::vector<HostileCase> hostileCases() {
         {"feedback_503", E::feedback, answer(503, ""), "Request failed: " + kBadStatus + "503"},
         {"feedback_oversized", E::feedback, fault("oversized:50"), "Request failed: " + kTooLarge},
     };
+    // Redirects are answers, never followed: not to plain HTTP (nothing
+    // listens on the discard port, so following would fail differently),
+    // not to another host.
+    struct Redirected {
+        Endpoint endpoint;
+        const char* toHttp;
+        const char* toOtherHost;
+    };
+    for (const auto& row : {Redirected{E::checkin, "checkin_redirect_to_http", "checkin_redirect_to_other_host"},
+                            Redirected{E::services, "services_redirect_to_http", "services_redirect_to_other_host"},
+                            Redirected{E::service, "service_redirect_to_http", "service_redirect_to_other_host"},
+                            Redirected{E::directUpload, "direct_upload_redirect_to_http",
+                                       "direct_upload_redirect_to_other_host"},
+                            Redirected{E::feedback, "feedback_redirect_to_http", "feedback_redirect_to_other_host"}}) {
+        const std::string expected = (row.endpoint == E::feedback ? "Request failed: " : "") + kBadStatus + "302";
+        cases.push_back({row.toHttp, row.endpoint, fault("redirect:http://127.0.0.1:9/api/"), expected});
+        cases.push_back({row.toOtherHost, row.endpoint, fault("redirect:https://other.example/api/"), expected});
+    }
+    return cases;
 }
 
 INSTANTIATE_TEST_SUITE_P(Faults, HostileServer, ::testing::ValuesIn(hostileCases()),

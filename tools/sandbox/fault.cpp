@@ -23,6 +23,7 @@ constexpr std::pair<Fault::Kind, std::string_view> kKindNames[] = {
     {Fault::Kind::drop, "drop"},
     {Fault::Kind::wrongCacheControl, "cache-control"},
     {Fault::Kind::oversized, "oversized"},
+    {Fault::Kind::redirect, "redirect"},
 };
 
 template <class T>
@@ -110,6 +111,11 @@ Result<Fault, std::string> Fault::parse(std::string_view text) {
     case Kind::wrongCacheControl:
         fault.body = argument ? std::string(*argument) : "max-age=soon";
         return Ok{fault};
+    case Kind::redirect:
+        if (!argument || argument->empty())
+            return Err{"fault " + given + ": needs the address to send the client to, as in redirect:http://example.com/"};
+        fault.body = std::string(*argument);
+        return Ok{fault};
     case Kind::oversized: {
         fault.megabytes = 8;
         if (argument) {
@@ -144,6 +150,7 @@ std::string Fault::description() const {
         if (!body.empty()) text += ":" + body;
         break;
     case Kind::wrongCacheControl:
+    case Kind::redirect:
         text += ":" + body;
         break;
     case Kind::oversized:

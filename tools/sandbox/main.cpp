@@ -74,7 +74,7 @@ int main(int argc, char** argv) {
                    "Misbehave on a route: route=kind[:arg][*N]. Routes: checkin, services, service, "
                    "direct_uploads, upload, feedback, * (all). Kinds: delay:MS, stall[:MS], drip[:MS], "
                    "status:CODE[:BODY], malformed, truncated, empty, drop, cache-control[:VALUE], "
-                   "oversized[:MB]. A trailing *N applies it to the next N requests only. Repeatable");
+                   "oversized[:MB], redirect:URL. A trailing *N applies it to the next N requests only. Repeatable");
     app.add_option("--cache-control", options.cacheControl, "Cache-Control value of service answers")
         ->default_val(options.cacheControl);
     app.add_flag("--quiet", quiet, "Do not log each request to standard error");

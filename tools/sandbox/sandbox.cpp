@@ -721,6 +721,11 @@ void Sandbox::State::handle(const httplib::Request& request, httplib::Response& 
         }
         return finish(fault->status);
     }
+    if (fault && fault->kind == Kind::redirect) {
+        response.status = 302;
+        response.set_header("Location", fault->body);
+        return finish(302);
+    }
     if (fault && fault->kind == Kind::malformed) {
         response.status = 200;
         response.set_content("{\"version\": \"sandbox\", \"theme\": [oops", kJson);

@@ -51,6 +51,8 @@ struct Fault {
         wrongCacheControl,
         /// Answer normally, padded with an extra member to `megabytes` MB.
         oversized,
+        /// Answer 302 with `body` as the Location.
+        redirect,
     };
 
     Kind kind = Kind::delay;
@@ -62,7 +64,7 @@ struct Fault {
     std::optional<int> remaining;
 
     /// "delay:MS", "stall[:MS]", "drip[:MS]", "status:CODE[:BODY]", "malformed",
-    /// "truncated", "empty", "drop", "cache-control[:VALUE]", "oversized[:MB]",
+    /// "truncated", "empty", "drop", "cache-control[:VALUE]", "oversized[:MB]", "redirect:URL",
     /// each optionally followed by "*N" to apply to the next N requests only.
     static Result<Fault, std::string> parse(std::string_view text);
     /// The same form as parse() takes.
