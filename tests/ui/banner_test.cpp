@@ -2,13 +2,9 @@
 
 #include <QtGui/QDesktopServices>
 
-#include <QtCore/QDir>
 #include <QtCore/QTemporaryDir>
 #include <gtest/gtest.h>
 
-#include <fstream>
-
-#include "palomir/bundle.hpp"
 #include "palomir/client.hpp"
 #include "palomir/environment.hpp"
 #include "palomir/qt/message_view_controller.hpp"
@@ -62,17 +58,6 @@ INSTANTIATE_TEST_SUITE_P(
                (info.param.light ? "_withLight" : "") + (info.param.dark ? "_withDark" : "");
     });
 
-TEST(MessageViewControllerTest, TextsAndLoadTimeStyling) {
-    MessageViewController banner;
-    EXPECT_DOUBLE_EQ(banner.roundedCornersView()->property("radius").toDouble(), 8.0);
-    EXPECT_DOUBLE_EQ(banner.view()->property("shadowRadius").toDouble(), 10.0);
-    EXPECT_DOUBLE_EQ(banner.view()->property("shadowOpacity").toDouble(), 0.5);
-    banner.setMessage(message(std::nullopt, std::nullopt));
-    EXPECT_EQ(banner.titleLabel()->property("text").toString(), QStringLiteral("Sync is paused"));
-    EXPECT_EQ(banner.descriptionLabel()->property("text").toString(), QStringLiteral("Changes are kept on this device."));
-    EXPECT_EQ(banner.moreInfoButton()->property("text").toString(), QStringLiteral("Status"));
-}
-
 struct ToggleCase {
     MessageViewLocation location;
     bool collapsedFlipped;  // chevron points up while collapsed
@@ -110,12 +95,17 @@ INSTANTIATE_TEST_SUITE_P(Locations, BannerToggleTest,
                              return std::string(info.param.location == MessageViewLocation::top ? "top" : "bottom");
                          });
 
-TEST(MessageViewControllerTest, MoreInfoOpensTheUrlOnlyWhenThereIsOne) {
+TEST(MessageViewControllerTest, TextsStylingAndMoreInfoOpeningTheUrlOnlyWhenThereIsOne) {
     test::UrlSink sink;
     QDesktopServices::setUrlHandler(QStringLiteral("https"), &sink, "open");
     MessageViewController banner;
+    EXPECT_DOUBLE_EQ(banner.roundedCornersView()->property("radius").toDouble(), 8.0);
+    EXPECT_DOUBLE_EQ(banner.view()->property("shadowRadius").toDouble(), 10.0);
     auto m = message(std::nullopt, std::nullopt);
     banner.setMessage(m);
+    EXPECT_EQ(banner.titleLabel()->property("text").toString(), QStringLiteral("Sync is paused"));
+    EXPECT_EQ(banner.descriptionLabel()->property("text").toString(), QStringLiteral("Changes are kept on this device."));
+    EXPECT_EQ(banner.moreInfoButton()->property("text").toString(), QStringLiteral("Status"));
     click(banner.moreInfoButton());
     EXPECT_TRUE(sink.opened.empty());
     m.url = Url::parse("https://status.example.com/sync");
@@ -124,18 +114,6 @@ TEST(MessageViewControllerTest, MoreInfoOpensTheUrlOnlyWhenThereIsOne) {
     ASSERT_EQ(sink.opened.size(), 1u);
     EXPECT_EQ(sink.opened[0], QUrl(QStringLiteral("https://status.example.com/sync")));
     QDesktopServices::unsetUrlHandler(QStringLiteral("https"));
-}
-
-TEST(MessageViewControllerDeathTest, LayoutWithoutRequiredOutletStopsWhenAMessageArrives) {
-    QTemporaryDir directory;
-    QDir(directory.path()).mkpath(QStringLiteral("layouts"));
-    std::ofstream(QDir(directory.path()).filePath(QStringLiteral("layouts/MessageViewController.qml")).toStdString())
-        << "import QtQuick\nItem { Rectangle { objectName: \"roundedCornersView\" } }\n";
-    Bundle::setPalomirResourceDirectory(directory.path().toStdString());
-    MessageViewController banner;
-    EXPECT_DEATH(banner.setMessage(ServiceMessage{}),
-                 "MessageViewController: the layout has no item with objectName \"expandingStackView\"");
-    Bundle::setPalomirResourceDirectory({});
 }
 
 const char* kWithMessage = R"({"version":"1","theme":{"text_color":"#000","background_color":"#fff"},"notes":[],

@@ -42,8 +42,6 @@ bool waitUntil(const std::function<bool()>& done, int milliseconds) {
     return QTest::qWaitFor(done, milliseconds);
 }
 
-void spin(int milliseconds) { QTest::qWait(milliseconds); }
-
 QColor colorOf(const QQuickItem* item, const char* property) {
     return item ? item->property(property).value<QColor>() : QColor();
 }

@@ -25,7 +25,6 @@ Configuration withLockdown(const std::string& lockdownJson, const std::string& t
 
 /// Runs the event loop until `done` or the timeout.
 bool waitUntil(const std::function<bool()>& done, int milliseconds = 3000);
-void spin(int milliseconds);
 
 QColor colorOf(const QQuickItem* item, const char* property = "color");
 /// Receives the URLs handed to QDesktopServices::openUrl.
