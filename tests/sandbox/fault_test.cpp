@@ -47,12 +47,6 @@ TEST_P(FaultBehaviour, DoesWhatItSays) {
     GetParam().check(reply, *sandbox);
 }
 
-std::string healthyCheckinBody() {
-    Sandbox healthy(SandboxOptions{.logRequests = false});
-    EXPECT_TRUE(healthy.start().hasValue());
-    return SandboxClient(healthy).checkin().body;
-}
-
 void expectNoAnswer(const Reply& reply) {
     EXPECT_FALSE(reply.answered);
     EXPECT_NE(reply.error, httplib::Error::Success);
@@ -144,9 +138,9 @@ INSTANTIATE_TEST_SUITE_P(
     [](const auto& info) { return info.param.name; });
 
 TEST(SandboxFaultTest, DripSendsTheWholeBodyOneByteAtATime) {
-    std::string expected = healthyCheckinBody();
     Sandbox sandbox(SandboxOptions{.logRequests = false});
     ASSERT_TRUE(sandbox.start().hasValue());
+    const std::string expected = SandboxClient(sandbox).checkin().body;
     sandbox.setFault(Route::checkin, Fault::parse("drip:3").value());
     Reply reply = SandboxClient(sandbox).checkin();
     EXPECT_EQ(reply.status, 200);
@@ -154,10 +148,11 @@ TEST(SandboxFaultTest, DripSendsTheWholeBodyOneByteAtATime) {
     EXPECT_GE(reply.elapsed, std::chrono::milliseconds(3 * (expected.size() - 1)));
 }
 
-TEST(SandboxFaultTest, ACountedFaultAppliesToThatManyRequestsOnly) {
+TEST(SandboxFaultTest, AdminRoutesSetCountedFaultsAndClearThem) {
     Sandbox sandbox(SandboxOptions{.logRequests = false});
     ASSERT_TRUE(sandbox.start().hasValue());
     SandboxClient client(sandbox);
+    // A counted fault applies to that many requests only.
     Reply set = client.send("POST", "/_sandbox/faults", R"({"faults": ["services=status:500*2"]})",
                             Signing{.sign = false});
     EXPECT_EQ(set.body, R"({"faults":{"services":"status:500*2"}})");
@@ -165,12 +160,7 @@ TEST(SandboxFaultTest, ACountedFaultAppliesToThatManyRequestsOnly) {
     EXPECT_EQ(client.send("GET", "/api/system_services/").status, 500);
     EXPECT_EQ(client.send("GET", "/api/services/").status, 200);
     EXPECT_TRUE(sandbox.faults().empty());
-}
 
-TEST(SandboxFaultTest, AdminRoutesSetAndClearFaults) {
-    Sandbox sandbox(SandboxOptions{.logRequests = false});
-    ASSERT_TRUE(sandbox.start().hasValue());
-    SandboxClient client(sandbox);
     EXPECT_EQ(client.send("POST", "/_sandbox/faults", R"({"route": "*", "fault": "status:418"})",
                           Signing{.sign = false})
                   .status,

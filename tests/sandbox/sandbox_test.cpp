@@ -30,6 +30,18 @@ std::string readText(const fs::path& path) {
     return std::string(std::istreambuf_iterator<char>(in), {});
 }
 
+/// Runs `palomir-sandbox check FILE`; its exit status and what it printed.
+std::pair<int, std::string> checkCommand(const fs::path& file) {
+    std::string command = std::string(PALOMIR_SANDBOX_PROGRAM) + " check " + file.string() + " 2>&1";
+    FILE* pipe = ::popen(command.c_str(), "r");
+    EXPECT_NE(pipe, nullptr);
+    if (!pipe) return {-1, ""};
+    char buffer[512] = {};
+    std::string output;
+    while (std::fgets(buffer, sizeof buffer, pipe)) output += buffer;
+    return {WEXITSTATUS(::pclose(pipe)), output};
+}
+
 class SandboxTest : public ::testing::Test {
 protected:
     void start(SandboxOptions options = {}) {
@@ -72,7 +84,11 @@ protected:
 // ---------------------------------------------------------------------------
 // Signatures
 
+// The client helper trusts only the CA the sandbox made and wrote beside the
+// localhost certificate.
 TEST_F(SandboxTest, AcceptsACorrectSignatureWithTheDoubledContentTypeAndLogsTheRequest) {
+    EXPECT_EQ(sandbox->baseURL(), "https://localhost:" + std::to_string(sandbox->port()) + "/api");
+    EXPECT_EQ(sandbox->certificateFile(), sandbox->bundleDirectory() / "localhost.crt");
     Reply reply = client->send("PUT", "/api/checkin/sandbox-token", R"({"app_info": {}})", {},
                                {{"X-Authorization-User", "user-42"}});
     EXPECT_EQ(reply.status, 200) << reply.body;
@@ -87,11 +103,9 @@ TEST_F(SandboxTest, AcceptsACorrectSignatureWithTheDoubledContentTypeAndLogsTheR
     EXPECT_EQ(requests[0].header("x-authorization-user"), "user-42");
     EXPECT_EQ(requests[0].header("Content-Type"), "application/json, application/json");
     EXPECT_EQ(requests[0].body, R"({"app_info": {}})");
-}
 
-TEST_F(SandboxTest, AcceptsASignatureOverTheAddressTheClientUsed) {
-    SandboxClient byAddress(*sandbox, "127.0.0.1");
-    EXPECT_EQ(byAddress.send("GET", "/api/services/?page=2").status, 200);
+    // The signature is checked over the address the client used.
+    EXPECT_EQ(SandboxClient(*sandbox, "127.0.0.1").send("GET", "/api/services/?page=2").status, 200);
 }
 
 struct RefusedSignature {
@@ -147,17 +161,6 @@ TEST_F(SandboxTest, RefusesACheckinForAnotherTokenAndABodyWithoutAppInfo) {
     Reply text = client->send("PUT", "/api/checkin/sandbox-token", R"({"app_info": {}})", {},
                               {{"Content-Type", "text/plain"}});
     EXPECT_EQ(text.status, 415);
-}
-
-TEST(SandboxCertificateTest, MakesACaAndPinnableLocalhostCertificate) {
-    Sandbox sandbox(SandboxOptions{.logRequests = false});
-    ASSERT_TRUE(sandbox.start().hasValue());
-    EXPECT_EQ(sandbox.baseURL(), "https://localhost:" + std::to_string(sandbox.port()) + "/api");
-    EXPECT_GT(sandbox.port(), 0);
-    EXPECT_EQ(sandbox.certificateFile(), sandbox.bundleDirectory() / "localhost.crt");
-    // The client connects trusting only ca.pem (the client helper verifies).
-    EXPECT_EQ(SandboxClient(sandbox).checkin().status, 200);
-    EXPECT_EQ(SandboxClient(sandbox, "127.0.0.1").checkin().status, 200);
 }
 
 TEST(SandboxCertificateTest, ServesGivenPemFilesAndWritesTheirLeafForPinning) {
@@ -280,14 +283,7 @@ TEST_P(ExampleScenario, ServesItsDocumentsAsTheClientDecodesThem) {
 }
 
 TEST_P(ExampleScenario, PassesTheCheckCommand) {
-    std::string command = std::string(PALOMIR_SANDBOX_PROGRAM) + " check " + (kScenarios / (GetParam() + ".json")).string();
-    FILE* pipe = ::popen(command.c_str(), "r");
-    ASSERT_NE(pipe, nullptr);
-    char buffer[256] = {};
-    std::string output;
-    while (std::fgets(buffer, sizeof buffer, pipe)) output += buffer;
-    EXPECT_EQ(WEXITSTATUS(::pclose(pipe)), 0);
-    EXPECT_EQ(output, "ok\n");
+    EXPECT_EQ(checkCommand(kScenarios / (GetParam() + ".json")), std::make_pair(0, std::string("ok\n")));
 }
 
 INSTANTIATE_TEST_SUITE_P(Sandbox, ExampleScenario,
@@ -381,13 +377,8 @@ TEST(SandboxCheckCommand, ExitsNonZeroWithTheKeyPathOfABadDocument) {
         std::ofstream out(directory / "bad.json");
         out << kBadNote;
     }
-    std::string command = std::string(PALOMIR_SANDBOX_PROGRAM) + " check " + (directory / "bad.json").string() + " 2>&1";
-    FILE* pipe = ::popen(command.c_str(), "r");
-    ASSERT_NE(pipe, nullptr);
-    char buffer[512] = {};
-    std::string output;
-    while (std::fgets(buffer, sizeof buffer, pipe)) output += buffer;
-    EXPECT_NE(WEXITSTATUS(::pclose(pipe)), 0);
+    auto [status, output] = checkCommand(directory / "bad.json");
+    EXPECT_NE(status, 0);
     EXPECT_EQ(output, (directory / "bad.json").string() + ": configuration.notes[0].identifier: not a valid UUID\n");
 }
 
