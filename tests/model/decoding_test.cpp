@@ -7,11 +7,18 @@
 namespace palomir {
 namespace {
 
-// Decodes `text` as T and returns "ok" or the error message.
+// Decodes `text` as T and returns "ok" or the error message. Records read
+// from text and from an nlohmann value take different paths, which must agree.
 template <class T>
 std::string outcome(std::string_view text) {
     const auto result = decodeJson<T>(text);
-    return result.hasValue() ? "ok" : result.error().message();
+    const std::string fromText = result.hasValue() ? "ok" : result.error().message();
+    const auto tree = nlohmann::json::parse(text, nullptr, false);
+    if (!tree.is_discarded()) {
+        const auto fromTree = decode<T>(tree);
+        EXPECT_EQ(fromTree.hasValue() ? "ok" : fromTree.error().message(), fromText) << "from nlohmann's value";
+    }
+    return fromText;
 }
 
 struct DecodeCase {
@@ -35,17 +42,12 @@ std::string caseName(const ::testing::TestParamInfo<DecodeCase>& info) { return 
 #define SERVICE R"({"name":"API","identifier":"api","is_available":true,"state":"ok","triggers_message":false})"
 
 INSTANTIATE_TEST_SUITE_P(
-    Configuration, Decoding,
+    Records, Decoding,
     ::testing::Values(
-        DecodeCase{"Minimal", outcome<Configuration>, R"({"version":"3",)" THEME ",\"notes\":[]," LOCKDOWN "}", "ok"},
         DecodeCase{"UnknownKeysIgnored", outcome<Configuration>,
                    R"({"extra":{"x":[1]},"version":"3",)" THEME ",\"notes\":[]," LOCKDOWN ",\"services\":null}", "ok"},
-        DecodeCase{"MissingLockdown", outcome<Configuration>, R"({"version":"3",)" THEME ",\"notes\":[]}",
-                   "lockdown: missing required key"},
         DecodeCase{"NullVersion", outcome<Configuration>,
                    R"({"version":null,)" THEME ",\"notes\":[]," LOCKDOWN "}", "version: expected a string, found null"},
-        DecodeCase{"NumericVersion", outcome<Configuration>,
-                   R"({"version":3,)" THEME ",\"notes\":[]," LOCKDOWN "}", "version: expected a string, found number"},
         DecodeCase{"NotesNotArray", outcome<Configuration>,
                    R"({"version":"3",)" THEME ",\"notes\":{}," LOCKDOWN "}", "notes: expected an array, found object"},
         DecodeCase{"BadNoteIdentifier", outcome<Configuration>,
@@ -65,48 +67,22 @@ INSTANTIATE_TEST_SUITE_P(
         DecodeCase{"NotAnObject", outcome<Configuration>, "[]", "expected an object, found array"},
         DecodeCase{"NotJson", outcome<Configuration>, "{\"version\":",
                    "[json.exception.parse_error.101] parse error at line 1, column 12: syntax error while parsing "
-                   "value - unexpected end of input; expected '[', '{', or a literal"}),
-    caseName);
-
-INSTANTIATE_TEST_SUITE_P(
-    NextCheckin, Decoding,
-    ::testing::Values(
-        DecodeCase{"EmptyEvents", outcome<NextCheckin>, R"({"on_event":[]})", "ok"},
+                   "value - unexpected end of input; expected '[', '{', or a literal"},
         DecodeCase{"NullDate", outcome<NextCheckin>, R"({"automatically_at":null,"on_event":["launch"]})", "ok"},
         DecodeCase{"NoFraction", outcome<NextCheckin>, R"({"automatically_at":"2024-05-01T06:30:00Z","on_event":[]})",
                    "automatically_at: not a valid date"},
-        DecodeCase{"DateNotString", outcome<NextCheckin>, R"({"automatically_at":1714545000,"on_event":[]})",
-                   "automatically_at: expected a string, found number"},
         DecodeCase{"Background", outcome<NextCheckin>, R"({"on_event":["background"]})",
                    "on_event[0]: unknown value \"background\" for CheckinEvent"},
         DecodeCase{"MissingEvents", outcome<NextCheckin>, R"({})", "on_event: missing required key"},
-        DecodeCase{"NullEvents", outcome<NextCheckin>, R"({"on_event":null})", "on_event: expected an array, found null"}),
-    caseName);
-
-INSTANTIATE_TEST_SUITE_P(
-    Theme, Decoding,
-    ::testing::Values(
         DecodeCase{"Gradient", outcome<ColorGradient>, R"({"colors":["#000","#fff"],"startPoint":[0,0],"endPoint":[0,1]})", "ok"},
         DecodeCase{"GradientSnakeCase", outcome<ColorGradient>,
                    R"({"colors":[],"start_point":[0,0],"endPoint":[0,1]})", "startPoint: missing required key"},
         DecodeCase{"PointOfThree", outcome<ColorGradient>, R"({"colors":[],"startPoint":[0,0,0],"endPoint":[0,1]})",
                    "startPoint: expected an array of two numbers"},
-        DecodeCase{"PointOfText", outcome<ColorGradient>, R"({"colors":[],"startPoint":[0,0],"endPoint":["0","1"]})",
-                   "endPoint: expected an array of two numbers"},
-        DecodeCase{"ColorNotString", outcome<ColorGradient>, R"({"colors":["#000",0],"startPoint":[0,0],"endPoint":[0,1]})",
-                   "colors[1]: expected a string, found number"},
-        DecodeCase{"NullBackground", outcome<Theme>, R"({"text_color":"#000","background_color":null})",
-                   "background_color: expected a string, found null"},
         DecodeCase{"BadGradientInTheme", outcome<Theme>,
                    R"({"text_color":"#000","background_color":"#fff","background_gradient":{"colors":[]}})",
                    "background_gradient.startPoint: missing required key"},
-        DecodeCase{"MalformedColorIsFine", outcome<Theme>, R"({"text_color":"red","background_color":"#ff88"})", "ok"}),
-    caseName);
-
-INSTANTIATE_TEST_SUITE_P(
-    Lockdown, Decoding,
-    ::testing::Values(
-        DecodeCase{"Inactive", outcome<Lockdown>, R"({"active":false,"latest_version":"1.0"})", "ok"},
+        DecodeCase{"MalformedColorIsFine", outcome<Theme>, R"({"text_color":"red","background_color":"#ff88"})", "ok"},
         DecodeCase{"UpperCaseType", outcome<Lockdown>, R"({"active":true,"type":"HARD","latest_version":"1.0"})",
                    "type: unknown value \"HARD\" for LockdownType"},
         DecodeCase{"NoLatestVersion", outcome<Lockdown>, R"({"active":true})", "latest_version: missing required key"},
@@ -114,34 +90,10 @@ INSTANTIATE_TEST_SUITE_P(
                    "active: expected a boolean, found string"},
         DecodeCase{"RelativeActionURL", outcome<Lockdown>, R"({"active":true,"latest_version":"1","action_url":"/update"})",
                    "action_url: not a valid URL"},
-        DecodeCase{"NumericTitle", outcome<Lockdown>, R"({"active":true,"latest_version":"1","title":5})",
-                   "title: expected a string, found number"}),
-    caseName);
-
-INSTANTIATE_TEST_SUITE_P(
-    Note, Decoding,
-    ::testing::Values(
-        DecodeCase{"Minimal", outcome<Note>, NOTE, "ok"},
-        DecodeCase{"IntegerIdentifier", outcome<Note>, R"({"identifier":1,"title":"t","content":"c"})",
-                   "identifier: expected a string, found number"},
         DecodeCase{"UuidWithoutHyphens", outcome<Note>,
                    R"({"identifier":"3F2504E04F8941D39A0C0305E82C3301","title":"t","content":"c"})",
                    "identifier: not a valid UUID"},
-        DecodeCase{"MissingContent", outcome<Note>, R"({"identifier":"3F2504E0-4F89-41D3-9A0C-0305E82C3301","title":"t"})",
-                   "content: missing required key"},
-        DecodeCase{"BadImage", outcome<Note>,
-                   R"({"identifier":"3F2504E0-4F89-41D3-9A0C-0305E82C3301","title":"t","content":"c","image":"not a url"})",
-                   "image: not a valid URL"}),
-    caseName);
-
-INSTANTIATE_TEST_SUITE_P(
-    Services, Decoding,
-    ::testing::Values(
-        DecodeCase{"MinimalService", outcome<Service>, SERVICE, "ok"},
-        DecodeCase{"NullState", outcome<Service>,
-                   R"({"name":"A","identifier":"a","is_available":true,"state":null,"triggers_message":false})",
-                   "state: expected a string, found null"},
-        DecodeCase{"BadImage", outcome<Service>,
+        DecodeCase{"BadServiceImage", outcome<Service>,
                    R"({"name":"A","identifier":"a","is_available":true,"state":"ok","triggers_message":false,"image":""})",
                    "image: not a valid URL"},
         DecodeCase{"MessageColorNotString", outcome<Service>,
@@ -149,17 +101,10 @@ INSTANTIATE_TEST_SUITE_P(
                    R"("message":{"background_color_dark":["#000"]}})",
                    "message.background_color_dark: expected a string, found array"},
         DecodeCase{"EmptyMessage", outcome<ServiceMessage>, "{}", "ok"},
-        DecodeCase{"EmptyList", outcome<ServicesResponse>, R"({"services":[]})", "ok"},
-        DecodeCase{"NoList", outcome<ServicesResponse>, "{}", "services: missing required key"},
         DecodeCase{"BadSecondService", outcome<ServicesResponse>, R"({"services":[)" SERVICE R"(,{"name":"B"}]})",
                    "services[1].identifier: missing required key"},
         DecodeCase{"SingleNoService", outcome<ServiceResponse>, R"({"service":null})",
-                   "service: expected an object, found null"}),
-    caseName);
-
-INSTANTIATE_TEST_SUITE_P(
-    Uploads, Decoding,
-    ::testing::Values(
+                   "service: expected an object, found null"},
         DecodeCase{"EmptyHeaders", outcome<DirectUploadResponse>,
                    R"({"id":7,"key":"k","filename":"log.txt","signed_id":"s","direct_upload":{"url":"u","headers":{}}})", "ok"},
         DecodeCase{"NoHeaders", outcome<DirectUploadResponse>,
@@ -177,9 +122,6 @@ INSTANTIATE_TEST_SUITE_P(
         DecodeCase{"IdTooLarge", outcome<DirectUploadResponse>,
                    R"({"id":9223372036854775808,"key":"k","filename":"f","signed_id":"s","direct_upload":{"url":"u","headers":{}}})",
                    "id: number does not fit a 64-bit integer"},
-        DecodeCase{"NoSignedId", outcome<DirectUploadResponse>,
-                   R"({"id":7,"key":"k","filename":"f","direct_upload":{"url":"u","headers":{}}})",
-                   "signed_id: missing required key"},
         DecodeCase{"FeedbackFilesNotStrings", outcome<Feedback>,
                    R"({"title":"t","message":"m","submitted_by":"u","files":["a",2]})", "files[1]: expected a string, found number"}),
     caseName);

