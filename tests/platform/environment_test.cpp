@@ -58,7 +58,6 @@ INSTANTIATE_TEST_SUITE_P(
         LocaleCase{"de:de_AT:de", nullptr, nullptr, "de_AT.UTF-8", {"de", "de-AT"}, "de_AT", "de", "AT"},
         LocaleCase{nullptr, "C", nullptr, "de_DE.UTF-8", {"en"}, "C", "en", std::nullopt},
         LocaleCase{nullptr, "", "pt_BR.UTF-8", "en_GB", {"pt-BR"}, "pt_BR", "pt", "BR"},
-        LocaleCase{"", nullptr, nullptr, "en", {"en"}, "en", "en", std::nullopt},
         LocaleCase{"C:POSIX", nullptr, nullptr, "POSIX", {"en"}, "POSIX", "en", std::nullopt},
         LocaleCase{nullptr, nullptr, nullptr, "sr_RS@latin", {"sr-RS"}, "sr_RS", "sr", "RS"},
         LocaleCase{nullptr, nullptr, nullptr, nullptr, {"en"}, "C", "en", std::nullopt}));
@@ -97,6 +96,4 @@ TEST(DeviceInfo, DescribesTheRunningSystem) {
     EXPECT_EQ(info.machine, name.machine);
     EXPECT_EQ(info.osName, name.sysname);
     EXPECT_EQ(info.osRelease, name.release);
-    EXPECT_FALSE(info.machine.empty());
-    EXPECT_EQ(&deviceInfo(), &info);
 }
