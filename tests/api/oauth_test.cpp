@@ -69,31 +69,10 @@ TEST(OAuthSignature, MatchesThePublishedExample) {
               "oauth_timestamp%3D1191242096%26oauth_token%3Dnnch734d00sl2jdk%26oauth_version%3D1.0%26size%3Doriginal");
 }
 
-TEST(OAuthSignature, WithoutUserTheHeaderHasTheSixPairsInOrder) {
-    const std::string header = OAuth::calculateSignature(url("https://api.example.com/api/services/"), "GET", {},
-                                                         {"app", "secret"}, std::nullopt, "N", 7);
-    const std::regex shape(
-        "OAuth oauth_consumer_key=\"app\",oauth_nonce=\"N\",oauth_signature=\"[A-Za-z0-9%]+\","
-        "oauth_signature_method=\"HMAC-SHA1\",oauth_timestamp=\"7\",oauth_version=\"1.0\"");
-    EXPECT_TRUE(std::regex_match(header, shape)) << header;
-}
-
 TEST(OAuthSignature, SigningKeyEncodesSecretsAndEndsInAmpersand) {
     EXPECT_EQ(OAuth::signingKey({"k", "a&b"}, std::nullopt), "a%26b&");
     EXPECT_EQ(OAuth::signingKey({"k", "a&b"}, OAuthCredentials{"t", "c d"}), "a%26b&c%20d");
     EXPECT_EQ(OAuth::signingKey({"k", ""}, std::nullopt), "&");
-}
-
-TEST(OAuthSignature, DefaultPortAndQueryLeaveTheBaseUrl) {
-    const Url target = url("https://API.example.com:443/api/checkin/T?x=1");
-    const std::string base =
-        OAuth::signatureBaseText(target, "PUT", {}, {"T", "s"}, std::nullopt, "NONCE", 1700000000);
-    EXPECT_EQ(base,
-              "PUT&https%3A%2F%2Fapi.example.com%2Fapi%2Fcheckin%2FT&oauth_consumer_key%3DT%26oauth_nonce%3DNONCE"
-              "%26oauth_signature_method%3DHMAC-SHA1%26oauth_timestamp%3D1700000000%26oauth_version%3D1.0%26x%3D1");
-    const std::string header = OAuth::calculateSignature(target, "PUT", {}, {"T", "s"}, std::nullopt, "NONCE", 1700000000);
-    EXPECT_EQ(header.find("x="), std::string::npos) << header;
-    EXPECT_EQ(headerPairs(header).size(), 6u);
 }
 
 TEST(OAuthSignature, LowerCaseMethodIsSignedAsGiven) {
@@ -103,34 +82,26 @@ TEST(OAuthSignature, LowerCaseMethodIsSignedAsGiven) {
               OAuth::calculateSignature(url("http://h/p"), "GET", {}, {"k", "s"}, std::nullopt, "n", 1));
 }
 
-TEST(OAuthSignature, FreshSignaturesCarryDistinctUpperCaseNoncesAndTheCurrentTime) {
+TEST(OAuthSignature, FreshSignaturesCarryDistinctVersion4NoncesAndTheCurrentTime) {
     const Url target = url("https://api.example.com/api/services");
-    const auto before = std::chrono::duration_cast<std::chrono::seconds>(
-                            std::chrono::system_clock::now().time_since_epoch()).count();
-    auto first = headerPairs(OAuth::calculateSignature(target, "GET", {}, {"k", "s"}, std::nullopt));
-    auto second = headerPairs(OAuth::calculateSignature(target, "GET", {}, {"k", "s"}, std::nullopt));
-    const auto after = std::chrono::duration_cast<std::chrono::seconds>(
-                           std::chrono::system_clock::now().time_since_epoch()).count();
-
-    EXPECT_NE(first["oauth_nonce"], second["oauth_nonce"]);
-    EXPECT_NE(first["oauth_signature"], second["oauth_signature"]);
-    const std::regex uuid("[0-9A-F]{8}-[0-9A-F]{4}-[0-9A-F]{4}-[0-9A-F]{4}-[0-9A-F]{12}");
-    EXPECT_TRUE(std::regex_match(first["oauth_nonce"], uuid)) << first["oauth_nonce"];
-    const long long stamp = std::stoll(first["oauth_timestamp"]);
-    EXPECT_GE(stamp, before);
-    EXPECT_LE(stamp, after);
-}
-
-TEST(OAuthSignature, NoncesStayDistinctVersion4UuidsAcrossManySignatures) {
-    const Url target = url("https://api.example.com/api/services");
+    const auto seconds = [] {
+        return std::chrono::duration_cast<std::chrono::seconds>(std::chrono::system_clock::now().time_since_epoch())
+            .count();
+    };
+    const auto before = seconds();
     std::set<std::string> nonces;
+    std::set<std::string> signatures;
     const std::regex v4("[0-9A-F]{8}-[0-9A-F]{4}-4[0-9A-F]{3}-[89AB][0-9A-F]{3}-[0-9A-F]{12}");
     for (int i = 0; i < 300; ++i) {
-        auto nonce = headerPairs(OAuth::calculateSignature(target, "GET", {}, {"k", "s"}, std::nullopt))["oauth_nonce"];
-        ASSERT_TRUE(std::regex_match(nonce, v4)) << nonce;
-        nonces.insert(nonce);
+        auto pairs = headerPairs(OAuth::calculateSignature(target, "GET", {}, {"k", "s"}, std::nullopt));
+        ASSERT_TRUE(std::regex_match(pairs["oauth_nonce"], v4)) << pairs["oauth_nonce"];
+        EXPECT_GE(std::stoll(pairs["oauth_timestamp"]), before);
+        EXPECT_LE(std::stoll(pairs["oauth_timestamp"]), seconds());
+        nonces.insert(pairs["oauth_nonce"]);
+        signatures.insert(pairs["oauth_signature"]);
     }
     EXPECT_EQ(nonces.size(), 300u);
+    EXPECT_EQ(signatures.size(), 300u);
 }
 
 TEST(OAuthSignature, EqualKeysKeepCollectionOrderAndKeysSortByteWise) {
@@ -191,63 +162,52 @@ INSTANTIATE_TEST_SUITE_P(
                       BaseUrlCase{"https://h:443/x", "https://h/x"},
                       BaseUrlCase{"https://h:8443/x", "https://h:8443/x"},
                       BaseUrlCase{"http://h:443/x", "http://h:443/x"},
-                      BaseUrlCase{"https://h:80/x", "https://h:80/x"},
                       BaseUrlCase{"ftp://h:2121/x", "ftp://h/x"},
                       BaseUrlCase{"http://u:p@h/x", "http://u:p@h/x"},
-                      BaseUrlCase{"http://u@h/x", "http://u@h/x"},
                       BaseUrlCase{"http://h/a%20b/c?q=1#frag", "http://h/a b/c"},
                       BaseUrlCase{"http://h/api/services//", "http://h/api/services"},
                       BaseUrlCase{"http://h", "http://h"},
                       BaseUrlCase{"http://h/", "http://h/"}));
 
-TEST(OAuthEncoding, KeepsOnlyUnreservedCharacters) {
+TEST(OAuthEncoding, UnreservedSetQueryAndFormBody) {
     EXPECT_EQ(OAuth::rfc3986encode("AZaz09-._~"), "AZaz09-._~");
     EXPECT_EQ(OAuth::rfc3986encode(" !*'();:@&=+$,/?#[]%"),
               "%20%21%2A%27%28%29%3B%3A%40%26%3D%2B%24%2C%2F%3F%23%5B%5D%25");
     EXPECT_EQ(OAuth::rfc3986encode("\xc3\xa9\x01"), "%C3%A9%01");
-}
 
-TEST(OAuthEncoding, QueryParametersLaterDuplicateWins) {
+    // In the query a later duplicate wins.
     const auto query = OAuth::queryParameters(url("http://h/p?a=1&b&a=2&c=%20"));
     EXPECT_EQ(query, (OAuthParameters{{"a", "2"}, {"b", ""}, {"c", " "}}));
-}
 
-TEST(OAuthEncoding, FormBodyKeepsParameterOrder) {
     const auto body = OAuth::httpBody({{"b", "x y"}, {"a", "&="}, {"c", ""}});
     EXPECT_EQ(std::string(body.begin(), body.end()), "b=x%20y&a=%26%3D&c=");
     EXPECT_TRUE(OAuth::httpBody({}).empty());
 }
 
+// The body is never signed: the signature verifies over the bare request.
 TEST(SignableRequest, BodySigningAddsHeadersAndDoublesContentType) {
-    SignableRequest request{"https://api.example.com/api/checkin/T", "GET", {}, std::nullopt};
-    request.addHeader("Content-Type", "application/json");
-    request.oAuthSign("PUT", std::vector<std::uint8_t>{'{', '}'}, "application/json", {"T", "s"}, std::nullopt);
-
+    URLRequest request;
+    request.url = "https://api.example.com/api/checkin/T";
+    request.addValue("application/json", "Content-Type");
+    oAuthSign(request, "PUT", std::vector<std::uint8_t>{'{', '}'}, "application/json", {"T", "s"}, std::nullopt);
     EXPECT_EQ(request.method, "PUT");
-    ASSERT_TRUE(request.body);
     EXPECT_EQ(request.body->size(), 2u);
-    ASSERT_EQ(request.headers.size(), 4u);
-    EXPECT_EQ(request.headers[0], (std::pair<std::string, std::string>{"Content-Type", "application/json"}));
-    EXPECT_EQ(request.headers[1], (std::pair<std::string, std::string>{"Content-Length", "2"}));
-    EXPECT_EQ(request.headers[2], (std::pair<std::string, std::string>{"Content-Type", "application/json"}));
-    EXPECT_EQ(request.headers[3].first, "Authorization");
-
-    // The body is not signed: the signature verifies over the bare request.
-    auto pairs = headerPairs(request.headers[3].second);
-    EXPECT_EQ(request.headers[3].second,
+    EXPECT_EQ(request.value("content-type"), "application/json, application/json");
+    EXPECT_EQ(request.value("Content-Length"), "2");
+    const std::string authorization = request.value("Authorization").value_or("");
+    auto pairs = headerPairs(authorization);
+    EXPECT_EQ(authorization,
               OAuth::calculateSignature(url(request.url), "PUT", {}, {"T", "s"}, std::nullopt, pairs["oauth_nonce"],
                                         std::stoll(pairs["oauth_timestamp"])));
 }
 
-TEST(SignableRequest, WithoutBodyOrContentTypeOnlyAuthorizationIsAdded) {
+TEST(SignableRequest, WithoutBodyOnlyAuthorizationAndWithoutUrlOrMethodNothingIsSigned) {
     SignableRequest request{"https://api.example.com/api/services", "", {}, std::nullopt};
     request.oAuthSign("GET", std::nullopt, std::nullopt, {"T", "s"}, std::nullopt);
     ASSERT_EQ(request.headers.size(), 1u);
     EXPECT_EQ(request.headers[0].first, "Authorization");
     EXPECT_FALSE(request.body);
-}
 
-TEST(SignableRequest, UnparseableUrlOrEmptyMethodLeavesRequestUnsigned) {
     SignableRequest bad{"not a url", "", {}, std::nullopt};
     bad.oAuthSign("GET", std::nullopt, std::nullopt, {"T", "s"}, std::nullopt);
     EXPECT_TRUE(bad.headers.empty());
@@ -275,16 +235,6 @@ TEST(SignableRequest, FormSigningSignsTheFields) {
               OAuth::calculateSignature(url(request.url), "POST", form, {"T", "s"}, std::nullopt, pairs["oauth_nonce"], stamp));
     EXPECT_NE(request.headers[2].second,
               OAuth::calculateSignature(url(request.url), "POST", {}, {"T", "s"}, std::nullopt, pairs["oauth_nonce"], stamp));
-}
-
-TEST(SignableRequest, UrlRequestJoinsTheDoubledContentType) {
-    URLRequest request;
-    request.url = "https://api.example.com/api/checkin/T";
-    request.addValue("application/json", "Content-Type");
-    oAuthSign(request, "PUT", std::vector<std::uint8_t>{'{', '}'}, "application/json", {"T", "s"}, std::nullopt);
-    EXPECT_EQ(request.value("content-type"), "application/json, application/json");
-    EXPECT_EQ(request.value("Content-Length"), "2");
-    EXPECT_TRUE(request.value("Authorization"));
 }
 
 }  // namespace
