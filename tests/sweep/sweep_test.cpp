@@ -76,11 +76,10 @@ protected:
 // ---------------------------------------------------------------------------
 // Hostile servers
 
-enum class Endpoint { checkin, services, service, directUpload, feedback };
-
 struct HostileCase {
     std::string name;
-    Endpoint endpoint;
+    /// The route whose endpoint is called and given the fault.
+    sb::Route endpoint;
     sb::Fault fault;
     /// The completion's error text; for a direct upload, the text logged
     /// after "failed to start direct upload: " (the feedback still succeeds);
@@ -97,52 +96,33 @@ sb::Fault fault(const std::string& text) {
     return parsed.hasValue() ? parsed.value() : sb::Fault{};
 }
 
-sb::Fault answer(int status, std::string body) {
-    sb::Fault f;
-    f.kind = sb::Fault::Kind::status;
-    f.status = status;
-    f.body = std::move(body);
-    return f;
-}
-
-sb::Route routeOf(Endpoint endpoint) {
-    switch (endpoint) {
-        case Endpoint::checkin: return sb::Route::checkin;
-        case Endpoint::services: return sb::Route::services;
-        case Endpoint::service: return sb::Route::service;
-        case Endpoint::directUpload: return sb::Route::directUploads;
-        case Endpoint::feedback: return sb::Route::feedback;
-    }
-    return sb::Route::any;
-}
-
 void PrintTo(const HostileCase& row, std::ostream* out) { *out << row.name; }
 
 class HostileServer : public Sweep, public ::testing::WithParamInterface<HostileCase> {
 protected:
     // The outcome text of one call, with the number of requests it made to
     // its route.
-    std::pair<std::string, std::size_t> call(Endpoint endpoint) {
+    std::pair<std::string, std::size_t> call(sb::Route endpoint) {
         auto text = [](const auto& result) {
             return result.hasValue() ? std::string() : result.error().localizedDescription();
         };
         switch (endpoint) {
-            case Endpoint::checkin: return {text(checkin()), requestsTo("PUT", "/api/checkin/")};
-            case Endpoint::services: {
+            case sb::Route::checkin: return {text(checkin()), requestsTo("PUT", "/api/checkin/")};
+            case sb::Route::services: {
                 Awaited<Palomir::ServicesResult> awaited(_queue);
                 Palomir::shared().services(_queue, awaited.completion());
                 auto result = awaited.get(60s);
                 if (result.hasValue()) _maxAge = result.value().second;
                 return {text(result), requestsTo("GET", "/api/services")};
             }
-            case Endpoint::service: {
+            case sb::Route::service: {
                 Awaited<Palomir::ServiceResult> awaited(_queue);
                 Palomir::shared().service("photos", _queue, awaited.completion());
                 auto result = awaited.get(60s);
                 if (result.hasValue()) _maxAge = result.value().second;
                 return {text(result), requestsTo("GET", "/api/services/photos")};
             }
-            case Endpoint::directUpload: {
+            case sb::Route::directUploads: {
                 auto result = feedback("t", "m", {Attachment::fromText("a.txt", std::nullopt, "bytes")});
                 EXPECT_TRUE(result.hasValue()) << result.error().errorDescription();
                 const std::string lead = "failed to start direct upload: ";
@@ -151,9 +131,9 @@ protected:
                     if (line.rfind(lead, 0) == 0) logged = line.substr(lead.size());
                 return {logged, requestsTo("POST", "/api/direct_uploads")};
             }
-            case Endpoint::feedback: return {text(feedback("t", "m", {})), requestsTo("POST", "/api/feedback")};
+            case sb::Route::feedback: return {text(feedback("t", "m", {})), requestsTo("POST", "/api/feedback")};
+            default: return {};
         }
-        return {};
     }
 
     MaxAge _maxAge = 12345.0;
@@ -162,7 +142,7 @@ protected:
 TEST_P(HostileServer, FailsOnceWithTheExactErrorAndNoRetry) {
     const auto& row = GetParam();
     startSandbox();
-    _sandbox->setFault(routeOf(row.endpoint), row.fault);
+    _sandbox->setFault(row.endpoint, row.fault);
 
     const auto start = Clock::now();
     auto [observed, requests] = call(row.endpoint);
@@ -191,7 +171,7 @@ const std::string kMalformed =
     "literal; last read: '\"theme\": [o'";
 
 std::vector<HostileCase> hostileCases() {
-    using E = Endpoint;
+    using E = sb::Route;
     // Rows that need an endpoint of their own: the check-in session's short
     // limits, and bodies of the wrong shape for each record.
     std::vector<HostileCase> cases = {
@@ -201,20 +181,20 @@ std::vector<HostileCase> hostileCases() {
          false, 7},
         // An informational status is no answer: the transfer waits for the
         // final one until the idle limit (60 s on the other sessions).
-        {"checkin_199", E::checkin, answer(199, ""), kNetwork + "The request timed out: no data for 1000 ms", false,
+        {"checkin_199", E::checkin, fault("status:199"), kNetwork + "The request timed out: no data for 1000 ms", false,
          3},
-        {"checkin_wrong_types", E::checkin, answer(200, R"({"version":5})"),
+        {"checkin_wrong_types", E::checkin, fault(R"(status:200:{"version":5})"),
          "Failed to decode response: {\"version\":5}\nerror:version: expected a string, found number"},
-        {"services_wrong_types", E::services, answer(200, R"({"services":[{"name":7}]})"),
+        {"services_wrong_types", E::services, fault(R"(status:200:{"services":[{"name":7}]})"),
          "Failed to decode response: {\"services\":[{\"name\":7}]}\nerror:services[0].name: expected a string, "
          "found number"},
         {"services_no_max_age", E::services, fault("cache-control:no-store"), ""},
-        {"service_wrong_types", E::service, answer(200, R"({"identifier":[]})"),
+        {"service_wrong_types", E::service, fault(R"(status:200:{"identifier":[]})"),
          "Failed to decode response: {\"identifier\":[]}\nerror:service: missing required key"},
-        {"service_wrong_nested_type", E::service, answer(200, R"({"service":{"name":7}})"),
+        {"service_wrong_nested_type", E::service, fault(R"(status:200:{"service":{"name":7}})"),
          "Failed to decode response: {\"service\":{\"name\":7}}\nerror:service.name: expected a string, found number"},
         {"service_negative_max_age", E::service, fault("cache-control:max-age=-5"), ""},
-        {"direct_upload_wrong_types", E::directUpload, answer(200, R"({"id":"one"})"),
+        {"direct_uploads_wrong_types", E::directUploads, fault(R"(status:200:{"id":"one"})"),
          "Failed to decode response: {\"id\":\"one\"}\nerror:id: expected an integer, found string"},
     };
 
@@ -234,11 +214,11 @@ std::vector<HostileCase> hostileCases() {
         {"stall_then_close", fault("stall:1500"), kEmptyReply, false, 8},
         {"truncated", fault("truncated"), kNetwork + "transfer closed with ", true},
         {"drop", fault("drop"), kEmptyReply},
-        {"204", answer(204, ""), "Empty response"},
-        {"304", answer(304, ""), kBadStatus + "304"},
-        {"401", answer(401, ""), kBadStatus + "401"},
-        {"500", answer(500, ""), kBadStatus + "500"},
-        {"503", answer(503, ""), kBadStatus + "503"},
+        {"204", fault("status:204"), "Empty response"},
+        {"304", fault("status:304"), kBadStatus + "304"},
+        {"401", fault("status:401"), kBadStatus + "401"},
+        {"500", fault("status:500"), kBadStatus + "500"},
+        {"503", fault("status:503"), kBadStatus + "503"},
         {"empty", fault("empty"), "Empty response"},
         {"malformed", fault("malformed"), kMalformed},
         {"oversized", fault("oversized:50"), kTooLarge},
@@ -248,13 +228,11 @@ std::vector<HostileCase> hostileCases() {
         {"redirect_to_http", fault("redirect:http://127.0.0.1:9/api/"), kBadStatus + "302"},
         {"redirect_to_other_host", fault("redirect:https://other.example/api/"), kBadStatus + "302"},
     };
-    for (auto [endpoint, prefix] : {std::pair{E::checkin, "checkin_"}, std::pair{E::services, "services_"},
-                                    std::pair{E::service, "service_"}, std::pair{E::directUpload, "direct_upload_"},
-                                    std::pair{E::feedback, "feedback_"}})
+    for (auto endpoint : {E::checkin, E::services, E::service, E::directUploads, E::feedback})
         for (const auto& row : common) {
             // Check-in's own idle limit ends a stall first (its row is above).
             if (endpoint == E::checkin && row.name == std::string_view("stall_then_close")) continue;
-            cases.push_back({prefix + std::string(row.name), endpoint, row.fault,
+            cases.push_back({std::string(sb::toString(endpoint)) + "_" + row.name, endpoint, row.fault,
                              (endpoint == E::feedback ? "Request failed: " : "") + row.expected, row.prefixOnly,
                              row.maxSeconds});
         }
@@ -268,118 +246,109 @@ INSTANTIATE_TEST_SUITE_P(Faults, HostileServer, ::testing::ValuesIn(hostileCases
 
 struct TlsCase {
     const char* name;
-    /// What the server presents and which certificate the client pins.
-    std::function<std::pair<palomir_test::CertificateChain, palomir_test::Certificate>(const palomir_test::TestPki&)>
-        setup;
-    bool accepted;
+    /// The certificate the server presents, issued by the trusted
+    /// intermediate unless self-signed; the client pins its key unless
+    /// told to pin another.
+    palomir_test::LeafOptions leaf = {};
+    bool selfSigned = false;
+    bool pinAnotherKey = false;
+    bool accepted = false;
 };
 
 void PrintTo(const TlsCase& row, std::ostream* out) { *out << row.name; }
 
 class TlsRefusal : public ::testing::TestWithParam<TlsCase> {};
 
-TEST_P(TlsRefusal, IsANetworkErrorBeforeAnyRequestBytes) {
-    auto pki = palomir_test::TestPki::make("Sweep");
-    auto [chain, pinned] = GetParam().setup(pki);
-    palomir_test::TlsTestServer server({chain, nullptr, true});
-    palomir_test::TempDir resources;
+// An API client of `server` that trusts the test root and pins `pinned`,
+// keeping both in `resources`.
+std::shared_ptr<APIClient> directClient(const palomir_test::TlsTestServer& server, const palomir_test::TestPki& pki,
+                                        const palomir_test::Certificate& pinned,
+                                        const palomir_test::TempDir& resources) {
     pinned.writeDer(resources / "localhost.crt");
     pki.root.writePem(resources / "ca.pem");
+    return APIClient::make(AppCredentials{"token", "secret"}, nullptr, nullptr, nullptr,
+                           BackendOptions{server.url("/api"), {resources / "ca.pem"}, resources.path()});
+}
 
-    auto client = APIClient::make(AppCredentials{"token", "secret"}, nullptr, nullptr, nullptr,
-                                  BackendOptions{server.url("/api"), {resources / "ca.pem"}, resources.path()});
-    std::promise<Result<Configuration, APIError>> promise;
+template <class R>
+struct Delivery {
+    std::promise<R> promise;
     std::atomic<int> calls{0};
-    client->checkin(AppInfo{}, [&](Result<Configuration, APIError> result) {
-        if (++calls == 1) promise.set_value(std::move(result));
+};
+
+// Starts `call` with a completion and returns the result it delivers, having
+// checked that nothing is delivered twice; nullopt when nothing came.
+template <class R>
+std::optional<R> onlyResult(const std::function<void(std::function<void(R)>)>& call) {
+    auto delivery = std::make_shared<Delivery<R>>();
+    call([delivery](R result) {
+        if (++delivery->calls == 1) delivery->promise.set_value(std::move(result));
     });
-    auto future = promise.get_future();
-    ASSERT_EQ(future.wait_for(20s), std::future_status::ready);
+    auto future = delivery->promise.get_future();
+    if (future.wait_for(30s) != std::future_status::ready) return std::nullopt;
     auto result = future.get();
     std::this_thread::sleep_for(50ms);
-    EXPECT_EQ(calls.load(), 1);
-    if (GetParam().accepted) {
+    EXPECT_EQ(delivery->calls.load(), 1);
+    return result;
+}
+
+TEST_P(TlsRefusal, IsANetworkErrorBeforeAnyRequestBytes) {
+    using palomir_test::CertificateFactory;
+    const auto& row = GetParam();
+    auto pki = palomir_test::TestPki::make("Sweep");
+    auto leaf = row.selfSigned ? CertificateFactory::makeSelfSignedLeaf()
+                               : CertificateFactory::makeLeaf(pki.intermediate, row.leaf);
+    auto chain = row.selfSigned ? palomir_test::CertificateChain{leaf}
+                                : palomir_test::CertificateChain{leaf, pki.intermediate};
+    auto pinned = row.pinAnotherKey ? CertificateFactory::makeLeaf(pki.intermediate) : leaf;
+    palomir_test::TlsTestServer server({chain, nullptr, true});
+    palomir_test::TempDir resources;
+    auto client = directClient(server, pki, pinned, resources);
+    auto result = onlyResult<Result<Configuration, APIError>>([&](auto done) { client->checkin(AppInfo{}, done); });
+    ASSERT_TRUE(result.has_value());
+    ASSERT_TRUE(result->hasError());
+    const auto text = result->error().localizedDescription();
+    if (row.accepted) {
         // The server answers "ok", which is no configuration: the exchange
         // itself went through.
-        ASSERT_TRUE(result.hasError());
-        EXPECT_EQ(result.error().localizedDescription().rfind("Failed to decode response: ok", 0), 0u);
+        EXPECT_EQ(text.rfind("Failed to decode response: ok", 0), 0u) << text;
         EXPECT_EQ(server.requests().size(), 1u);
     } else {
-        ASSERT_TRUE(result.hasError());
-        const auto text = result.error().localizedDescription();
         EXPECT_EQ(text.rfind("Request failed: Network error: ", 0), 0u) << text;
         EXPECT_TRUE(server.requests().empty());
-        std::cout << "[observed] " << GetParam().name << " | " << text << "\n";
+        std::cout << "[observed] " << row.name << " | " << text << "\n";
     }
 }
 
-using palomir_test::CertificateFactory;
-using palomir_test::LeafOptions;
-using palomir_test::TestPki;
-
 INSTANTIATE_TEST_SUITE_P(
     Chains, TlsRefusal,
-    ::testing::Values(
-        TlsCase{"trusted_and_pinned", [](const TestPki& p) { return std::make_pair(p.chain(), p.leaf); }, true},
-        TlsCase{"other_name",
-                [](const TestPki& p) {
-                    LeafOptions o;
-                    o.commonName = "other.example";
-                    o.dnsNames = {"other.example"};
-                    o.ipAddresses = {};
-                    auto leaf = CertificateFactory::makeLeaf(p.intermediate, o);
-                    return std::make_pair(palomir_test::CertificateChain{leaf, p.intermediate}, leaf);
-                },
-                false},
-        TlsCase{"expired",
-                [](const TestPki& p) {
-                    LeafOptions o;
-                    o.expired = true;
-                    auto leaf = CertificateFactory::makeLeaf(p.intermediate, o);
-                    return std::make_pair(palomir_test::CertificateChain{leaf, p.intermediate}, leaf);
-                },
-                false},
-        TlsCase{"self_signed_and_pinned",
-                [](const TestPki&) {
-                    auto leaf = CertificateFactory::makeSelfSignedLeaf();
-                    return std::make_pair(palomir_test::CertificateChain{leaf}, leaf);
-                },
-                false},
-        TlsCase{"trusted_without_the_pinned_key",
-                [](const TestPki& p) {
-                    auto other = CertificateFactory::makeLeaf(p.intermediate);
-                    return std::make_pair(p.chain(), other);
-                },
-                false}),
+    ::testing::Values(TlsCase{.name = "trusted_and_pinned", .accepted = true},
+                      TlsCase{.name = "other_name",
+                              .leaf = {.commonName = "other.example",
+                                       .dnsNames = {"other.example"},
+                                       .ipAddresses = {}}},
+                      TlsCase{.name = "expired", .leaf = {.expired = true}},
+                      TlsCase{.name = "self_signed_and_pinned", .selfSigned = true},
+                      TlsCase{.name = "trusted_without_the_pinned_key", .pinAnotherKey = true}),
     [](const auto& info) { return std::string(info.param.name); });
 
 // A body far beyond the limit is given up while it streams: memory grows by
 // about the limit, not by the body.
 TEST(OversizedBody, IsRefusedWithoutHoldingIt) {
     auto pki = palomir_test::TestPki::make("Sweep");
-    palomir_test::TempDir resources;
-    pki.leaf.writeDer(resources / "localhost.crt");
-    pki.root.writePem(resources / "ca.pem");
     palomir_test::TestResponse big;
     big.chunkedBytes = std::size_t(50) * 1024 * 1024;
     palomir_test::TlsTestServer server({pki.chain(), [big](const auto&) { return big; }, true});
-    auto client = APIClient::make(AppCredentials{"token", "secret"}, nullptr, nullptr, nullptr,
-                                  BackendOptions{server.url("/api"), {resources / "ca.pem"}, resources.path()});
+    palomir_test::TempDir resources;
+    auto client = directClient(server, pki, pki.leaf, resources);
 
     const auto before = memoryKilobytes();
-    std::promise<Result<std::pair<ServicesResponse, MaxAge>, APIError>> promise;
-    std::atomic<int> calls{0};
-    client->services(AppInfo{}, false, [&](auto result) {
-        if (++calls == 1) promise.set_value(std::move(result));
-    });
-    auto future = promise.get_future();
-    ASSERT_EQ(future.wait_for(30s), std::future_status::ready);
-    auto result = future.get();
+    auto result = onlyResult<Result<std::pair<ServicesResponse, MaxAge>, APIError>>(
+        [&](auto done) { client->services(AppInfo{}, false, done); });
     const auto growth = memoryKilobytes() - before;
-    std::this_thread::sleep_for(50ms);
-    EXPECT_EQ(calls.load(), 1);
-    ASSERT_TRUE(result.hasError());
-    EXPECT_EQ(result.error().localizedDescription(), kTooLarge);
+    ASSERT_TRUE(result.has_value());
+    ASSERT_TRUE(result->hasError());
+    EXPECT_EQ(result->error().localizedDescription(), kTooLarge);
     if (kMemoryIsMeasurable) {
         EXPECT_LT(growth, 25 * 1024) << "VmRSS grew by " << growth << " kB";
     }
@@ -734,7 +703,7 @@ TEST_F(Sweep, NeitherTheAppSecretNorTheUserTokenIsWrittenPrintedOrTheSecretSent)
     std::shared_ptr<AttachmentProvider> logs(&palomir, [](AttachmentProvider*) {});
     auto sent = feedback("Secrets", "message", {Attachment::fromText("a.txt", std::nullopt, "x")}, {logs});
     // A refused request too: its error text is logged.
-    _sandbox->setFault(sb::Route::services, answer(401, "{\"error\":\"bad\"}"));
+    _sandbox->setFault(sb::Route::services, fault(R"(status:401:{"error":"bad"})"));
     Awaited<Palomir::ServicesResult> refused(_queue);
     palomir.services(_queue, refused.completion());
     refused.get();
