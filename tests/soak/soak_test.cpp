@@ -61,35 +61,16 @@ double secondsFromEnvironment(const char* name, double fallback) {
 }
 
 enum class Op {
-    checkin,
-    services,
-    service,
-    systemServices,
-    systemService,
-    feedback,
-    webRequest,
-    log,
-    appCredentials,
-    userCredentials,
-    backend,
+    checkin, services, service, systemServices, systemService, feedback, webRequest, log,
+    appCredentials, userCredentials, backend
 };
 constexpr std::size_t kOps = static_cast<std::size_t>(Op::backend) + 1;
 
 const char* nameOf(Op op) {
-    switch (op) {
-        case Op::checkin: return "checkin";
-        case Op::services: return "services";
-        case Op::service: return "service";
-        case Op::systemServices: return "systemServices";
-        case Op::systemService: return "systemService";
-        case Op::feedback: return "feedback";
-        case Op::webRequest: return "webRequest";
-        case Op::log: return "log";
-        case Op::appCredentials: return "setAppCredentials";
-        case Op::userCredentials: return "setUserCredentials";
-        case Op::backend: return "setBackend";
-    }
-    return "?";
+    static constexpr std::array<const char*, kOps> names{
+        "checkin",    "services", "service",           "systemServices",     "systemService", "feedback",
+        "webRequest", "log",      "setAppCredentials", "setUserCredentials", "setBackend"};
+    return names[static_cast<std::size_t>(op)];
 }
 
 const std::string kMissingCredentials = "Missing app token and/or secret";
@@ -432,33 +413,13 @@ protected:
     void work(int thread, std::uint32_t seed) {
         // Weights: mostly requests and logging, with a credentials or
         // backend change about one time in seven.
-        static constexpr std::array<std::pair<Op, int>, kOps> weights{{{Op::checkin, 6},
-                                                                       {Op::services, 4},
-                                                                       {Op::service, 3},
-                                                                       {Op::systemServices, 2},
-                                                                       {Op::systemService, 2},
-                                                                       {Op::feedback, 2},
-                                                                       {Op::webRequest, 2},
-                                                                       {Op::log, 8},
-                                                                       {Op::appCredentials, 2},
-                                                                       {Op::userCredentials, 3},
-                                                                       {Op::backend, 1}}};
-        int total = 0;
-        for (const auto& [op, weight] : weights) total += weight;
+        // In the order of Op.
+        std::discrete_distribution<std::size_t> pick({6, 4, 3, 2, 2, 2, 2, 8, 2, 3, 1});
         std::mt19937 random(seed);
         for (std::uint64_t serial = 0; !_stop; ++serial) {
             _ledger.awaitRoom(thread, _stop);
             if (_stop) break;
-            int pick = static_cast<int>(random() % static_cast<std::uint32_t>(total));
-            Op op = Op::log;
-            for (const auto& [candidate, weight] : weights) {
-                if (pick < weight) {
-                    op = candidate;
-                    break;
-                }
-                pick -= weight;
-            }
-            issue(op, thread, random, serial);
+            issue(static_cast<Op>(pick(random)), thread, random, serial);
         }
     }
 
@@ -466,17 +427,12 @@ protected:
         std::ostringstream out;
         out << "soak: " << kThreads << " threads issued work for " << std::fixed << std::setprecision(1) << issuing
             << " s; the last completions took " << draining << " s more\n"
-            << std::left << std::setw(20) << "operation" << std::right << std::setw(9) << "issued" << std::setw(11)
-            << "completed" << std::setw(11) << "succeeded" << std::setw(10) << "no-creds" << std::setw(10)
-            << "timed-out" << std::setw(12)
-            << "unexpected" << std::setw(12) << "duplicates" << std::setw(14) << "misdelivered" << '\n';
+            << "operation: issued completed succeeded no-creds timed-out unexpected duplicates misdelivered\n";
         for (std::size_t i = 0; i < kOps; ++i) {
-            const auto op = static_cast<Op>(i);
-            const auto t = _ledger.tally(op);
-            out << std::left << std::setw(20) << nameOf(op) << std::right << std::setw(9) << t.issued << std::setw(11)
-                << t.completed << std::setw(11) << t.succeeded << std::setw(10) << t.missingCredentials
-                << std::setw(10) << t.timedOut << std::setw(12) << t.unexpected << std::setw(12) << t.duplicates << std::setw(14) << t.misdelivered
-                << '\n';
+            const auto t = _ledger.tally(static_cast<Op>(i));
+            out << nameOf(static_cast<Op>(i)) << ": " << t.issued << ' ' << t.completed << ' ' << t.succeeded << ' '
+                << t.missingCredentials << ' ' << t.timedOut << ' ' << t.unexpected << ' ' << t.duplicates << ' '
+                << t.misdelivered << '\n';
         }
         std::cout << out.str() << std::flush;
     }
