@@ -1,9 +1,8 @@
 #include <gtest/gtest.h>
 
-#include <atomic>
 #include <chrono>
 #include <fstream>
-#include <future>
+#include <functional>
 #include <mutex>
 #include <thread>
 
@@ -26,9 +25,23 @@ protected:
         options.scenarioFile = kScenarios / "notes-only.json";
         startSandbox(options);
     }
+
+    // A sandbox fault in its textual form, such as "status:500*1".
+    void fault(sb::Route route, const std::string& text) {
+        auto parsed = sb::Fault::parse(text);
+        ASSERT_TRUE(parsed.hasValue()) << parsed.error();
+        _sandbox->setFault(route, parsed.value());
+    }
+
+    template <class T>
+    Result<T, Error> fetch(const std::function<void(Palomir::Completion<T, Error>)>& call) {
+        Awaited<T> awaited(_queue);
+        call(awaited.completion());
+        return awaited.get();
+    }
 };
 
-TEST_F(ClientIntegration, ChecksInOverPinnedTLSAndLogsTheNotes) {
+TEST_F(ClientIntegration, ChecksInOverPinnedTLSOnceAndLogsTheNotes) {
     auto result = checkin();
     ASSERT_TRUE(result.hasValue()) << result.error().localizedDescription();
     EXPECT_FALSE(result.value().notes.empty());
@@ -44,10 +57,8 @@ TEST_F(ClientIntegration, ChecksInOverPinnedTLSAndLogsTheNotes) {
     EXPECT_EQ(body["app_info"]["name"], "Example");
     EXPECT_EQ(body["app_info"]["build"], "42");
     EXPECT_TRUE(_logger->contains("successfully checked in:\n[\"\\tNote\\n\\t\\ttitle: ", LogType::default_));
-}
 
-TEST_F(ClientIntegration, WithoutATimedCheckinTheConfigurationIsServedFromMemory) {
-    ASSERT_TRUE(checkin().hasValue());
+    // Without a timed check-in the configuration is served from memory.
     ASSERT_TRUE(checkin().hasValue());
     ASSERT_TRUE(checkin().hasValue());
     EXPECT_EQ(requestsTo("PUT", "/api/checkin/"), 1u);
@@ -67,10 +78,7 @@ TEST_F(ClientIntegration, AFailedCheckinKeepsTheConfigurationAndPassesTheErrorTh
     scenarioFile("notes-only.json", 0);
     auto first = checkin();
     ASSERT_TRUE(first.hasValue());
-    sb::Fault fault;
-    fault.kind = sb::Fault::Kind::status;
-    fault.status = 500;
-    _sandbox->setFault(sb::Route::checkin, fault);
+    fault(sb::Route::checkin, "status:500");
 
     auto second = checkin();
     ASSERT_TRUE(second.hasError());
@@ -94,13 +102,6 @@ TEST_F(ClientIntegration, UserCredentialsSurviveANewAppCredentialAndReachTheBack
     EXPECT_EQ(_sandbox->requests().back().header("X-Authorization-User"), "");
 }
 
-TEST_F(ClientIntegration, AWrongSecretIsRefusedByTheBackend) {
-    Palomir::shared().setAppCredentials(AppCredentials{"sandbox-token", "not-the-secret"});
-    auto result = checkin();
-    ASSERT_TRUE(result.hasError());
-    EXPECT_EQ(result.error().localizedDescription(), "Request failed: Bad status: 401");
-}
-
 struct Posts {
     std::mutex mutex;
     std::vector<std::string> entries;
@@ -113,32 +114,37 @@ struct Posts {
     }
 };
 
-TEST_F(ClientIntegration, AListFetchPostsTheListThenEachServiceInOrder) {
+TEST_F(ClientIntegration, AListFetchPostsTheListThenEachServiceInOrderAndAFailureKeepsIt) {
     scenarioFile("outage.json");
     auto& center = Palomir::shared().notificationCenter();
     Posts posts;
     center.addObserver(std::string(Palomir::servicesUpdated), nullptr, [&](const Notification& n) { posts.add(n); });
     center.addObserver(std::string(Palomir::serviceUpdated), nullptr, [&](const Notification& n) { posts.add(n); });
+    using SR = Palomir::ServicesResult;
 
-    Awaited<Palomir::ServicesResult> awaited(_queue);
-    Palomir::shared().services(_queue, awaited.completion());
-    auto result = awaited.get();
+    auto result = fetch<SR>([&](auto done) { Palomir::shared().services(_queue, done); });
     ASSERT_TRUE(result.hasValue()) << result.error().localizedDescription();
     EXPECT_EQ(result.value().first.size(), 4u);
     EXPECT_EQ(result.value().second, 60.0);
     EXPECT_EQ(posts.entries, (std::vector<std::string>{"servicesUpdated:list of 4", "serviceUpdated:sync",
                                                        "serviceUpdated:photos", "serviceUpdated:sharing",
                                                        "serviceUpdated:search"}));
-    ASSERT_TRUE(Palomir::shared().services().has_value());
     EXPECT_EQ(Palomir::shared().services()->size(), 4u);
     EXPECT_TRUE(_logger->contains("successfully fetched services:\n[Service(name: \"Sync\"", LogType::default_));
 
     // A single user service is announced but never changes the stored list.
-    Awaited<Palomir::ServiceResult> single(_queue);
-    Palomir::shared().service("photos", _queue, single.completion());
-    ASSERT_TRUE(single.get().hasValue());
+    auto single = fetch<Palomir::ServiceResult>([&](auto done) { Palomir::shared().service("photos", _queue, done); });
+    ASSERT_TRUE(single.hasValue());
     EXPECT_EQ(posts.entries.back(), "serviceUpdated:photos");
     EXPECT_EQ(Palomir::shared().services()->size(), 4u);
+
+    fault(sb::Route::services, "status:503");
+    auto failed = fetch<SR>([&](auto done) { Palomir::shared().services(_queue, done); });
+    ASSERT_TRUE(failed.hasError());
+    EXPECT_EQ(*failed.error().apiError(), APIError::requestFailed(RequestError::badStatus(503)));
+    EXPECT_EQ(Palomir::shared().services()->size(), 4u);
+    EXPECT_EQ(posts.entries.size(), 6u);
+    EXPECT_TRUE(_logger->contains("failed to fetch services: Request failed: Bad status: 503", LogType::default_));
 }
 
 TEST_F(ClientIntegration, SystemServiceObserversOfEitherNameReceiveEveryPost) {
@@ -150,9 +156,8 @@ TEST_F(ClientIntegration, SystemServiceObserversOfEitherNameReceiveEveryPost) {
     center.addObserver(std::string(Palomir::systemServiceUpdated), nullptr,
                        [&](const Notification& n) { serviceObserver.add(n); });
 
-    Awaited<Palomir::ServicesResult> awaited(_queue);
-    Palomir::shared().systemServices(_queue, awaited.completion());
-    ASSERT_TRUE(awaited.get().hasValue());
+    auto result = fetch<Palomir::ServicesResult>([&](auto done) { Palomir::shared().systemServices(_queue, done); });
+    ASSERT_TRUE(result.hasValue());
     const std::vector<std::string> expected{"systemServiceUpdated:list of 1", "systemServiceUpdated:auth"};
     EXPECT_EQ(listObserver.entries, expected);
     EXPECT_EQ(serviceObserver.entries, expected);
@@ -161,9 +166,7 @@ TEST_F(ClientIntegration, SystemServiceObserversOfEitherNameReceiveEveryPost) {
 TEST_F(ClientIntegration, ASingleSystemServiceStartsTheListButIsNeverMergedIntoOne) {
     scenarioFile("outage.json");
     auto fetchAuth = [&] {
-        Awaited<Palomir::ServiceResult> awaited(_queue);
-        Palomir::shared().systemService("auth", _queue, awaited.completion());
-        return awaited.get();
+        return fetch<Palomir::ServiceResult>([&](auto done) { Palomir::shared().systemService("auth", _queue, done); });
     };
     ASSERT_TRUE(fetchAuth().hasValue());
     ASSERT_TRUE(Palomir::shared().systemServices().has_value());
@@ -179,25 +182,6 @@ TEST_F(ClientIntegration, ASingleSystemServiceStartsTheListButIsNeverMergedIntoO
     ASSERT_TRUE(changed.hasValue());
     EXPECT_NE(changed.value().first.state, before.state);
     EXPECT_EQ(Palomir::shared().systemServices()->front(), before);
-}
-
-TEST_F(ClientIntegration, AFailedFetchKeepsTheListAndPassesTheErrorThrough) {
-    scenarioFile("outage.json");
-    Awaited<Palomir::ServicesResult> first(_queue);
-    Palomir::shared().services(_queue, first.completion());
-    ASSERT_TRUE(first.get().hasValue());
-
-    sb::Fault fault;
-    fault.kind = sb::Fault::Kind::status;
-    fault.status = 503;
-    _sandbox->setFault(sb::Route::services, fault);
-    Awaited<Palomir::ServicesResult> second(_queue);
-    Palomir::shared().services(_queue, second.completion());
-    auto result = second.get();
-    ASSERT_TRUE(result.hasError());
-    EXPECT_EQ(*result.error().apiError(), APIError::requestFailed(RequestError::badStatus(503)));
-    EXPECT_EQ(Palomir::shared().services()->size(), 4u);
-    EXPECT_TRUE(_logger->contains("failed to fetch services: Request failed: Bad status: 503", LogType::default_));
 }
 
 class FilesProvider : public AttachmentProvider {
@@ -219,13 +203,8 @@ Result<std::string, PalomirError> submit(const std::string& message, std::vector
 }
 
 TEST_F(ClientIntegration, FeedbackUploadsEveryFileAndNamesThemEvenWhenABytesUploadFails) {
-    sb::Fault announceFails;
-    announceFails.kind = sb::Fault::Kind::status;
-    announceFails.status = 500;
-    announceFails.remaining = 1;
-    _sandbox->setFault(sb::Route::directUploads, announceFails);
-    sb::Fault uploadFails = announceFails;
-    _sandbox->setFault(sb::Route::upload, uploadFails);
+    fault(sb::Route::directUploads, "status:500*1");
+    fault(sb::Route::upload, "status:500*1");
 
     auto provider = std::make_shared<FilesProvider>();
     auto result = submit("It crashes.",
@@ -292,52 +271,6 @@ TEST_F(ClientIntegration, TheClientAttachesItsOwnLogFiles) {
     std::ifstream in(file.file);
     std::string text((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
     EXPECT_NE(text.find("[INFO] Palomir started"), std::string::npos);
-}
-
-TEST_F(ClientIntegration, ARefusedFeedbackIsARequestFailure) {
-    sb::Fault fault;
-    fault.kind = sb::Fault::Kind::status;
-    fault.status = 500;
-    _sandbox->setFault(sb::Route::feedback, fault);
-    auto result = submit("hello", {}, {}, _queue);
-    ASSERT_TRUE(result.hasError());
-    EXPECT_EQ(result.error().errorDescription(), "Request failed: Request failed: Bad status: 500");
-}
-
-// Several threads checking in, fetching and changing credentials at once:
-// every completion arrives exactly once. Run under ThreadSanitizer in CI's
-// sanitizer builds as well.
-TEST_F(ClientIntegration, ConcurrentUseCompletesEveryCallExactlyOnce) {
-    scenarioFile("outage.json", 0);
-    std::atomic<int> completions{0};
-    std::atomic<int> duplicates{0};
-    constexpr int threads = 4, rounds = 6;
-    std::vector<std::thread> workers;
-    for (int t = 0; t < threads; ++t) {
-        workers.emplace_back([&, t] {
-            for (int i = 0; i < rounds; ++i) {
-                auto once = std::make_shared<std::atomic<bool>>(false);
-                auto count = [&, once](auto) {
-                    if (once->exchange(true)) ++duplicates;
-                    ++completions;
-                };
-                switch ((t + i) % 4) {
-                    case 0: Palomir::shared().checkin(_queue, count); break;
-                    case 1: Palomir::shared().services(_queue, count); break;
-                    case 2: Palomir::shared().systemService("auth", _queue, count); break;
-                    default:
-                        Palomir::shared().setUserCredentials(std::make_shared<StaticUserCredentials>("u" + std::to_string(i)));
-                        Palomir::shared().checkin(_queue, count);
-                }
-            }
-        });
-    }
-    for (auto& worker : workers) worker.join();
-    const auto deadline = std::chrono::steady_clock::now() + 60s;
-    while (completions < threads * rounds && std::chrono::steady_clock::now() < deadline) std::this_thread::sleep_for(10ms);
-    std::this_thread::sleep_for(50ms);
-    EXPECT_EQ(completions.load(), threads * rounds);
-    EXPECT_EQ(duplicates.load(), 0);
 }
 
 }  // namespace

@@ -6,18 +6,16 @@
 
 #include <gtest/gtest.h>
 
-#include <chrono>
 #include <filesystem>
 #include <fstream>
-#include <future>
 #include <memory>
 #include <mutex>
 #include <optional>
 #include <string>
-#include <thread>
 #include <utility>
 #include <vector>
 
+#include "awaited.hpp"
 #include "palomir/environment.hpp"
 #include "palomir/palomir.hpp"
 #include "palomir_test/tls.hpp"
@@ -59,46 +57,6 @@ public:
 private:
     mutable std::mutex _mutex;
     std::vector<std::pair<std::string, LogType>> _lines;
-};
-
-// Collects the one completion of an operation; fails when it runs on the
-// calling thread, off the given queue, or more than once.
-template <class T, class E = Error>
-class Awaited {
-public:
-    explicit Awaited(std::shared_ptr<DispatchQueue> queue) : _queue(std::move(queue)) {}
-
-    Palomir::Completion<T, E> completion() {
-        return [this, caller = std::this_thread::get_id()](Result<T, E> result) {
-            std::lock_guard lock(_mutex);
-            if (std::this_thread::get_id() == caller) _inline = true;
-            if (!_queue->isCurrent()) _offQueue = true;
-            if (++_calls == 1) {
-                _result.emplace(std::move(result));
-                _promise.set_value();
-            }
-        };
-    }
-
-    Result<T, E> get(std::chrono::seconds limit = std::chrono::seconds(30)) {
-        EXPECT_EQ(_future.wait_for(limit), std::future_status::ready);
-        std::this_thread::sleep_for(std::chrono::milliseconds(30));
-        std::lock_guard lock(_mutex);
-        EXPECT_EQ(_calls, 1);
-        EXPECT_FALSE(_inline);
-        EXPECT_FALSE(_offQueue);
-        return *_result;
-    }
-
-private:
-    std::shared_ptr<DispatchQueue> _queue;
-    std::mutex _mutex;
-    std::promise<void> _promise;
-    std::future<void> _future = _promise.get_future();
-    std::optional<Result<T, E>> _result;
-    int _calls = 0;
-    bool _inline = false;
-    bool _offQueue = false;
 };
 
 // The in-process sandbox with Palomir::shared() pointed at it. Each test
