@@ -38,27 +38,13 @@ INSTANTIATE_TEST_SUITE_P(
         DescriptionCase{"empty", APIError::emptyResponse(), "Empty response"}),
     [](const auto& info) { return std::string(info.param.name); });
 
-TEST(PalomirErrorDescription, LocalCasesHaveNoTrailingPunctuation) {
+TEST(PalomirErrorDescription, LocalCasesAndWrappedBackendDescriptions) {
     EXPECT_EQ(PalomirError::missingCredentials().errorDescription(), "Missing app token and/or secret");
     EXPECT_EQ(PalomirError::failedToCreateAppInfo().errorDescription(), "Failed to create app info");
-}
-
-TEST(PalomirErrorDescription, RequestFailedWrapsTheBackendDescription) {
-    EXPECT_EQ(PalomirError::requestFailed(APIError::emptyResponse()).errorDescription(),
-              "Request failed: Empty response");
     EXPECT_EQ(PalomirError::requestFailed(APIError::requestFailed(RequestError::badStatus(500))).errorDescription(),
               "Request failed: Request failed: Bad status: 500");
-}
-
-TEST(PalomirErrorDescription, RequestFailedWithoutDescriptionNamesUnknownReason) {
     EXPECT_EQ(PalomirError::requestFailed(APIError::apolloError("")).errorDescription(),
               "Request failed: <unknown reason>");
-}
-
-TEST(ErrorEquality, ComparesKindAndPayload) {
-    EXPECT_EQ(APIError::requestFailed(RequestError::badStatus(500)), APIError::requestFailed(RequestError::badStatus(500)));
-    EXPECT_NE(APIError::requestFailed(RequestError::badStatus(500)), APIError::requestFailed(RequestError::badStatus(503)));
-    EXPECT_NE(Error(APIError::invalidURL()), Error(PalomirError::missingCredentials()));
 }
 
 }  // namespace

@@ -1,12 +1,9 @@
 #include <gtest/gtest.h>
 
-#include <atomic>
 #include <chrono>
 #include <fstream>
-#include <future>
-#include <type_traits>
-#include <thread>
 
+#include "awaited.hpp"
 #include "core/palomir_internal.hpp"
 #include "palomir/environment.hpp"
 #include "palomir_test/tls.hpp"
@@ -38,97 +35,54 @@ protected:
                                std::nullopt));
     }
 
-    // Runs `call` with a completion that records its thread and how often it
-    // ran; waits for it on a serial queue.
-    template <class T, class E = Error>
-    Result<T, E> await(
-        const std::type_identity_t<std::function<void(std::shared_ptr<DispatchQueue>, Palomir::Completion<T, E>)>>& call) {
-        auto queue = DispatchQueue::makeSerial("test.delivery");
-        std::promise<Result<T, E>> promise;
-        std::atomic<int> calls{0};
-        const auto caller = std::this_thread::get_id();
-        std::atomic<bool> ranInline{false};
-        std::atomic<bool> onQueue{true};
-        call(queue, [&, queue](Result<T, E> result) {
-            if (std::this_thread::get_id() == caller) ranInline = true;
-            if (!queue->isCurrent()) onQueue = false;
-            if (calls.fetch_add(1) == 0) promise.set_value(std::move(result));
-        });
-        auto future = promise.get_future();
-        EXPECT_EQ(future.wait_for(20s), std::future_status::ready);
-        std::this_thread::sleep_for(20ms);
-        EXPECT_EQ(calls.load(), 1);
-        EXPECT_FALSE(ranInline.load());
-        EXPECT_TRUE(onQueue.load());
-        return future.get();
-    }
-
     Result<Configuration, Error> checkin() {
-        return await<Configuration>([](auto queue, auto done) { Palomir::shared().checkin(queue, done); });
+        Awaited<Configuration> awaited(_queue);
+        Palomir::shared().checkin(_queue, awaited.completion());
+        return awaited.get();
     }
 
     palomir_test::TempDir _caches;
+    std::shared_ptr<DispatchQueue> _queue = DispatchQueue::makeSerial("test.delivery");
 };
-
-TEST_F(PalomirTest, CheckinWithoutCredentialsOrConfigurationReportsMissingCredentials) {
-    auto result = checkin();
-    ASSERT_TRUE(result.hasError());
-    ASSERT_NE(result.error().palomirError(), nullptr);
-    EXPECT_EQ(result.error().localizedDescription(), "Missing app token and/or secret");
-}
-
-TEST_F(PalomirTest, AHeldConfigurationWithoutDateIsServedFromMemoryForever) {
-    Palomir::shared().setConfiguration(configurationWith(std::nullopt, false));
-    auto result = checkin();
-    ASSERT_TRUE(result.hasValue());
-    EXPECT_EQ(result.value().version, "1");
-
-    Palomir::shared().setConfiguration(configurationWith(std::nullopt, true));
-    EXPECT_TRUE(checkin().hasValue());
-}
 
 struct CacheCase {
     const char* name;
-    std::chrono::milliseconds offset;
+    std::optional<std::optional<std::chrono::milliseconds>> offset;  // nothing: no configuration held
     bool fromMemory;
 };
 
 class CheckinCache : public PalomirTest, public ::testing::WithParamInterface<CacheCase> {};
 
-TEST_P(CheckinCache, ServesFromMemoryOnlyWhileTheDateIsInTheFuture) {
+TEST_P(CheckinCache, ServesFromMemoryOnlyWhileTheDateIsAbsentOrInTheFuture) {
     // Without credentials a check-in that goes to the backend fails locally,
     // which tells the two paths apart.
-    Palomir::shared().setConfiguration(configurationWith(now() + GetParam().offset));
+    const auto& offset = GetParam().offset;
+    if (offset) {
+        Palomir::shared().setConfiguration(configurationWith(*offset ? std::optional(now() + **offset) : std::nullopt));
+    }
     auto result = checkin();
-    EXPECT_EQ(result.hasValue(), GetParam().fromMemory);
+    ASSERT_EQ(result.hasValue(), GetParam().fromMemory);
     if (!GetParam().fromMemory) {
+        ASSERT_NE(result.error().palomirError(), nullptr);
         EXPECT_EQ(result.error().localizedDescription(), "Missing app token and/or secret");
     }
 }
 
 INSTANTIATE_TEST_SUITE_P(Dates, CheckinCache,
-                         ::testing::Values(CacheCase{"oneSecondAhead", 1000ms, true},
+                         ::testing::Values(CacheCase{"nothingHeld", std::nullopt, false},
+                                           CacheCase{"noDate", std::optional<std::chrono::milliseconds>(), true},
+                                           CacheCase{"oneSecondAhead", 1000ms, true},
                                            CacheCase{"reachedNow", 0ms, false},
                                            CacheCase{"oneSecondAgo", -1000ms, false}),
                          [](const auto& info) { return std::string(info.param.name); });
 
-TEST_F(PalomirTest, AFreshConfigurationIsServedEvenAfterTheCredentialsAreGone) {
-    Palomir::shared().setAppCredentials(AppCredentials{"t", "s"});
-    Palomir::shared().setConfiguration(configurationWith(now() + 60s));
-    Palomir::shared().setAppCredentials(std::nullopt);
-    EXPECT_TRUE(checkin().hasValue());
-}
-
-TEST_F(PalomirTest, UserCredentialsWithoutAppCredentialsAreDiscarded) {
-    auto& palomir = Palomir::shared();
-    palomir.setUserCredentials(std::make_shared<StaticUserCredentials>("abc"));
-    EXPECT_EQ(palomir.userCredentials(), nullptr);
-    EXPECT_EQ(palomir.client(), nullptr);
-}
-
-TEST_F(PalomirTest, SettingAppCredentialsAgainKeepsTheUserCredentials) {
+TEST_F(PalomirTest, UserCredentialsSurviveNewAppCredentialsButNeedSome) {
     auto& palomir = Palomir::shared();
     auto user = std::make_shared<StaticUserCredentials>("abc");
+    palomir.setUserCredentials(user);
+    EXPECT_EQ(palomir.userCredentials(), nullptr);
+    EXPECT_EQ(palomir.client(), nullptr);
+
     palomir.setAppCredentials(AppCredentials{"t1", "s1"});
     palomir.setUserCredentials(user);
     auto first = palomir.client();
@@ -152,35 +106,16 @@ TEST_F(PalomirTest, AnUndescribedAppCannotCheckIn) {
     ASSERT_TRUE(result.hasError());
     EXPECT_EQ(result.error().localizedDescription(), "Failed to create app info");
 
-    auto feedback = await<std::string, PalomirError>([](auto queue, auto done) {
-        Palomir::shared().feedback("t", "m", "me", std::vector<Attachment>{}, {}, queue, done);
-    });
-    EXPECT_EQ(feedback.error(), PalomirError::failedToCreateAppInfo());
-}
-
-TEST_F(PalomirTest, FetchesWithoutCredentialsFailLocally) {
-    using SR = Palomir::ServicesResult;
-    using S = Palomir::ServiceResult;
-    EXPECT_EQ(await<SR>([](auto q, auto d) { Palomir::shared().services(q, d); }).error().localizedDescription(),
-              "Missing app token and/or secret");
-    EXPECT_EQ(await<SR>([](auto q, auto d) { Palomir::shared().systemServices(q, d); }).error().localizedDescription(),
-              "Missing app token and/or secret");
-    EXPECT_EQ(await<S>([](auto q, auto d) { Palomir::shared().service("x", q, d); }).error().localizedDescription(),
-              "Missing app token and/or secret");
-    EXPECT_EQ(await<URLRequest>([](auto q, auto d) { Palomir::shared().webRequest("https://x.example/", q, d); })
-                  .error()
-                  .localizedDescription(),
-              "Missing app token and/or secret");
-    auto feedback = await<std::string, PalomirError>([](auto q, auto d) {
-        Palomir::shared().feedback("t", "m", "me", std::vector<Attachment>{}, {}, q, d);
-    });
-    EXPECT_EQ(feedback.error(), PalomirError::missingCredentials());
+    Awaited<std::string, PalomirError> feedback(_queue);
+    palomir.feedback("t", "m", "me", std::vector<Attachment>{}, {}, _queue, feedback.completion());
+    EXPECT_EQ(feedback.get().error(), PalomirError::failedToCreateAppInfo());
 }
 
 TEST_F(PalomirTest, WebRequestIsASignedGetForAPage) {
     Palomir::shared().setAppCredentials(AppCredentials{"token", "secret"});
-    auto result = await<URLRequest>(
-        [](auto q, auto d) { Palomir::shared().webRequest("https://backend.example/help?topic=1", q, d); });
+    Awaited<URLRequest> awaited(_queue);
+    Palomir::shared().webRequest("https://backend.example/help?topic=1", _queue, awaited.completion());
+    auto result = awaited.get();
     ASSERT_TRUE(result.hasValue());
     const auto& request = result.value();
     EXPECT_EQ(request.method, "GET");
@@ -338,44 +273,14 @@ TEST_F(LockdownFlow, WithoutAConfigurationTheAppIsOpenAndNoScreenIsTouched) {
     EXPECT_TRUE(_journal.entries.empty());
 }
 
-struct TypeCase {
-    const char* name;
-    std::optional<LockdownType> type;
-    LockdownType expected;
-};
-
-class LockdownTypes : public LockdownFlow, public ::testing::WithParamInterface<TypeCase> {};
-
-TEST_P(LockdownTypes, FirstLockdownIsPresentedAnimated) {
-    hold(true, GetParam().type);
-    auto window = std::make_shared<FakeWindow>(_journal);
-    EXPECT_EQ(run(window), LockdownResult::lockedDown(GetParam().expected));
-    EXPECT_EQ(_journal.entries, (std::vector<std::string>{"config 1", "present animated"}));
-    ASSERT_EQ(Palomir::shared().viewControllers().size(), 1u);
-    EXPECT_TRUE(window->screens[0]->config().has_value());
-}
-
-INSTANTIATE_TEST_SUITE_P(Types, LockdownTypes,
-                         ::testing::Values(TypeCase{"hard", LockdownType::hard, LockdownType::hard},
-                                           TypeCase{"soft", LockdownType::soft, LockdownType::soft},
-                                           TypeCase{"absentIsSoft", std::nullopt, LockdownType::soft}),
-                         [](const auto& info) { return std::string(info.param.name); });
-
-TEST_F(LockdownFlow, ASecondLockdownReplacesTheScreenWithoutAnimation) {
+TEST_F(LockdownFlow, TheFirstLockdownIsAnimatedASecondReplacesItAndLiftingDismissesEveryScreen) {
     hold(true, LockdownType::hard);
     auto window = std::make_shared<FakeWindow>(_journal);
-    run(window);
-    run(window, false);
+    EXPECT_EQ(run(window), LockdownResult::lockedDown(LockdownType::hard));
+    EXPECT_TRUE(window->screens[0]->config().has_value());
+    EXPECT_EQ(run(window, false), LockdownResult::lockedDown(LockdownType::hard));
     EXPECT_EQ(_journal.entries, (std::vector<std::string>{"config 1", "present animated", "dismiss 1 still", "config 2",
                                                           "present still"}));
-    EXPECT_EQ(Palomir::shared().viewControllers().size(), 2u);
-}
-
-TEST_F(LockdownFlow, LiftingTheLockdownDismissesEveryScreenAnimatedAndKeepsTheList) {
-    hold(true, LockdownType::soft);
-    auto window = std::make_shared<FakeWindow>(_journal);
-    run(window);
-    run(window);
     hold(false, LockdownType::soft);
     EXPECT_EQ(run(window, false), LockdownResult::open());
     EXPECT_EQ(std::vector<std::string>(_journal.entries.end() - 2, _journal.entries.end()),
