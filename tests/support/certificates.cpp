@@ -145,12 +145,6 @@ std::string Certificate::keyPem() const {
     return fromBio(bio);
 }
 
-std::string Certificate::subjectName() const {
-    char buffer[256];
-    X509_NAME_oneline(X509_get_subject_name(_certificate.get()), buffer, sizeof buffer);
-    return buffer;
-}
-
 void Certificate::writePem(const std::filesystem::path& path) const { writeFile(path, pem()); }
 
 void Certificate::writeDer(const std::filesystem::path& path) const {

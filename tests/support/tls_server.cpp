@@ -152,11 +152,6 @@ void TlsTestServer::setChain(CertificateChain chain) {
     _state->chain = std::move(chain);
 }
 
-void TlsTestServer::setHandler(Handler handler) {
-    std::lock_guard lock(_state->mutex);
-    _state->handler = std::move(handler);
-}
-
 std::vector<RecordedRequest> TlsTestServer::requests() const {
     std::lock_guard lock(_state->mutex);
     return _state->requests;

@@ -50,7 +50,6 @@ public:
     std::string pem() const;
     std::vector<std::uint8_t> der() const;
     std::string keyPem() const;
-    std::string subjectName() const;
 
     void writePem(const std::filesystem::path& path) const;
     void writeDer(const std::filesystem::path& path) const;
@@ -143,7 +142,6 @@ public:
 
     /// Handshakes from now on present `chain`; open connections keep theirs.
     void setChain(CertificateChain chain);
-    void setHandler(Handler handler);
     /// Stops and listens again on the same port, dropping every connection.
     void restart();
 
