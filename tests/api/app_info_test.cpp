@@ -149,8 +149,6 @@ INSTANTIATE_TEST_SUITE_P(
                       "com.example.app/42/1.2/7 (x86_64; Unknown; Linux; 6.1.0-18-amd64; en; US) io.palomir.sdk/5/0.1.0"},
         UserAgentCase{"EverythingMissing", nlohmann::json::object(), {"C", std::nullopt, std::nullopt}, {},
                       "__/__/__ (x86_64; Unknown; Linux; 6.1.0-18-amd64; __; __) io.palomir.sdk/5/0.1.0"},
-        UserAgentCase{"NoRegion", hostInfo(), {"fr", "fr", std::nullopt}, {},
-                      "com.example.app/42/1.2 (x86_64; Unknown; Linux; 6.1.0-18-amd64; fr; __) io.palomir.sdk/5/0.1.0"},
         UserAgentCase{"AdditionalFields", hostInfo(), {"fr_FR", "fr", "FR"}, {"Qt 6.4", "beta"},
                       "com.example.app/42/1.2 (x86_64; Unknown; Linux; 6.1.0-18-amd64; fr; FR; Qt 6.4; beta) "
                       "io.palomir.sdk/5/0.1.0"}),

@@ -27,6 +27,8 @@ struct HmacCase {
 };
 
 class HmacSha1 : public ::testing::TestWithParam<HmacCase> {};
+class Base64RoundTrip : public ::testing::TestWithParam<std::pair<std::string, std::string>> {};
+class Base64Refusal : public ::testing::TestWithParam<std::string> {};
 
 }  // namespace
 
@@ -49,11 +51,6 @@ TEST(Md5, MatchesKnownDigests) {
     EXPECT_EQ(crypto::base64Encode(crypto::md5(crypto::asBytes("abc"))), "kAFQmDzST7DWlj99KOF/cg==");
     EXPECT_EQ(hex(crypto::md5(crypto::asBytes(""))), "d41d8cd98f00b204e9800998ecf8427e");
 }
-
-namespace {
-class Base64RoundTrip : public ::testing::TestWithParam<std::pair<std::string, std::string>> {};
-class Base64Refusal : public ::testing::TestWithParam<std::string> {};
-}  // namespace
 
 TEST_P(Base64RoundTrip, EncodesAndDecodes) {
     const auto& [plain, encoded] = GetParam();
