@@ -2,6 +2,7 @@
 // The file logger against an asynchronous spdlog file logger writing the same
 // lines, and against raw write(2) of the same bytes. Run in Release.
 #include <fcntl.h>
+#include <malloc.h>
 #include <unistd.h>
 
 #include <benchmark/benchmark.h>
@@ -271,6 +272,46 @@ void rawWrite(benchmark::State& state) {
     state.counters["MB_per_s"] = gFigures["raw/1"].bytesPerSecond / 1e6;
 }
 
+// Freed heap is handed back first so that only memory still in use counts.
+long residentAnonKb() {
+    ::malloc_trim(0);
+    std::ifstream in("/proc/self/status");
+    for (std::string line; std::getline(in, line);)
+        if (line.rfind("RssAnon:", 0) == 0) return std::atol(line.c_str() + 8);
+    return 0;
+}
+
+// Anonymous memory the file logger adds to the process: after a few lines,
+// after a 100 MB burst, and after it has been idle for a while.
+void resident(benchmark::State& state) {
+    constexpr int kFew = 10;
+    constexpr std::size_t kBurstBytes = 100u << 20;
+    long few = 0, burst = 0, idle = 0;
+    for (auto _ : state) {
+        const long before = residentAnonKb();
+        Ours impl(freshDir());
+        for (int i = 0; i < kFew; ++i) impl.log(message(0, i));
+        impl.finish();
+        few = residentAnonKb() - before;
+        const std::size_t lineBytes = fs::file_size(impl.file) / kFew;
+        const int lines = static_cast<int>(kBurstBytes / lineBytes);
+        for (int i = kFew; i < kFew + lines; ++i) impl.log(message(0, i));
+        impl.finish();
+        burst = residentAnonKb() - before;
+        std::this_thread::sleep_for(std::chrono::milliseconds(500));
+        idle = residentAnonKb() - before;
+        std::string why;
+        if (!verify(impl.file, 1, kFew + lines, why)) {
+            state.SkipWithError(why.c_str());
+            std::fprintf(stderr, "resident: %s\n", why.c_str());
+            std::abort();
+        }
+    }
+    state.counters["after_10_lines_KB"] = static_cast<double>(few);
+    state.counters["after_100MB_KB"] = static_cast<double>(burst);
+    state.counters["idle_after_KB"] = static_cast<double>(idle);
+}
+
 void printSummary() {
     std::printf("\nSummary (palomir FileLogger vs spdlog async file logger, 8192 slots, block policy)\n");
     std::printf("%-8s %-24s %12s %12s %8s %8s %s\n", "threads", "figure", "palomir", "spdlog", "ratio", "target",
@@ -299,6 +340,7 @@ BENCHMARK_TEMPLATE(callCost, Ours)->Name("CallCost/palomir")->Arg(1)->Arg(4)->It
 BENCHMARK_TEMPLATE(callCost, Spd)->Name("CallCost/spdlog")->Arg(1)->Arg(4)->Iterations(1)->UseManualTime();
 BENCHMARK_TEMPLATE(sustained, Ours)->Name("Sustained/palomir")->Arg(1)->Arg(4)->Iterations(kSustainedRuns)->UseManualTime()->Unit(benchmark::kMillisecond);
 BENCHMARK_TEMPLATE(sustained, Spd)->Name("Sustained/spdlog")->Arg(1)->Arg(4)->Iterations(kSustainedRuns)->UseManualTime()->Unit(benchmark::kMillisecond);
+BENCHMARK(resident)->Name("Resident/palomir")->Iterations(1);
 BENCHMARK(rawWrite)->Name("RawWrite64K")->Iterations(kSustainedRuns)->UseManualTime()->Unit(benchmark::kMillisecond);
 
 int main(int argc, char** argv) {

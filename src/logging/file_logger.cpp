@@ -1,4 +1,5 @@
 #include <fcntl.h>
+#include <pthread.h>
 #include <sys/mman.h>
 #include <sys/stat.h>
 #include <sys/uio.h>
@@ -6,6 +7,7 @@
 
 #include <algorithm>
 #include <atomic>
+#include <bit>
 #include <cerrno>
 #include <chrono>
 #include <condition_variable>
@@ -17,6 +19,7 @@
 #include <string_view>
 #include <system_error>
 #include <thread>
+#include <utility>
 
 #include "logging/log_clock.hpp"
 #include "palomir/environment.hpp"
@@ -28,30 +31,29 @@ namespace {
 
 constexpr const char* kQueueLabel = "io.palomir.Palomir.FileLogger";
 
-// Lines wait for the disk in a ring of this size. A caller blocks only when
-// the ring is full: far more than any burst of a healthy app, and it keeps a
-// stalled disk from eating the process's memory without ever dropping a line.
-// Pages of the ring are only touched as text reaches them.
-constexpr std::uint64_t kRingBytes = 8u << 20;
-
-// The ring is handed out in chunks, each counting the bytes copied into it, so
-// that the writer can tell which text is complete without a lock.
+// Text waits for the disk in chunks of this size, each copied into a slot of
+// the ring. A chunk takes the lowest free slot, so while the writer keeps up
+// the same few slots take turns and stay in the cache; under a burst more
+// slots come into use, up to all of them. A caller blocks only when every slot
+// is full: far more than any burst of a healthy app, and it keeps a stalled
+// disk from eating the process's memory without ever dropping a line.
 constexpr std::uint64_t kChunkBytes = 64u << 10;
-constexpr std::uint64_t kChunks = kRingBytes / kChunkBytes;
+constexpr std::uint64_t kSlots = 128;
+constexpr std::uint64_t kRingBytes = kSlots * kChunkBytes;
+constexpr std::uint64_t kSlotWords = kSlots / 64;
 
-// Crossing a multiple of this many bytes wakes the writer before its doze
-// ends, which keeps the text it writes still in cache.
-constexpr std::uint64_t kHurryBytes = 256u << 10;
+// The writer writes at most this many chunks at once, so that callers waiting
+// for room in a full ring can go on while it writes the rest.
+constexpr std::uint64_t kWriteChunks = 16;
 
-// The writer writes at most this much at once, so that callers waiting for
-// room in a full ring can go on while it writes the next part.
-constexpr std::uint64_t kWriteBytes = 1u << 20;
-static_assert(kWriteBytes % kChunkBytes == 0 && kWriteBytes <= kRingBytes);
+// Crossing a multiple of this many bytes wakes a dozing writer early.
+constexpr std::uint64_t kHurryBytes = 128u << 10;
 
-// The writer faults in this much of the ring ahead of the callers on the
-// first lap, so that a caller rarely meets a fresh page.
-constexpr std::uint64_t kPrefaultAhead = 1u << 20;
-constexpr std::uint64_t kPrefaultAtStart = 128u << 10;
+// A logger that writes little faults its pages in with its callers' own
+// writes; once the writer finds this much at once, it faults in whole slots
+// ahead of the callers.
+constexpr std::uint64_t kPrefaultAfter = 16u << 10;
+constexpr std::uint64_t kPrefaultSlots = 16;
 
 // Guards the open file, its path and the reported-error flag of every file logger.
 std::mutex gSessionLock;
@@ -147,18 +149,24 @@ struct FileLogger::State {
     // Set once the file is open; read without a lock on every log call.
     std::atomic<bool> open{false};
 
-    // Positions count bytes since the logger began; a byte at position p
-    // lives at ring[p % kRingBytes]. Callers claim room by advancing
-    // `reserved`, copy their line and add its length to the counter of each
-    // chunk it touches; the writer alone advances `written`, after it has
-    // cleared the counters of the chunks it finished.
+    // Positions count bytes since the logger began; the byte at position p
+    // belongs to chunk p / kChunkBytes. Callers claim room by advancing
+    // `reserved`, copy their line into the slots of the chunks it touches and
+    // add its length to each chunk's counter; the writer alone advances
+    // `written`, after it has cleared the counters of the chunks it finished
+    // and freed their slots. A chunk starts only once the one a lap before it
+    // is written, so its counter and its entry in `slotOf` are its own.
     char* ring = nullptr;
     bool mapped = false;
     alignas(64) std::atomic<std::uint64_t> reserved{0};
     alignas(64) std::atomic<std::uint64_t> written{0};
     alignas(64) std::atomic<bool> queued{false};
-    alignas(64) std::atomic<std::uint64_t> committed[kChunks] = {};
-    std::uint64_t prefaulted = 0;  // by the writer
+    alignas(64) std::atomic<std::uint64_t> freeSlots[kSlotWords];  // a set bit is a free slot
+    // (chunk + 1) << 8 | slot, for the chunk that last took this entry.
+    alignas(64) std::atomic<std::uint64_t> slotOf[kSlots] = {};
+    alignas(64) std::atomic<std::uint64_t> committed[kSlots] = {};
+
+    alignas(64) std::atomic<std::uint64_t> populated[kSlotWords] = {};  // slots known to be faulted in
 
     // Callers waiting for room in the ring, and flush.
     std::mutex mutex;
@@ -166,23 +174,32 @@ struct FileLogger::State {
     int waiters = 0;
 
     void append(const LineParts& line, const std::shared_ptr<State>& self);
+    char* chunkAddress(std::uint64_t chunk);
+    std::uint64_t takeSlot();
+    void freeSlot(std::uint64_t slot);
     void waitForWritten(std::uint64_t position, const std::shared_ptr<State>& self);
-    void drain();
-    bool writeSome();  // true when there may be more complete text
+    std::uint64_t drain(bool partial);  // bytes written
+    std::uint64_t writeSome(bool partial);
+    void populate(std::uint64_t slot);
+    void prefault();
+    void releaseIdlePages();
+    bool caughtUp() const { return written.load(std::memory_order_acquire) == reserved.load(); }
     void reportWriteError(int code);
 };
 
 namespace {
 
 // The one writer thread of all file loggers. A state is queued at most once
-// at a time; the writer writes all complete text of the ring with as few
-// system calls as the kernel allows.
+// at a time and stays with the writer while its callers keep logging; the
+// writer writes its complete chunks with as few system calls as the kernel
+// allows.
 //
 // Waking a sleeping thread is a system call on the logging thread, so callers
-// avoid it: the writer dozes for a short while after each batch and keeps
-// coming back by itself until it has been idle for a while; only a writer
-// that fell asleep for good is woken by the next line. Much pending text or a
-// flush wakes it early.
+// avoid it: while text flows the writer keeps looking for it by itself,
+// yielding between looks; when none comes it writes what is left, dozes for
+// short spells, and after a long idle spell gives its states back, returns
+// their idle pages and sleeps until the next line. Much pending text or a
+// flush wakes a dozing writer early.
 class FileQueue {
 public:
     static FileQueue& shared() {
@@ -198,75 +215,127 @@ public:
     void enqueue(std::shared_ptr<FileLogger::State> state) {
         std::lock_guard lock(_mutex);
         _ready.push_back(std::move(state));
-        if (_mode == Mode::asleep) _wake.notify_one();
+        if (_mode.load(std::memory_order_relaxed) != Mode::working) _wake.notify_one();
     }
 
-    // Asks for the pending text now rather than at the end of the doze.
+    bool dozing() const { return _mode.load(std::memory_order_relaxed) != Mode::working; }
+
+    // Asks for the pending text now, the incomplete last chunk included.
     void hurry() {
         std::lock_guard lock(_mutex);
         _hurry = true;
-        if (_mode != Mode::working) _wake.notify_one();
+        if (_mode.load(std::memory_order_relaxed) != Mode::working) _wake.notify_one();
     }
 
 private:
     enum class Mode { working, dozing, asleep };
+    static constexpr int kLooks = 64;  // yields between looks before the writer dozes
     static constexpr auto kDoze = std::chrono::milliseconds(2);
-    static constexpr int kIdleDozes = 25;
+    static constexpr int kIdleDozes = 50;
 
-    FileQueue() { std::thread([this] { run(); }).detach(); }
+    FileQueue() {
+        std::thread([this] {
+            pthread_setname_np(pthread_self(), "palomir-log");
+            run();
+        }).detach();
+    }
 
     void run() {
-        std::vector<std::shared_ptr<FileLogger::State>> batch;
+        std::vector<std::shared_ptr<FileLogger::State>> active;
+        int looks = 0;
+        int dozes = 0;
         std::unique_lock lock(_mutex);
         for (;;) {
-            if (_ready.empty()) {
-                _mode = Mode::dozing;
-                _done.notify_all();
-                for (int i = 0; i < kIdleDozes && _ready.empty(); ++i) _wake.wait_for(lock, kDoze);
-                if (_ready.empty()) {
-                    _mode = Mode::asleep;
-                    _wake.wait(lock, [this] { return !_ready.empty(); });
-                }
-            } else if (!_hurry) {
-                _mode = Mode::dozing;
-                _wake.wait_for(lock, kDoze, [this] { return _hurry; });
-            }
-            _hurry = false;
-            _mode = Mode::working;
-            batch.swap(_ready);
+            for (auto& state : _ready) active.push_back(std::move(state));
+            _ready.clear();
+            const std::uint64_t round = ++_rounds;
+            const bool hurried = std::exchange(_hurry, false);
+            const bool quiet = looks >= kLooks;
+            _mode.store(Mode::working, std::memory_order_relaxed);
             lock.unlock();
-            for (auto& state : batch) state->drain();
-            batch.clear();  // the last reference to a destroyed logger's state closes its file here
+
+            std::uint64_t wrote = 0;
+            bool pending = false;
+            for (auto& state : active) {
+                wrote += state->drain(hurried || quiet);
+                pending = pending || !state->caughtUp();
+            }
+
+            if (wrote > 0 || hurried) {
+                looks = 0;
+                dozes = 0;
+            } else if (!quiet) {
+                ++looks;
+                std::this_thread::yield();
+            }
             lock.lock();
+            if (!pending && _ready.empty()) {
+                _cleanRound = round;
+                _done.notify_all();
+            }
+            if (!quiet || wrote > 0 || !_ready.empty() || _hurry) continue;
+
+            // Everything complete is written and nothing new came for a while.
+            if (++dozes < kIdleDozes) {
+                _mode.store(Mode::dozing, std::memory_order_relaxed);
+                _wake.wait_for(lock, kDoze, [this] { return _hurry || !_ready.empty(); });
+                continue;
+            }
+            lock.unlock();
+            release(active);
+            lock.lock();
+            dozes = 0;
+            if (!active.empty()) continue;
+            _mode.store(Mode::asleep, std::memory_order_relaxed);
+            looks = 0;
+            _wake.wait(lock, [this] { return _hurry || !_ready.empty(); });
         }
+    }
+
+    // Gives back the idle pages of states that went quiet and hands the
+    // states back to their callers, keeping those that logged meanwhile.
+    // The last reference to a destroyed logger's state closes its file here.
+    static void release(std::vector<std::shared_ptr<FileLogger::State>>& active) {
+        std::vector<std::shared_ptr<FileLogger::State>> keep;
+        for (auto& state : active) {
+            state->releaseIdlePages();
+            // A caller that saw `queued` set before it was cleared has its
+            // claim seen here; one that claimed later queues the state again.
+            state->queued.store(false);
+            if (!state->caughtUp() && !state->queued.exchange(true)) keep.push_back(std::move(state));
+        }
+        active.swap(keep);
     }
 
     // Lines logged just before the process ends still reach their files.
     void drainBeforeExit() {
         std::unique_lock lock(_mutex);
+        const std::uint64_t asked = _rounds;
         _hurry = true;
         _wake.notify_one();
-        _done.wait_for(lock, std::chrono::seconds(2), [this] { return _ready.empty() && _mode != Mode::working; });
+        _done.wait_for(lock, std::chrono::seconds(2), [&] { return _cleanRound > asked; });
     }
 
     std::mutex _mutex;
     std::condition_variable _wake;
     std::condition_variable _done;
     std::vector<std::shared_ptr<FileLogger::State>> _ready;
-    Mode _mode = Mode::working;
+    std::atomic<Mode> _mode{Mode::working};
     bool _hurry = false;
+    std::uint64_t _rounds = 0;      // rounds begun
+    std::uint64_t _cleanRound = 0;  // the last round that left nothing pending
 };
 
 }  // namespace
 
 FileLogger::State::State() {
-    void* memory = ::mmap(nullptr, kRingBytes, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE, -1, 0);
+    for (auto& word : freeSlots) word.store(~std::uint64_t{0}, std::memory_order_relaxed);
+    // Reserved address space only: pages become resident as text reaches them.
+    void* memory =
+        ::mmap(nullptr, kRingBytes, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE, -1, 0);
     if (memory != MAP_FAILED) {
         ring = static_cast<char*>(memory);
         mapped = true;
-#ifdef MADV_POPULATE_WRITE
-        if (::madvise(ring, kPrefaultAtStart, MADV_POPULATE_WRITE) == 0) prefaulted = kPrefaultAtStart;
-#endif
     } else {
         ring = new char[kRingBytes];
     }
@@ -281,25 +350,66 @@ FileLogger::State::~State() {
     }
 }
 
+// The lowest free slot, or kSlots when none is free.
+std::uint64_t FileLogger::State::takeSlot() {
+    for (std::uint64_t word = 0; word < kSlotWords; ++word) {
+        std::uint64_t free = freeSlots[word].load(std::memory_order_relaxed);
+        while (free != 0) {
+            const std::uint64_t bit = std::uint64_t{1} << std::countr_zero(free);
+            free = freeSlots[word].fetch_and(~bit, std::memory_order_acquire);
+            if ((free & bit) != 0) return word * 64 + static_cast<std::uint64_t>(std::countr_zero(bit));
+            free &= ~bit;
+        }
+    }
+    return kSlots;
+}
+
+void FileLogger::State::freeSlot(std::uint64_t slot) {
+    freeSlots[slot / 64].fetch_or(std::uint64_t{1} << (slot % 64), std::memory_order_release);
+}
+
+// The first caller into a chunk gives it a slot; the others find it there.
+// Every slot can be taken while a chunk has no slot yet only when another
+// caller has just given it one, or while the writer gives idle pages back.
+char* FileLogger::State::chunkAddress(std::uint64_t chunk) {
+    auto& entry = slotOf[chunk % kSlots];
+    const std::uint64_t tag = (chunk + 1) << 8;
+    std::uint64_t current = entry.load(std::memory_order_acquire);
+    while ((current & ~std::uint64_t{0xff}) != tag) {
+        const std::uint64_t slot = takeSlot();
+        if (slot == kSlots) {
+            std::this_thread::yield();
+            current = entry.load(std::memory_order_acquire);
+        } else if (entry.compare_exchange_strong(current, tag | slot, std::memory_order_acq_rel)) {
+            current = tag | slot;
+            // One system call instead of a fault per page when the writer has
+            // not got to it; the first chunk faults in only what a short-lived
+            // or quiet logger uses.
+            if (chunk > 0) populate(slot);
+        } else {
+            freeSlot(slot);
+        }
+    }
+    return ring + (current & 0xff) * kChunkBytes;
+}
+
 void FileLogger::State::append(const LineParts& line, const std::shared_ptr<State>& self) {
-    const std::uint64_t start = reserved.fetch_add(line.length, std::memory_order_relaxed);
+    const std::uint64_t start = reserved.fetch_add(line.length);
     const std::uint64_t end = start + line.length;
     for (std::uint64_t at = start; at < end;) {
         const std::uint64_t chunk = at / kChunkBytes;
         const std::uint64_t pieceEnd = std::min(end, (chunk + 1) * kChunkBytes);
-        // The chunk's place in the ring is free once the writer is past the
-        // chunk that held it one lap before.
-        const std::uint64_t free = (chunk + 1) * kChunkBytes;
-        if (free > kRingBytes && written.load(std::memory_order_acquire) < free - kRingBytes)
-            waitForWritten(free - kRingBytes, self);
+        // A chunk may start once the writer is past the chunk a lap before it.
+        if (chunk >= kSlots && written.load(std::memory_order_acquire) < (chunk + 1 - kSlots) * kChunkBytes)
+            waitForWritten((chunk + 1 - kSlots) * kChunkBytes, self);
         line.copy(static_cast<std::size_t>(at - start), static_cast<std::size_t>(pieceEnd - at),
-                  ring + at % kRingBytes);
-        committed[chunk % kChunks].fetch_add(pieceEnd - at);
+                  chunkAddress(chunk) + at % kChunkBytes);
+        committed[chunk % kSlots].fetch_add(pieceEnd - at, std::memory_order_release);
         at = pieceEnd;
     }
-    // A writer that cleared `queued` before this line was complete comes back for it.
+    // Seen together with the claim above by a writer that hands the state back.
     if (!queued.load() && !queued.exchange(true)) FileQueue::shared().enqueue(self);
-    if (start / kHurryBytes != end / kHurryBytes) FileQueue::shared().hurry();
+    if (start / kHurryBytes != end / kHurryBytes && FileQueue::shared().dozing()) FileQueue::shared().hurry();
 }
 
 void FileLogger::State::waitForWritten(std::uint64_t position, const std::shared_ptr<State>& self) {
@@ -315,43 +425,42 @@ void FileLogger::State::waitForWritten(std::uint64_t position, const std::shared
     --waiters;
 }
 
-void FileLogger::State::drain() {
-    queued.store(false);
-    while (writeSome()) {
+std::uint64_t FileLogger::State::drain(bool partial) {
+    std::uint64_t total = 0;
+    for (;;) {
+        const std::uint64_t wrote = writeSome(partial);
+        total += wrote;
+        if (wrote < kWriteChunks * kChunkBytes) break;
     }
+    if (total >= kPrefaultAfter) prefault();
+    return total;
 }
 
-bool FileLogger::State::writeSome() {
+std::uint64_t FileLogger::State::writeSome(bool partial) {
     const std::uint64_t from = written.load(std::memory_order_relaxed);
     std::uint64_t to = from;
-    // At most one write's worth, and never more than one lap: the chunk a lap
-    // after the first one shares its counter.
-    for (std::uint64_t chunk = from / kChunkBytes; to - from < kWriteBytes; ++chunk) {
-        const std::uint64_t chunkStart = chunk * kChunkBytes;
-        const std::uint64_t count = committed[chunk % kChunks].load();
-        if (count == kChunkBytes) {
-            to = chunkStart + kChunkBytes;
-            continue;
-        }
-        // The last chunk is taken as far as it is claimed when every claim in
-        // it is complete. The count is read before the claims: a count that
-        // includes a line implies a claimed end at least that far.
-        const std::uint64_t claimed = reserved.load(std::memory_order_acquire);
-        if (claimed < chunkStart + kChunkBytes && count == claimed - chunkStart) to = claimed;
-        break;
-    }
-    if (to == from) return false;
-
-    iovec parts[2];
+    iovec parts[kWriteChunks + 1];
     int partCount = 0;
-    const std::uint64_t first = from % kRingBytes;
-    const std::uint64_t size = to - from;
-    if (first + size <= kRingBytes) {
-        parts[partCount++] = {ring + first, static_cast<std::size_t>(size)};
-    } else {
-        parts[partCount++] = {ring + first, static_cast<std::size_t>(kRingBytes - first)};
-        parts[partCount++] = {ring, static_cast<std::size_t>(first + size - kRingBytes)};
+    // Whole chunks, and the last one as far as it is claimed when every
+    // claim in it is complete and incomplete chunks are wanted. The count is
+    // read before the claims: a count that includes a line implies a claimed
+    // end at least that far.
+    for (std::uint64_t chunk = from / kChunkBytes; partCount < static_cast<int>(kWriteChunks); ++chunk) {
+        const std::uint64_t chunkStart = chunk * kChunkBytes;
+        const std::uint64_t count = committed[chunk % kSlots].load(std::memory_order_acquire);
+        std::uint64_t end = chunkStart + kChunkBytes;
+        if (count != kChunkBytes) {
+            const std::uint64_t claimed = reserved.load(std::memory_order_acquire);
+            if (!partial || claimed >= end || count != claimed - chunkStart || claimed == to) break;
+            end = claimed;
+        }
+        const std::uint64_t slot = slotOf[chunk % kSlots].load(std::memory_order_acquire) & 0xff;
+        parts[partCount++] = {ring + slot * kChunkBytes + to % kChunkBytes, static_cast<std::size_t>(end - to)};
+        to = end;
+        if (end % kChunkBytes != 0) break;
     }
+    if (to == from) return 0;
+
     iovec* part = parts;
     while (partCount > 0) {
         ssize_t n = ::writev(fd, part, partCount);
@@ -372,29 +481,62 @@ bool FileLogger::State::writeSome() {
         }
     }
 
-    for (std::uint64_t chunk = from / kChunkBytes; (chunk + 1) * kChunkBytes <= to; ++chunk)
-        committed[chunk % kChunks].store(0, std::memory_order_relaxed);
+    for (std::uint64_t chunk = from / kChunkBytes; (chunk + 1) * kChunkBytes <= to; ++chunk) {
+        committed[chunk % kSlots].store(0, std::memory_order_relaxed);
+        freeSlot(slotOf[chunk % kSlots].load(std::memory_order_relaxed) & 0xff);
+    }
     {
         std::lock_guard lock(mutex);
         written.store(to, std::memory_order_release);
         if (waiters > 0) progressed.notify_all();
     }
+    return to - from;
+}
 
+// Faults in the slots the next chunks will take, so that callers rarely meet
+// a fresh page; a logger that has written little keeps to the pages it used.
+void FileLogger::State::prefault() {
 #ifdef MADV_POPULATE_WRITE
-    if (mapped && prefaulted < kRingBytes) {
-        const std::uint64_t claimed = reserved.load(std::memory_order_relaxed);
-        const std::uint64_t page = 4096;
-        const std::uint64_t target = std::min(kRingBytes, (claimed + kPrefaultAhead + page - 1) / page * page);
-        if (target > prefaulted) {
-            if (::madvise(ring + prefaulted, target - prefaulted, MADV_POPULATE_WRITE) == 0) {
-                prefaulted = target;
-            } else {
-                prefaulted = kRingBytes;  // not offered by this kernel
-            }
-        }
+    if (!mapped) return;
+    std::uint64_t wanted = kPrefaultSlots;
+    for (std::uint64_t word = 0; word < kSlotWords && wanted > 0; ++word) {
+        std::uint64_t free = freeSlots[word].load(std::memory_order_relaxed);
+        for (; free != 0 && wanted > 0; free &= free - 1, --wanted)
+            populate(word * 64 + static_cast<std::uint64_t>(std::countr_zero(free)));
     }
 #endif
-    return to - from >= kWriteBytes;
+}
+
+// Faulting in changes no byte, so a caller that writes into the slot
+// meanwhile loses nothing.
+void FileLogger::State::populate(std::uint64_t slot) {
+#ifdef MADV_POPULATE_WRITE
+    const std::uint64_t bit = std::uint64_t{1} << (slot % 64);
+    if (!mapped || (populated[slot / 64].load(std::memory_order_relaxed) & bit) != 0) return;
+    if (::madvise(ring + slot * kChunkBytes, kChunkBytes, MADV_POPULATE_WRITE) == 0)
+        populated[slot / 64].fetch_or(bit, std::memory_order_relaxed);
+#else
+    (void)slot;
+#endif
+}
+
+// Returns the pages of every free slot but the first, taking the slots out of
+// use while it does so that no caller writes into a page being dropped.
+void FileLogger::State::releaseIdlePages() {
+    if (!mapped) return;
+    for (std::uint64_t word = 0; word < kSlotWords; ++word) {
+        const std::uint64_t keep = word == 0 ? 1 : 0;
+        const std::uint64_t taken = freeSlots[word].fetch_and(keep, std::memory_order_acquire) & ~keep;
+        for (std::uint64_t rest = taken; rest != 0;) {
+            const auto first = static_cast<std::uint64_t>(std::countr_zero(rest));
+            std::uint64_t last = first;
+            while (last + 1 < 64 && ((rest >> (last + 1)) & 1)) ++last;
+            ::madvise(ring + (word * 64 + first) * kChunkBytes, (last - first + 1) * kChunkBytes, MADV_DONTNEED);
+            rest &= last + 1 < 64 ? ~((std::uint64_t{2} << last) - 1) : 0;
+        }
+        populated[word].fetch_and(~taken, std::memory_order_relaxed);
+        freeSlots[word].fetch_or(taken, std::memory_order_release);
+    }
 }
 
 void FileLogger::State::reportWriteError(int code) {
