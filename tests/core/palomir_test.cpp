@@ -182,10 +182,8 @@ TEST(NotesRendering, ListsQuotedEscapedDescriptions) {
 
 // --- the lockdown flow, with screens and windows that record what is asked of them
 
-struct Journal {
-    std::vector<std::string> entries;
-    void add(std::string entry) { entries.push_back(std::move(entry)); }
-};
+// What the fakes were asked to do, in order.
+using Journal = std::vector<std::string>;
 
 class FakeScreen : public LockdownScreen {
 public:
@@ -193,10 +191,10 @@ public:
     std::optional<Configuration> config() const override { return _config; }
     void setConfig(std::optional<Configuration> config) override {
         _config = std::move(config);
-        _journal.add("config " + std::to_string(_number));
+        _journal.push_back("config " + std::to_string(_number));
     }
     void dismiss(bool animated, std::function<void()>) override {
-        _journal.add("dismiss " + std::to_string(_number) + (animated ? " animated" : " still"));
+        _journal.push_back("dismiss " + std::to_string(_number) + (animated ? " animated" : " still"));
     }
     void setDismissCallback(std::function<void(DismissAction)> callback) override { dismissCallback = std::move(callback); }
     std::function<void(DismissAction)> dismissCallback;
@@ -211,7 +209,7 @@ class FakeRoot : public PresentingViewController {
 public:
     explicit FakeRoot(Journal& journal) : _journal(journal) {}
     void present(std::shared_ptr<ConfigurableViewController>, bool animated, std::function<void()> completion) override {
-        _journal.add(std::string("present ") + (animated ? "animated" : "still"));
+        _journal.push_back(std::string("present ") + (animated ? "animated" : "still"));
         completion();
     }
 
@@ -270,7 +268,7 @@ protected:
 TEST_F(LockdownFlow, WithoutAConfigurationTheAppIsOpenAndNoScreenIsTouched) {
     auto window = std::make_shared<FakeWindow>(_journal);
     EXPECT_EQ(run(window), LockdownResult::open());
-    EXPECT_TRUE(_journal.entries.empty());
+    EXPECT_TRUE(_journal.empty());
 }
 
 TEST_F(LockdownFlow, TheFirstLockdownIsAnimatedASecondReplacesItAndLiftingDismissesEveryScreen) {
@@ -279,11 +277,11 @@ TEST_F(LockdownFlow, TheFirstLockdownIsAnimatedASecondReplacesItAndLiftingDismis
     EXPECT_EQ(run(window), LockdownResult::lockedDown(LockdownType::hard));
     EXPECT_TRUE(window->screens[0]->config().has_value());
     EXPECT_EQ(run(window, false), LockdownResult::lockedDown(LockdownType::hard));
-    EXPECT_EQ(_journal.entries, (std::vector<std::string>{"config 1", "present animated", "dismiss 1 still", "config 2",
+    EXPECT_EQ(_journal, (std::vector<std::string>{"config 1", "present animated", "dismiss 1 still", "config 2",
                                                           "present still"}));
     hold(false, LockdownType::soft);
     EXPECT_EQ(run(window, false), LockdownResult::open());
-    EXPECT_EQ(std::vector<std::string>(_journal.entries.end() - 2, _journal.entries.end()),
+    EXPECT_EQ(std::vector<std::string>(_journal.end() - 2, _journal.end()),
               (std::vector<std::string>{"dismiss 1 animated", "dismiss 2 animated"}));
     EXPECT_EQ(Palomir::shared().viewControllers().size(), 2u);
 }
@@ -293,7 +291,7 @@ TEST_F(LockdownFlow, AWindowWithoutRootKeepsTheScreenButNeverCompletes) {
     auto window = std::make_shared<FakeWindow>(_journal, false);
     EXPECT_EQ(run(window), std::nullopt);
     EXPECT_EQ(Palomir::shared().viewControllers().size(), 1u);
-    EXPECT_EQ(_journal.entries, std::vector<std::string>{"config 1"});
+    EXPECT_EQ(_journal, std::vector<std::string>{"config 1"});
 }
 
 TEST_F(LockdownFlow, TheHostsDismissCallbackReachesTheScreen) {
