@@ -9,7 +9,9 @@
 #include <algorithm>
 #include <atomic>
 #include <cctype>
+#include <condition_variable>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <deque>
 #include <map>
@@ -53,9 +55,21 @@ void decodeExtensionsOnce(X509_STORE* store) {
     X509_STORE_unlock(store);
 }
 
-// Loading the system's certificate authorities costs milliseconds, so it is
-// done once per process; every session shares the result. The store is never
-// freed: network threads may still use it while the process ends.
+// Certificates are shared by reference, not parsed again.
+void addCertificates(X509_STORE* store, X509_STORE* from) {
+    if (!from) return;
+    X509_STORE_lock(from);
+    STACK_OF(X509_OBJECT)* objects = X509_STORE_get0_objects(from);
+    for (int i = 0; i < sk_X509_OBJECT_num(objects); ++i)
+        if (X509* certificate = X509_OBJECT_get0_X509(sk_X509_OBJECT_value(objects, i)))
+            X509_STORE_add_cert(store, certificate);
+    X509_STORE_unlock(from);
+}
+
+// Loading the system's certificate authorities costs milliseconds and about
+// a megabyte, so an eager load happens once per process and every session
+// shares the result. The store is never freed: network threads may still use
+// it while the process ends.
 X509_STORE* systemTrustStore() {
     static X509_STORE* const store = [] {
         X509_STORE* created = X509_STORE_new();
@@ -68,37 +82,66 @@ X509_STORE* systemTrustStore() {
     return store;
 }
 
-X509_STORE* buildTrustStore(const HttpSessionConfiguration& configuration) {
-    X509_STORE* system = configuration.trustSystemAnchors ? systemTrustStore() : nullptr;
-    X509_STORE* store = X509_STORE_new();
-    if (!store) return nullptr;
-    if (system) {
-        // Certificates are shared by reference, not parsed again.
-        X509_STORE_lock(system);
-        STACK_OF(X509_OBJECT)* objects = X509_STORE_get0_objects(system);
-        for (int i = 0; i < sk_X509_OBJECT_num(objects); ++i)
-            if (X509* certificate = X509_OBJECT_get0_X509(sk_X509_OBJECT_value(objects, i)))
-                X509_STORE_add_cert(store, certificate);
-        X509_STORE_unlock(system);
-    }
-    // An unreadable file adds nothing; chains that needed it then fail.
-    for (const auto& path : configuration.trustAnchors) X509_STORE_load_file(store, path.c_str());
-    decodeExtensionsOnce(store);
-    return store;
+bool isHashName(const std::string& name) {
+    // "<8 hex digits of the subject's hash>.<n>", as c_rehash names them.
+    if (name.size() < 10 || name[8] != '.') return false;
+    for (std::size_t i = 0; i < 8; ++i)
+        if (!std::isxdigit(static_cast<unsigned char>(name[i]))) return false;
+    for (std::size_t i = 9; i < name.size(); ++i)
+        if (!std::isdigit(static_cast<unsigned char>(name[i]))) return false;
+    return true;
 }
 
-// Merging the system's authorities with a host's own costs milliseconds and
-// every API client makes two sessions with the same anchors, so merged stores
-// are kept and shared. A file that changed since (another size or time of
-// modification) makes a new store.
-X509_STORE* makeTrustStore(const HttpSessionConfiguration& configuration) {
-    X509_STORE* system = configuration.trustSystemAnchors ? systemTrustStore() : nullptr;
-    if (system && configuration.trustAnchors.empty()) {
-        X509_STORE_up_ref(system);
-        return system;
+// The system's authorities are looked up by subject in the certificate
+// directory while a chain is verified, instead of loaded whole, when that
+// directory is hashed and holds everything the bundle file holds: the bundle
+// is missing or lies inside the directory (the usual layout, where both are
+// made from the same certificates). Any other layout is loaded eagerly.
+// Both locations honour the environment, as OpenSSL's defaults do.
+// Empty: load eagerly.
+std::string lazySystemDirectory() {
+    const auto fromEnvironment = [](const char* variable, const char* fallback) {
+        const char* value = std::getenv(variable);
+        return std::string(value && *value ? value : fallback);
+    };
+    const std::string file = fromEnvironment(X509_get_default_cert_file_env(), X509_get_default_cert_file());
+    const std::string directory = fromEnvironment(X509_get_default_cert_dir_env(), X509_get_default_cert_dir());
+    // Several directories, separated by colons, are left to the eager load.
+    if (directory.find(':') != std::string::npos) return {};
+
+    static std::mutex mutex;
+    static std::string decidedFor;
+    static std::string decision;
+    const std::string key = file + '\n' + directory;
+    std::lock_guard lock(mutex);
+    if (decidedFor == key) return decision;
+    std::error_code error;
+    const auto realDirectory = std::filesystem::canonical(directory, error);
+    bool lazy = !error && std::filesystem::is_directory(realDirectory, error);
+    if (lazy) {
+        const auto realFile = std::filesystem::canonical(file, error);
+        lazy = error ? !std::filesystem::exists(file, error) : realFile.parent_path() == realDirectory;
     }
-    std::string key = configuration.trustSystemAnchors ? "system" : "";
-    for (const auto& path : configuration.trustAnchors) {
+    if (lazy) {
+        lazy = false;
+        for (std::filesystem::directory_iterator entry(realDirectory, error), end; !error && entry != end;
+             entry.increment(error)) {
+            if (isHashName(entry->path().filename().string())) {
+                lazy = true;
+                break;
+            }
+        }
+    }
+    decidedFor = key;
+    decision = lazy ? directory : std::string();
+    return decision;
+}
+
+// The host's own authorities, read once per version of their files and
+// shared by reference between sessions.
+X509_STORE* anchorStore(const std::vector<std::filesystem::path>& anchors, bool withSystem) {
+    std::string key = withSystem ? "system" : "";
+    for (const auto& path : anchors) {
         std::error_code sizeError, timeError;
         const auto size = std::filesystem::file_size(path, sizeError);
         const auto modified = std::filesystem::last_write_time(path, timeError).time_since_epoch().count();
@@ -116,8 +159,12 @@ X509_STORE* makeTrustStore(const HttpSessionConfiguration& configuration) {
         X509_STORE_up_ref(store);
         return store;
     }
-    X509_STORE* store = buildTrustStore(configuration);
+    X509_STORE* store = X509_STORE_new();
     if (!store) return nullptr;
+    if (withSystem) addCertificates(store, systemTrustStore());
+    // An unreadable file adds nothing; chains that needed it then fail.
+    for (const auto& path : anchors) X509_STORE_load_file(store, path.c_str());
+    decodeExtensionsOnce(store);
     if (kept.size() == kKept) {
         // Sessions that use it hold their own reference.
         X509_STORE_free(kept.front().second);
@@ -125,6 +172,46 @@ X509_STORE* makeTrustStore(const HttpSessionConfiguration& configuration) {
     }
     kept.emplace_back(std::move(key), store);
     X509_STORE_up_ref(store);
+    return store;
+}
+
+// The trust store of one session.
+//
+// With the system's authorities looked up lazily, every session has a store
+// of its own: the look-up adds certificates to the store as it finds them,
+// and OpenSSL decodes a certificate's extensions on its first check, writing
+// into it, so such a store is used by the session's network thread alone.
+// The host's authorities in it are shared, decoded before sharing.
+//
+// Loaded eagerly, the system's authorities (merged with the host's, which
+// costs milliseconds, and every API client makes two sessions with the same
+// anchors) sit in stores shared between sessions, every certificate decoded
+// before any network thread sees it.
+X509_STORE* makeTrustStore(const HttpSessionConfiguration& configuration) {
+    const std::string lazyDirectory = configuration.trustSystemAnchors ? lazySystemDirectory() : std::string();
+    if (configuration.trustSystemAnchors && lazyDirectory.empty()) {
+        if (configuration.trustAnchors.empty()) {
+            X509_STORE* system = systemTrustStore();
+            if (system) X509_STORE_up_ref(system);
+            return system;
+        }
+        return anchorStore(configuration.trustAnchors, true);
+    }
+    X509_STORE* store = X509_STORE_new();
+    if (!store) return nullptr;
+    if (!configuration.trustAnchors.empty()) {
+        X509_STORE* anchors = anchorStore(configuration.trustAnchors, false);
+        if (!anchors) {
+            X509_STORE_free(store);
+            return nullptr;
+        }
+        addCertificates(store, anchors);
+        X509_STORE_free(anchors);
+    }
+    if (!lazyDirectory.empty() && X509_STORE_load_path(store, lazyDirectory.c_str()) != 1) {
+        X509_STORE_free(store);
+        return nullptr;
+    }
     return store;
 }
 
@@ -149,6 +236,62 @@ std::optional<std::string> headerValue(const HttpHeaders& headers, std::string_v
     }
     return joined;
 }
+
+namespace {
+
+// A session's thread, once the session is released and idle, waits a while
+// for the next session instead of ending: clients are rebuilt whenever
+// credentials change, and making a thread costs more than a whole warm
+// exchange. Never destroyed, as parked threads may wait on it while the
+// process ends.
+class NetworkThreads {
+public:
+    void run(std::function<void()> work) {
+        {
+            std::lock_guard lock(_mutex);
+            if (_parked > 0) {
+                --_parked;
+                _work.push_back(std::move(work));
+                _arrived.notify_one();
+                return;
+            }
+        }
+        std::thread([this, work = std::move(work)]() mutable { serve(std::move(work)); }).detach();
+    }
+
+private:
+    static constexpr std::size_t kParked = 2;
+    static constexpr std::chrono::seconds kLinger{10};
+
+    void serve(std::function<void()> work) {
+        for (;;) {
+            work();
+            // Drops what the work held (its session) before waiting.
+            work = nullptr;
+            std::unique_lock lock(_mutex);
+            if (_parked >= kParked) return;
+            ++_parked;
+            if (!_arrived.wait_for(lock, kLinger, [this] { return !_work.empty(); })) {
+                --_parked;
+                return;
+            }
+            work = std::move(_work.front());
+            _work.pop_front();
+        }
+    }
+
+    std::mutex _mutex;
+    std::condition_variable _arrived;
+    std::deque<std::function<void()>> _work;
+    std::size_t _parked = 0;  // threads waiting for work, less work handed to them
+};
+
+void runOnNetworkThread(std::function<void()> work) {
+    static auto& threads = *new NetworkThreads();
+    threads.run(std::move(work));
+}
+
+}  // namespace
 
 struct Transfer {
     HttpSession::Core* core = nullptr;
@@ -214,11 +357,12 @@ struct HttpSession::Core : std::enable_shared_from_this<HttpSession::Core> {
 
     void launch() {
         // The thread keeps the machinery alive until it is released and idle.
-        std::thread([core = shared_from_this()] {
+        runOnNetworkThread([core = shared_from_this()] {
             core->threadId.store(std::this_thread::get_id());
             pthread_setname_np(pthread_self(), core->configuration.label.substr(0, 15).c_str());
             core->run();
-        }).detach();
+            core->threadId.store({});
+        });
     }
 
     void release() {

@@ -99,8 +99,9 @@ struct HttpSessionConfiguration {
 /// the session runs. Redirects are not followed (a 3xx is a plain status).
 /// A task in flight keeps the session's machinery alive, so an exchange
 /// finishes and completes even after its owner dropped the session. The
-/// thread starts with the first task and ends once the session is released
-/// and idle.
+/// thread starts with the first task and leaves the session once it is
+/// released and idle; it then waits a few seconds for another new session
+/// before it ends.
 class HttpSession {
 public:
     static std::shared_ptr<HttpSession> make(HttpSessionConfiguration configuration = {});

@@ -66,8 +66,15 @@ TEST_F(SessionTest, SendsMethodHeadersAndBodyAndReturnsTheResponse) {
     EXPECT_TRUE(seen.headerValues("Expect").empty());
 }
 
-TEST_F(SessionTest, MethodsWithoutBody) {
-    auto server = serve();
+TEST_F(SessionTest, MethodsWithoutBodyAndRedirectsThatAreNotFollowed) {
+    auto server = serve([](const RecordedRequest& request) {
+        TestResponse response;
+        if (request.path == "/start") {
+            response.status = 302;
+            response.headers = {{"Location", "/elsewhere"}};
+        }
+        return response;
+    });
     auto session = HttpSession::make(trusting());
     for (const std::string method : {"GET", "DELETE", "PUT"}) {
         HttpRequest request = get(server->url("/m"));
@@ -75,12 +82,18 @@ TEST_F(SessionTest, MethodsWithoutBody) {
         const Outcome outcome = perform(session, request);
         ASSERT_TRUE(outcome.response) << method << ": " << outcome.errorText();
     }
+    const Outcome redirected = perform(session, get(server->url("/start")));
+    ASSERT_TRUE(redirected.response) << redirected.errorText();
+    EXPECT_EQ(redirected.response->status, 302);
+    EXPECT_EQ(redirected.response->header("Location"), "/elsewhere");
+
     const auto seen = server->requests();
-    ASSERT_EQ(seen.size(), 3u);
+    ASSERT_EQ(seen.size(), 4u);
     EXPECT_EQ(seen[0].method, "GET");
     EXPECT_EQ(seen[1].method, "DELETE");
     EXPECT_EQ(seen[2].method, "PUT");
     EXPECT_EQ(seen[2].headerValues("Content-Length"), std::vector<std::string>{"0"});
+    EXPECT_EQ(seen[3].path, "/start");
 }
 
 TEST_F(SessionTest, UploadTaskStreamsTheSharedBytesAsAPut) {
@@ -102,32 +115,6 @@ TEST_F(SessionTest, UploadTaskStreamsTheSharedBytesAsAPut) {
     EXPECT_EQ(seen.headerValues("Content-MD5"), std::vector<std::string>{"abc=="});
     EXPECT_TRUE(seen.headerValues("Expect").empty());
     EXPECT_TRUE(seen.body == std::string(bytes->begin(), bytes->end()));
-}
-
-TEST_F(SessionTest, RedirectIsNotFollowed) {
-    auto server = serve([](const RecordedRequest&) {
-        TestResponse response;
-        response.status = 302;
-        response.headers = {{"Location", "/elsewhere"}};
-        return response;
-    });
-    auto session = HttpSession::make(trusting());
-    const Outcome outcome = perform(session, get(server->url("/start")));
-    ASSERT_TRUE(outcome.response) << outcome.errorText();
-    EXPECT_EQ(outcome.response->status, 302);
-    EXPECT_EQ(outcome.response->header("Location"), "/elsewhere");
-    EXPECT_EQ(server->requests().size(), 1u);
-}
-
-TEST_F(SessionTest, ConnectionIsReusedWithinTheSession) {
-    auto server = serve();
-    auto session = HttpSession::make(trusting());
-    ASSERT_TRUE(perform(session, get(server->url("/1"))).response);
-    ASSERT_TRUE(perform(session, get(server->url("/2"))).response);
-    const auto seen = server->requests();
-    ASSERT_EQ(seen.size(), 2u);
-    EXPECT_EQ(seen[0].remotePort, seen[1].remotePort);
-    EXPECT_EQ(server->completedHandshakes(), 1u);
 }
 
 TEST_F(SessionTest, ALaterExchangeCarriesNothingOfAnEarlierOne) {
@@ -152,6 +139,7 @@ TEST_F(SessionTest, ALaterExchangeCarriesNothingOfAnEarlierOne) {
 
     const Outcome invalid = perform(session, get("not a url"));
     ASSERT_TRUE(invalid.error);
+    EXPECT_EQ(invalid.error->kind, HttpError::Kind::invalidRequest);
     EXPECT_EQ(invalid.error->message, "Invalid URL: not a url");
 
     const Outcome plain = perform(session, get(server->url("/get")));
@@ -170,7 +158,9 @@ TEST_F(SessionTest, ALaterExchangeCarriesNothingOfAnEarlierOne) {
     EXPECT_TRUE(last.headerValues("Content-Type").empty());
     EXPECT_TRUE(last.headerValues("Content-Length").empty());
     EXPECT_TRUE(last.headerValues("X-Only-Once").empty());
+    // One connection carried them all.
     EXPECT_EQ(server->completedHandshakes(), 1u);
+    EXPECT_EQ(seen[0].remotePort, last.remotePort);
 }
 
 TEST_F(SessionTest, CachePolicyThatReloadsAsksCachesForAFreshAnswer) {
@@ -188,7 +178,8 @@ struct SizeCase {
     std::string name;
     std::size_t bytes;
     bool chunked;
-    bool accepted;
+    std::optional<std::size_t> limit;  // none: the default
+    std::string refusal;               // empty: accepted
 };
 
 class BodySizeTest : public SessionTest, public ::testing::WithParamInterface<SizeCase> {};
@@ -204,89 +195,81 @@ TEST_P(BodySizeTest, BodiesOverTheLimitAreRefused) {
         return response;
     });
     HttpSessionConfiguration configuration = trusting();
-    configuration.maxBodySize = 100'000;
+    if (c.limit) configuration.maxBodySize = *c.limit;
     auto session = HttpSession::make(configuration);
     const Outcome outcome = perform(session, get(server->url("/big")));
-    if (c.accepted) {
+    if (c.refusal.empty()) {
         ASSERT_TRUE(outcome.response) << outcome.errorText();
         EXPECT_EQ(outcome.response->body.size(), c.bytes);
     } else {
         ASSERT_TRUE(outcome.error);
         EXPECT_EQ(outcome.error->kind, HttpError::Kind::tooLarge);
-        EXPECT_EQ(outcome.error->message, "The response body is larger than 100000 bytes");
+        EXPECT_EQ(outcome.error->message, c.refusal);
     }
 }
 
-INSTANTIATE_TEST_SUITE_P(Limits, BodySizeTest,
-                         ::testing::Values(SizeCase{"AtTheLimit", 100'000, false, true},
-                                           SizeCase{"OneOverWithLength", 100'001, false, false},
-                                           SizeCase{"ChunkedAtTheLimit", 100'000, true, true},
-                                           SizeCase{"ChunkedOver", 300'000, true, false}),
-                         [](const auto& info) { return info.param.name; });
+const std::string kOverLimit = "The response body is larger than 100000 bytes";
 
-TEST_F(SessionTest, DefaultLimitIsTenMegabytes) {
-    auto server = serve([](const RecordedRequest&) {
-        TestResponse response;
-        response.chunkedBytes = 10 * 1024 * 1024 + 1;
-        return response;
-    });
-    auto session = HttpSession::make(trusting());
-    const Outcome outcome = perform(session, get(server->url("/huge")));
-    ASSERT_TRUE(outcome.error);
-    EXPECT_EQ(outcome.error->message, "The response body is larger than 10485760 bytes");
-}
+INSTANTIATE_TEST_SUITE_P(
+    Limits, BodySizeTest,
+    ::testing::Values(SizeCase{"AtTheLimit", 100'000, false, 100'000, ""},
+                      SizeCase{"OneOverWithLength", 100'001, false, 100'000, kOverLimit},
+                      SizeCase{"ChunkedAtTheLimit", 100'000, true, 100'000, ""},
+                      SizeCase{"ChunkedOver", 300'000, true, 100'000, kOverLimit},
+                      SizeCase{"DefaultIsTenMegabytes", 10 * 1024 * 1024 + 1, true, std::nullopt,
+                               "The response body is larger than 10485760 bytes"}),
+    [](const auto& info) { return info.param.name; });
 
-TEST(SessionTimeouts, IdleLimitEndsAStalledExchange) {
-    FaultServer server({"", std::chrono::milliseconds(0), true});
-    HttpSessionConfiguration configuration;
-    configuration.idleTimeout = std::chrono::seconds(1);
-    configuration.totalTimeout = std::chrono::seconds(5);
-    auto session = HttpSession::make(configuration);
-    const Outcome outcome = perform(session, get(server.url("/checkin")));
-    ASSERT_TRUE(outcome.error);
-    EXPECT_EQ(outcome.error->kind, HttpError::Kind::timedOut);
-    EXPECT_EQ(outcome.error->message, "The request timed out: no data for 1000 ms");
-    EXPECT_GE(outcome.seconds, 0.9);
-    EXPECT_LT(outcome.seconds, 4.0);
-}
+// 100 body bytes at one per 200 ms would take 20 s; each byte resets the
+// idle limit, so only the total limit can end such an exchange.
+const std::string kDripHead = "HTTP/1.1 200 OK\r\nContent-Length: 100\r\n\r\n";
+const FaultServer::Behaviour kDripping{kDripHead + std::string(100, 'x'), std::chrono::milliseconds(200), true,
+                                       kDripHead.size()};
+const FaultServer::Behaviour kStalled{"", std::chrono::milliseconds(0), true};
 
-TEST(SessionTimeouts, RequestMayShortenTheIdleLimit) {
-    FaultServer server({"", std::chrono::milliseconds(0), true});
-    auto session = HttpSession::make({});
-    HttpRequest request = get(server.url("/"));
-    request.idleTimeout = std::chrono::milliseconds(300);
-    const Outcome outcome = perform(session, request);
-    ASSERT_TRUE(outcome.error);
-    EXPECT_EQ(outcome.error->message, "The request timed out: no data for 300 ms");
-    EXPECT_LT(outcome.seconds, 3.0);
-}
+struct TimeoutCase {
+    std::string name;
+    FaultServer::Behaviour server;
+    std::optional<std::chrono::milliseconds> requestLimit;  // shortens the session's idle 1 s
+    std::string message;
+    double atLeast;
+    double below;
+};
 
-TEST(SessionTimeouts, TotalLimitEndsAnExchangeThatKeepsDripping) {
-    // 100 body bytes at one per 200 ms would take 20 s; each byte resets the
-    // idle limit, so only the total limit can end it.
-    const std::string head = "HTTP/1.1 200 OK\r\nContent-Length: 100\r\n\r\n";
-    FaultServer server({head + std::string(100, 'x'), std::chrono::milliseconds(200), true, head.size()});
+class SessionTimeouts : public ::testing::TestWithParam<TimeoutCase> {};
+
+TEST_P(SessionTimeouts, EndTheExchange) {
+    const TimeoutCase& c = GetParam();
+    FaultServer server(c.server);
     HttpSessionConfiguration configuration;
     configuration.idleTimeout = std::chrono::seconds(1);
     configuration.totalTimeout = std::chrono::seconds(3);
     auto session = HttpSession::make(configuration);
-    const Outcome outcome = perform(session, get(server.url("/checkin")));
+    HttpRequest request = get(server.url("/checkin"));
+    request.idleTimeout = c.requestLimit;
+    const Outcome outcome = perform(session, request);
     ASSERT_TRUE(outcome.error);
     EXPECT_EQ(outcome.error->kind, HttpError::Kind::timedOut);
-    EXPECT_EQ(outcome.error->message, "The request timed out: not complete after 3000 ms");
-    EXPECT_GE(outcome.seconds, 2.9);
-    EXPECT_LT(outcome.seconds, 7.0);
+    EXPECT_EQ(outcome.error->message, c.message);
+    EXPECT_GE(outcome.seconds, c.atLeast);
+    EXPECT_LT(outcome.seconds, c.below);
 }
+
+INSTANTIATE_TEST_SUITE_P(
+    Limits, SessionTimeouts,
+    ::testing::Values(
+        TimeoutCase{"IdleStalled", kStalled, std::nullopt, "The request timed out: no data for 1000 ms", 0.9, 2.9},
+        TimeoutCase{"IdleShortenedByTheRequest", kStalled, std::chrono::milliseconds(300),
+                    "The request timed out: no data for 300 ms", 0.25, 0.9},
+        TimeoutCase{"TotalDripping", kDripping, std::nullopt, "The request timed out: not complete after 3000 ms",
+                    2.9, 7.0}),
+    [](const auto& info) { return info.param.name; });
 
 TEST(SessionErrors, TransportFailuresAreReported) {
     auto session = HttpSession::make({});
-    const Outcome invalid = perform(session, get("not a url"));
-    ASSERT_TRUE(invalid.error);
-    EXPECT_EQ(invalid.error->kind, HttpError::Kind::invalidRequest);
-    EXPECT_EQ(invalid.error->message, "Invalid URL: not a url");
-
     const Outcome scheme = perform(session, get("ftp://127.0.0.1/file"));
     ASSERT_TRUE(scheme.error);
+    EXPECT_EQ(scheme.error->kind, HttpError::Kind::invalidRequest);
     EXPECT_EQ(scheme.error->message, "Unsupported URL scheme: ftp");
 
     int port = 0;
