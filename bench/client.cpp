@@ -11,6 +11,7 @@
 //  - the stripped size of the shared library.
 #include <benchmark/benchmark.h>
 #include <spawn.h>
+#include <sys/mman.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -18,8 +19,10 @@
 #include <algorithm>
 #include <atomic>
 #include <chrono>
+#include <cmath>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <filesystem>
 #include <map>
 #include <memory>
@@ -29,6 +32,7 @@
 #include <string>
 #include <vector>
 
+#include "palomir/bundle.hpp"
 #include "palomir/client.hpp"
 #include "palomir/model.hpp"
 #include "palomir_test/tls.hpp"
@@ -327,6 +331,189 @@ void BM_ColdStart(benchmark::State& state) {
 }
 BENCHMARK(BM_ColdStart)->Name("ColdStart/shared")->Iterations(1)->UseManualTime()->Unit(benchmark::kMicrosecond);
 
+// ---------------------------------------------------------------------------
+// c'. Where the added resident memory lies: /proc/self/smaps before the
+// client's first use and after its first check-in, in a child process that
+// runs this program again (see residentChild below).
+
+struct Pages {
+    double file = 0;       // KiB of the mapping's file resident
+    double anonymous = 0;  // KiB of private pages: heap, stacks, copied-on-write data
+};
+
+// Resident pages per mapping name: a file's name (several mappings of one
+// library add up), or the kernel's label for anonymous regions ("[heap]",
+// "[stack]", or "[anonymous]" for unnamed ones).
+std::map<std::string, Pages> residentByMapping() {
+    std::map<std::string, Pages> pages;
+    FILE* smaps = std::fopen("/proc/self/smaps", "r");
+    if (!smaps) return pages;
+    char line[512];
+    std::string current;
+    double rss = 0;
+    auto flush = [&] {
+        if (current.empty()) return;
+        pages[current].file += rss;  // the anonymous part is taken off below
+    };
+    while (std::fgets(line, sizeof line, smaps)) {
+        unsigned long from = 0, to = 0;
+        char path[400] = "";
+        if (std::sscanf(line, "%lx-%lx %*s %*s %*s %*s %399[^\n]", &from, &to, path) >= 2) {
+            flush();
+            rss = 0;
+            const std::string name = path;
+            current = name.empty() ? "[anonymous]" : std::filesystem::path(name).filename().string();
+            if (name.rfind('[', 0) == 0) current = name;
+            continue;
+        }
+        double kb = 0;
+        if (std::sscanf(line, "Rss: %lf kB", &kb) == 1) rss = kb;
+        if (std::sscanf(line, "Anonymous: %lf kB", &kb) == 1) {
+            pages[current].anonymous += kb;
+            rss -= kb;
+        }
+    }
+    flush();
+    std::fclose(smaps);
+    // Regions without a file hold only anonymous pages.
+    for (auto& [name, p] : pages)
+        if (name.rfind('[', 0) == 0) p.file = 0;
+    return pages;
+}
+
+constexpr const char* kBreakdownFlag = "--resident-breakdown";
+
+// Unmaps the resident pages of read-only file mappings that hold nothing of
+// their own (no copied-on-write page), so that the next use maps them again
+// from the page cache: afterwards, a library's resident pages are the ones
+// the code run since has touched, whatever ran before. Writable mappings,
+// and relocated ones, keep their pages.
+void forgetReadOnlyFilePages() {
+    struct Range {
+        unsigned long from, to;
+        bool candidate;
+    };
+    std::vector<Range> ranges;
+    FILE* smaps = std::fopen("/proc/self/smaps", "r");
+    if (!smaps) return;
+    char line[512];
+    while (std::fgets(line, sizeof line, smaps)) {
+        unsigned long from = 0, to = 0;
+        char permissions[8] = "", path[400] = "";
+        if (std::sscanf(line, "%lx-%lx %7s %*s %*s %*s %399[^\n]", &from, &to, permissions, path) >= 3) {
+            ranges.push_back({from, to, path[0] == '/' && std::strchr(permissions, 'w') == nullptr});
+            continue;
+        }
+        int anonymous = 0;
+        if (!ranges.empty() && std::sscanf(line, "Anonymous: %d kB", &anonymous) == 1 && anonymous > 0)
+            ranges.back().candidate = false;
+    }
+    std::fclose(smaps);
+    for (const Range& range : ranges)
+        if (range.candidate) madvise(reinterpret_cast<void*>(range.from), range.to - range.from, MADV_DONTNEED);
+}
+
+// The child: the same steps as the cold-start helper, with the split.
+int residentChild(char** argv) {
+    forgetReadOnlyFilePages();
+    const auto before = residentByMapping();
+    // A host describes itself in its main bundle (the helper in an Info.json
+    // beside it).
+    palomir::Bundle::setMain(palomir::Bundle(json{{"CFBundleIdentifier", "io.palomir.bench"},
+                                                  {"CFBundleDisplayName", "Palomir Bench"},
+                                                  {"CFBundleShortVersionString", "1.0.0"},
+                                                  {"CFBundleVersion", "100"}},
+                                             std::nullopt));
+    Palomir& client = Palomir::shared();
+    palomir::BackendOptions options;
+    options.baseURL = argv[2];
+    options.trustAnchors = {argv[3]};
+    options.resourceDirectory = argv[4];
+    client.setBackend(options);
+    client.setAppCredentials(palomir::AppCredentials{"0b5c4f0e9a6d4e2f8c1a7b3d5e9f1a2b", "5f1e3c9a7b2d4e6f8a0c1b3d5e7f9a2c"});
+    std::atomic<int> done{0};
+    bool ok = false;
+    auto queue = DispatchQueue::makeSerial("bench.breakdown");
+    client.checkin(queue, [&](palomir::Result<Configuration, palomir::Error> result) {
+        ok = result.hasValue();
+        done.store(1);
+        done.notify_one();
+    });
+    done.wait(0);
+    auto after = residentByMapping();
+    for (const auto& [name, was] : before) {
+        after[name].file -= was.file;
+        after[name].anonymous -= was.anonymous;
+    }
+    for (const auto& [name, added] : after)
+        if (added.file != 0 || added.anonymous != 0) std::printf("mapping\t%s\t%.0f\t%.0f\n", name.c_str(), added.file, added.anonymous);
+    return ok ? 0 : 1;
+}
+
+std::optional<std::map<std::string, Pages>> residentBreakdown(const std::vector<std::string>& arguments,
+                                                              const std::filesystem::path& cacheHome) {
+    const std::filesystem::path output = cacheHome / "breakdown.out";
+    std::string command = "XDG_CACHE_HOME='" + cacheHome.string() + "' '" +
+                          std::filesystem::read_symlink("/proc/self/exe").string() + "' " + kBreakdownFlag;
+    for (const auto& argument : arguments) command += " '" + argument + "'";
+    command += " > '" + output.string() + "' 2>&1";
+    if (std::system(command.c_str()) != 0) return std::nullopt;
+    std::map<std::string, Pages> pages;
+    FILE* file = std::fopen(output.c_str(), "r");
+    if (!file) return std::nullopt;
+    char line[512], name[400];
+    double fileKb = 0, anonymousKb = 0;
+    // Other lines are the client's console log.
+    while (std::fgets(line, sizeof line, file))
+        if (std::sscanf(line, "mapping\t%399[^\t]\t%lf\t%lf", name, &fileKb, &anonymousKb) == 3)
+            pages[name] = Pages{fileKb, anonymousKb};
+    std::fclose(file);
+    return pages;
+}
+
+// Per mapping, the median of the runs (a mapping missing from a run added
+// nothing in it).
+std::map<std::string, Pages> medianBreakdown(const std::vector<std::map<std::string, Pages>>& runs) {
+    std::map<std::string, Pages> median;
+    for (const auto& run : runs)
+        for (const auto& entry : run) median[entry.first];
+    for (auto& [name, pages] : median) {
+        std::vector<double> file, anonymous;
+        for (const auto& run : runs) {
+            const auto found = run.find(name);
+            file.push_back(found == run.end() ? 0 : found->second.file);
+            anonymous.push_back(found == run.end() ? 0 : found->second.anonymous);
+        }
+        pages = Pages{percentile(file, 0.5), percentile(anonymous, 0.5)};
+    }
+    return median;
+}
+
+std::map<std::string, Pages> gBreakdown;
+
+void printBreakdown() {
+    if (gBreakdown.empty()) return;
+    std::vector<std::pair<std::string, Pages>> rows(gBreakdown.begin(), gBreakdown.end());
+    std::sort(rows.begin(), rows.end(), [](const auto& a, const auto& b) {
+        return a.second.file + a.second.anonymous > b.second.file + b.second.anonymous;
+    });
+    std::printf("\nResident memory added up to the first check-in, by mapping (KiB, median of %d fresh processes)\n"
+                "Palomir is linked into this program; code pages of libraries count whether or not the program\n"
+                "had touched them before (their page tables are cleared first), so \"file\" is the code the\n"
+                "check-in runs through, more than the helper's figure, which leaves out pages touched at start-up.\n",
+                kResidentRuns);
+    std::printf("%-34s %10s %10s\n", "mapping", "file", "anonymous");
+    Pages total;
+    for (const auto& [name, pages] : rows) {
+        total.file += pages.file;
+        total.anonymous += pages.anonymous;
+        if (std::abs(pages.file) + std::abs(pages.anonymous) < 8) continue;
+        std::printf("%-34s %10.0f %10.0f\n", name.c_str(), pages.file, pages.anonymous);
+    }
+    std::printf("%-34s %10.0f %10.0f   (all mappings, %.0f in all)\n", "sum", total.file, total.anonymous,
+                total.file + total.anonymous);
+}
+
 void BM_ResidentMemory(benchmark::State& state) {
     auto pki = palomir_test::TestPki::make("palomir-bench");
     palomir_test::TempDir dir;
@@ -366,6 +553,20 @@ void BM_ResidentMemory(benchmark::State& state) {
     // (TLS, HTTP, ours) and are shared with every other process using them.
     gRows.push_back({"  of which anonymous", "KiB", percentile(anonymous, 0.5), std::nullopt, "-", true});
     gRows.push_back({"  of which mapped files", "KiB", percentile(file, 0.5), std::nullopt, "-", true});
+
+    // The same first check-in again, in a fresh copy of this program, split
+    // by mapping. Palomir is linked into this program, so its own code shows
+    // under the program's name, not the shared library's.
+    std::vector<std::map<std::string, Pages>> runs;
+    for (int i = 0; i < kResidentRuns; ++i) {
+        auto split = residentBreakdown({server.url("/api"), (dir / "ca.pem").string(), dir.path().string()}, dir.path());
+        if (!split) {
+            state.SkipWithError("the breakdown's check-in failed");
+            return;
+        }
+        runs.push_back(std::move(*split));
+    }
+    gBreakdown = medianBreakdown(runs);
 }
 BENCHMARK(BM_ResidentMemory)->Name("ResidentMemory/first_checkin")->Iterations(1)->UseManualTime();
 
@@ -407,6 +608,7 @@ void printSummary() {
 }  // namespace
 
 int main(int argc, char** argv) {
+    if (argc == 5 && std::string(argv[1]) == kBreakdownFlag) return residentChild(argv);
     // The shared client's log files go to a directory of this run.
     palomir_test::TempDir cache;
     setenv("XDG_CACHE_HOME", cache.path().c_str(), 1);
@@ -415,5 +617,6 @@ int main(int argc, char** argv) {
     benchmark::Shutdown();
     strippedSize();
     printSummary();
+    printBreakdown();
     return 0;
 }
