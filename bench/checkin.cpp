@@ -10,6 +10,10 @@
 // Warm: one connection kept open by each side. Cold: a new APIClient (new
 // sessions, new connection, full TLS handshake) against a new easy handle;
 // the certificate authorities are loaded once per process on both sides.
+// The network thread of the client dropped in the previous iteration waits a
+// few seconds for a new session, so cold clients after the first start on a
+// parked thread rather than a new one, as clients rebuilt after a change of
+// credentials do; the process's very first check-in makes its thread.
 // Iterations of the two sides alternate so that drift of the machine hits
 // both alike; each iteration is timed with steady_clock.
 #include <benchmark/benchmark.h>
