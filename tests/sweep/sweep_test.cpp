@@ -455,58 +455,38 @@ TEST_F(Sweep, EmptyAndLargeAttachmentsAreUploadedWithSizeAndChecksum) {
 }
 
 TEST_F(Sweep, UnreadableFilesAreLeftOutOfTheFeedback) {
-    startSandbox();
     palomir_test::TempDir files;
     std::ofstream(files / "kept.txt") << "kept";
     std::ofstream(files / "vanishing.txt") << "gone";
     fs::remove(files / "vanishing.txt");
     fs::create_directory(files / "a-directory");
-    auto result = feedbackFiles({files / "kept.txt", files / "vanishing.txt", files / "a-directory"});
-    ASSERT_TRUE(result.hasValue()) << result.error().errorDescription();
-    auto recorded = _sandbox->recordedFeedback();
-    ASSERT_EQ(recorded.size(), 1u);
-    ASSERT_EQ(recorded[0].attachments.size(), 1u);
-    EXPECT_EQ(recorded[0].attachments[0].filename, "kept.txt");
-    EXPECT_EQ(requestsTo("POST", "/api/direct_uploads"), 1u);
-}
-
-TEST_F(Sweep, AFileWithoutReadPermissionIsLeftOut) {
-    palomir_test::TempDir files;
     std::ofstream(files / "secret.txt") << "no";
     fs::permissions(files / "secret.txt", fs::perms::none);
-    if (std::ifstream(files / "secret.txt").is_open())
-        GTEST_SKIP() << "running with privileges that read a mode 000 file (root)";
+    // With privileges that read a mode 000 file (root) that file is sent too.
+    const bool secretReadable = std::ifstream(files / "secret.txt").is_open();
     startSandbox();
-    auto result = feedbackFiles({files / "secret.txt"});
+    auto result =
+        feedbackFiles({files / "kept.txt", files / "vanishing.txt", files / "a-directory", files / "secret.txt"});
     ASSERT_TRUE(result.hasValue()) << result.error().errorDescription();
     auto recorded = _sandbox->recordedFeedback();
     ASSERT_EQ(recorded.size(), 1u);
-    EXPECT_TRUE(recorded[0].attachments.empty());
+    ASSERT_EQ(recorded[0].attachments.size(), secretReadable ? 2u : 1u);
+    EXPECT_EQ(recorded[0].attachments[0].filename, "kept.txt");
+    EXPECT_EQ(requestsTo("POST", "/api/direct_uploads"), secretReadable ? 2u : 1u);
 }
 
-TEST_F(Sweep, MetadataOfEveryDynamicKindReachesTheBackend) {
+TEST_F(Sweep, NestedMetadataReachesTheBackend) {
     startSandbox();
     auto info = AppInfo::make(Bundle::main());
     ASSERT_TRUE(info.hasValue());
     auto appInfo = info.value();
     using A = AnyEncodable;
+    // Every kind's encoding is the model's business; here nested and
+    // widest values travel the whole way.
     appInfo.metadata = std::map<std::string, A>{
-        {"null", A::null()},
-        {"bool", A::boolean(true)},
-        {"i8", A::int8(-8)},
-        {"i16", A::int16(-16)},
-        {"i32", A::int32(-32)},
-        {"i64", A::int64(-6400000000LL)},
-        {"u8", A::uint8(8)},
-        {"u16", A::uint16(16)},
-        {"u32", A::uint32(32)},
         {"u64", A::uint64(18446744073709551615ULL)},
-        {"float", A::float_(1.5f)},
-        {"double", A::double_(2.25)},
-        {"string", A::string("text")},
         {"date", A::date(Date(std::chrono::milliseconds(1700000000123LL)))},
-        {"url", A::url(*Url::parse("https://example.com/a?b=c"))},
-        {"list", A::list({A::int32(1), A::string("two")})},
+        {"list", A::list({A::null(), A::string("two")})},
         {"map", A::map({{"inner", A::boolean(false)}})},
     };
     Palomir::shared().setAppInfo(appInfo);
@@ -515,44 +495,12 @@ TEST_F(Sweep, MetadataOfEveryDynamicKindReachesTheBackend) {
     ASSERT_EQ(recorded.size(), 1u);
     const auto& metadata = recorded[0].appInfo["metadata"];
     std::cout << "[observed] metadata " << metadata.dump() << "\n";
-    EXPECT_EQ(metadata, nlohmann::json::parse(R"({"null":null,"bool":true,"i8":-8,"i16":-16,"i32":-32,
-        "i64":-6400000000,"u8":8,"u16":16,"u32":32,"u64":18446744073709551615,"float":1.5,"double":2.25,
-        "string":"text","date":"2023-11-14T22:13:20.123Z","url":"https://example.com/a?b=c",
-        "list":[1,"two"],"map":{"inner":false}})"));
+    EXPECT_EQ(metadata, nlohmann::json::parse(R"({"u64":18446744073709551615,"date":"2023-11-14T22:13:20.123Z",
+        "list":[null,"two"],"map":{"inner":false}})"));
 
     ASSERT_TRUE(checkin().hasValue());
     auto body = nlohmann::json::parse(_sandbox->requests().back().body);
     EXPECT_EQ(body["app_info"]["metadata"], metadata);
-}
-
-TEST_F(Sweep, CredentialsChangedWhileRequestsAreUnderWayCompleteEachOnce) {
-    startSandbox();
-    _sandbox->setFault(sb::Route::any, fault("delay:300"));
-    std::vector<std::unique_ptr<Awaited<Configuration>>> checkins;
-    std::vector<std::unique_ptr<Awaited<Palomir::ServicesResult>>> lists;
-    std::vector<std::unique_ptr<Awaited<std::string, PalomirError>>> feedbacks;
-    auto& palomir = Palomir::shared();
-    for (int i = 0; i < 4; ++i) {
-        checkins.push_back(std::make_unique<Awaited<Configuration>>(_queue));
-        palomir.checkin(_queue, checkins.back()->completion());
-        lists.push_back(std::make_unique<Awaited<Palomir::ServicesResult>>(_queue));
-        palomir.services(_queue, lists.back()->completion());
-        feedbacks.push_back(std::make_unique<Awaited<std::string, PalomirError>>(_queue));
-        palomir.feedback("t", "m", "s", {Attachment::fromText("a.txt", std::nullopt, "x")}, {}, _queue,
-                         feedbacks.back()->completion());
-        switch (i) {
-            case 0: palomir.setUserCredentials(std::make_shared<StaticUserCredentials>("u1")); break;
-            case 1: palomir.setAppCredentials(std::nullopt); break;
-            case 2: palomir.setAppCredentials(AppCredentials{"sandbox-token", "sandbox-secret"}); break;
-            default:
-                palomir.setBackend(sandboxBackend());
-                break;
-        }
-    }
-    // Each Awaited checks exactly one call, on the queue, never inline.
-    for (auto& a : checkins) a->get(60s);
-    for (auto& a : lists) a->get(60s);
-    for (auto& a : feedbacks) a->get(60s);
 }
 
 // ---------------------------------------------------------------------------
