@@ -2,7 +2,6 @@
 
 #include <chrono>
 #include <fstream>
-#include <functional>
 #include <mutex>
 #include <thread>
 
@@ -24,20 +23,6 @@ protected:
         sb::SandboxOptions options;
         options.scenarioFile = kScenarios / "notes-only.json";
         startSandbox(options);
-    }
-
-    // A sandbox fault in its textual form, such as "status:500*1".
-    void fault(sb::Route route, const std::string& text) {
-        auto parsed = sb::Fault::parse(text);
-        ASSERT_TRUE(parsed.hasValue()) << parsed.error();
-        _sandbox->setFault(route, parsed.value());
-    }
-
-    template <class T>
-    Result<T, Error> fetch(const std::function<void(Palomir::Completion<T, Error>)>& call) {
-        Awaited<T> awaited(_queue);
-        call(awaited.completion());
-        return awaited.get();
     }
 };
 
@@ -120,9 +105,8 @@ TEST_F(ClientIntegration, AListFetchPostsTheListThenEachServiceInOrderAndAFailur
     Posts posts;
     center.addObserver(std::string(Palomir::servicesUpdated), nullptr, [&](const Notification& n) { posts.add(n); });
     center.addObserver(std::string(Palomir::serviceUpdated), nullptr, [&](const Notification& n) { posts.add(n); });
-    using SR = Palomir::ServicesResult;
 
-    auto result = fetch<SR>([&](auto done) { Palomir::shared().services(_queue, done); });
+    auto result = fetchServices();
     ASSERT_TRUE(result.hasValue()) << result.error().localizedDescription();
     EXPECT_EQ(result.value().first.size(), 4u);
     EXPECT_EQ(result.value().second, 60.0);
@@ -133,13 +117,13 @@ TEST_F(ClientIntegration, AListFetchPostsTheListThenEachServiceInOrderAndAFailur
     EXPECT_TRUE(_logger->contains("successfully fetched services:\n[Service(name: \"Sync\"", LogType::default_));
 
     // A single user service is announced but never changes the stored list.
-    auto single = fetch<Palomir::ServiceResult>([&](auto done) { Palomir::shared().service("photos", _queue, done); });
+    auto single = await<Palomir::ServiceResult>([&](auto done) { Palomir::shared().service("photos", _queue, done); });
     ASSERT_TRUE(single.hasValue());
     EXPECT_EQ(posts.entries.back(), "serviceUpdated:photos");
     EXPECT_EQ(Palomir::shared().services()->size(), 4u);
 
     fault(sb::Route::services, "status:503");
-    auto failed = fetch<SR>([&](auto done) { Palomir::shared().services(_queue, done); });
+    auto failed = fetchServices();
     ASSERT_TRUE(failed.hasError());
     EXPECT_EQ(*failed.error().apiError(), APIError::requestFailed(RequestError::badStatus(503)));
     EXPECT_EQ(Palomir::shared().services()->size(), 4u);
@@ -158,7 +142,7 @@ TEST_F(ClientIntegration, SystemServicesPostUnderOneNameAndASingleOneNeverChange
     center.addObserver(std::string(Palomir::systemServiceUpdated), nullptr,
                        [&](const Notification& n) { serviceObserver.add(n); });
     auto fetchAuth = [&] {
-        return fetch<Palomir::ServiceResult>([&](auto done) { Palomir::shared().systemService("auth", _queue, done); });
+        return await<Palomir::ServiceResult>([&](auto done) { Palomir::shared().systemService("auth", _queue, done); });
     };
     ASSERT_TRUE(fetchAuth().hasValue());
     ASSERT_TRUE(Palomir::shared().systemServices().has_value());
@@ -177,7 +161,7 @@ TEST_F(ClientIntegration, SystemServicesPostUnderOneNameAndASingleOneNeverChange
 
     listObserver.entries.clear();
     serviceObserver.entries.clear();
-    auto result = fetch<Palomir::ServicesResult>([&](auto done) { Palomir::shared().systemServices(_queue, done); });
+    auto result = await<Palomir::ServicesResult>([&](auto done) { Palomir::shared().systemServices(_queue, done); });
     ASSERT_TRUE(result.hasValue());
     const std::vector<std::string> expected{"systemServiceUpdated:list of 1", "systemServiceUpdated:auth"};
     EXPECT_EQ(listObserver.entries, expected);
@@ -193,25 +177,16 @@ public:
     int calls = 0;
 };
 
-Result<std::string, PalomirError> submit(const std::string& message, std::vector<Attachment> attachments,
-                                         std::vector<std::shared_ptr<AttachmentProvider>> providers,
-                                         std::shared_ptr<DispatchQueue> queue) {
-    Awaited<std::string, PalomirError> awaited(queue);
-    Palomir::shared().feedback("Crash on launch", message, "tester@example.com", std::move(attachments),
-                               std::move(providers), queue, awaited.completion());
-    return awaited.get();
-}
-
 TEST_F(ClientIntegration, FeedbackUploadsEveryFileAndNamesThemEvenWhenABytesUploadFails) {
     fault(sb::Route::directUploads, "status:500*1");
     fault(sb::Route::upload, "status:500*1");
 
     auto provider = std::make_shared<FilesProvider>();
-    auto result = submit("It crashes.",
-                         {Attachment::fromText("a.txt", std::nullopt, "first"),
-                          Attachment::fromText("b.json", std::nullopt, "{}"),
-                          Attachment::fromData("c.bin", "application/octet-stream", {1, 2, 3})},
-                         {provider}, _queue);
+    auto result = feedback("Crash on launch", "It crashes.",
+                           {Attachment::fromText("a.txt", std::nullopt, "first"),
+                            Attachment::fromText("b.json", std::nullopt, "{}"),
+                            Attachment::fromData("c.bin", "application/octet-stream", {1, 2, 3})},
+                           {provider});
     ASSERT_TRUE(result.hasValue()) << result.error().errorDescription();
     EXPECT_EQ(result.value(), "");
     EXPECT_EQ(provider->calls, 1);
@@ -239,7 +214,7 @@ class FeedbackMessages : public ClientIntegration, public ::testing::WithParamIn
 
 TEST_P(FeedbackMessages, LongMessagesTravelWholeAsAFile) {
     const std::string message(GetParam().length, 'm');
-    ASSERT_TRUE(submit(message, {}, {}, _queue).hasValue());
+    ASSERT_TRUE(feedback("Long", message, {}).hasValue());
     auto feedback = _sandbox->recordedFeedback();
     ASSERT_EQ(feedback.size(), 1u);
     EXPECT_EQ(feedback[0].message, message.substr(0, 1000));
@@ -261,7 +236,7 @@ INSTANTIATE_TEST_SUITE_P(Lengths, FeedbackMessages,
 TEST_F(ClientIntegration, TheClientAttachesItsOwnLogFiles) {
     // Palomir lives for the process; the provider list only borrows it.
     std::shared_ptr<AttachmentProvider> logs(&Palomir::shared(), [](AttachmentProvider*) {});
-    ASSERT_TRUE(submit("see logs", {}, {logs}, _queue).hasValue());
+    ASSERT_TRUE(feedback("Logs", "see logs", {}, {logs}).hasValue());
     auto feedback = _sandbox->recordedFeedback();
     ASSERT_EQ(feedback.size(), 1u);
     ASSERT_EQ(feedback[0].attachments.size(), 1u);

@@ -6,6 +6,7 @@
 
 #include <gtest/gtest.h>
 
+#include <chrono>
 #include <filesystem>
 #include <fstream>
 #include <memory>
@@ -106,6 +107,34 @@ protected:
         Awaited<Configuration> awaited(_queue);
         Palomir::shared().checkin(_queue, awaited.completion());
         return awaited.get();
+    }
+
+    // The one result of an asynchronous call handed a completion for `_queue`.
+    template <class T, class E = Error, class Call>
+    Result<T, E> await(Call&& call, std::chrono::seconds limit = std::chrono::seconds(60)) {
+        Awaited<T, E> awaited(_queue);
+        call(awaited.completion());
+        return awaited.get(limit);
+    }
+
+    Result<Palomir::ServicesResult, Error> fetchServices() {
+        return await<Palomir::ServicesResult>([this](auto done) { Palomir::shared().services(_queue, done); });
+    }
+
+    Result<std::string, PalomirError> feedback(const std::string& title, const std::string& message,
+                                               std::vector<Attachment> attachments,
+                                               std::vector<std::shared_ptr<AttachmentProvider>> providers = {}) {
+        return await<std::string, PalomirError>([&](auto done) {
+            Palomir::shared().feedback(title, message, "tester@example.com", std::move(attachments),
+                                       std::move(providers), _queue, done);
+        });
+    }
+
+    // A sandbox fault in its textual form, such as "status:500*1".
+    void fault(sandbox::Route route, const std::string& text) {
+        auto parsed = sandbox::Fault::parse(text);
+        ASSERT_TRUE(parsed.hasValue()) << parsed.error();
+        _sandbox->setFault(route, parsed.value());
     }
 
     std::size_t requestsTo(const std::string& method, const std::string& prefix) const {

@@ -54,24 +54,7 @@ std::string readFile(const fs::path& path) {
     return std::string((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
 }
 
-class Sweep : public SandboxClientTest {
-protected:
-    Result<std::string, PalomirError> feedback(const std::string& title, const std::string& message,
-                                               std::vector<Attachment> attachments,
-                                               std::vector<std::shared_ptr<AttachmentProvider>> providers = {}) {
-        Awaited<std::string, PalomirError> awaited(_queue);
-        Palomir::shared().feedback(title, message, "tester@example.com", std::move(attachments),
-                                   std::move(providers), _queue, awaited.completion());
-        return awaited.get(60s);
-    }
-
-    Result<std::string, PalomirError> feedbackFiles(const std::vector<fs::path>& files) {
-        Awaited<std::string, PalomirError> awaited(_queue);
-        Palomir::shared().feedback("Files", "with files", "tester@example.com", files, {}, _queue,
-                                   awaited.completion());
-        return awaited.get(60s);
-    }
-};
+class Sweep : public SandboxClientTest {};
 
 // ---------------------------------------------------------------------------
 // Hostile servers
@@ -109,16 +92,13 @@ protected:
         switch (endpoint) {
             case sb::Route::checkin: return {text(checkin()), requestsTo("PUT", "/api/checkin/")};
             case sb::Route::services: {
-                Awaited<Palomir::ServicesResult> awaited(_queue);
-                Palomir::shared().services(_queue, awaited.completion());
-                auto result = awaited.get(60s);
+                auto result = fetchServices();
                 if (result.hasValue()) _maxAge = result.value().second;
                 return {text(result), requestsTo("GET", "/api/services")};
             }
             case sb::Route::service: {
-                Awaited<Palomir::ServiceResult> awaited(_queue);
-                Palomir::shared().service("photos", _queue, awaited.completion());
-                auto result = awaited.get(60s);
+                auto result = await<Palomir::ServiceResult>(
+                    [this](auto done) { Palomir::shared().service("photos", _queue, done); });
                 if (result.hasValue()) _maxAge = result.value().second;
                 return {text(result), requestsTo("GET", "/api/services/photos")};
             }
@@ -465,8 +445,11 @@ TEST_F(Sweep, UnreadableFilesAreLeftOutOfTheFeedback) {
     // With privileges that read a mode 000 file (root) that file is sent too.
     const bool secretReadable = std::ifstream(files / "secret.txt").is_open();
     startSandbox();
-    auto result =
-        feedbackFiles({files / "kept.txt", files / "vanishing.txt", files / "a-directory", files / "secret.txt"});
+    const std::vector<fs::path> paths{files / "kept.txt", files / "vanishing.txt", files / "a-directory",
+                                      files / "secret.txt"};
+    auto result = await<std::string, PalomirError>([&](auto done) {
+        Palomir::shared().feedback("Files", "with files", "tester@example.com", paths, {}, _queue, done);
+    });
     ASSERT_TRUE(result.hasValue()) << result.error().errorDescription();
     auto recorded = _sandbox->recordedFeedback();
     ASSERT_EQ(recorded.size(), 1u);
@@ -615,9 +598,7 @@ TEST_F(Sweep, ALogFileDeletedWhileOpenKeepsTakingLines) {
     ::testing::internal::CaptureStdout();
     Palomir::shared().setConfiguration(std::nullopt);
     ASSERT_TRUE(checkin().hasValue());
-    Awaited<Palomir::ServicesResult> services(_queue);
-    palomir.services(_queue, services.completion());
-    ASSERT_TRUE(services.get().hasValue());
+    ASSERT_TRUE(fetchServices().hasValue());
     std::this_thread::sleep_for(300ms);
     std::fflush(stdout);
     const std::string printed = ::testing::internal::GetCapturedStdout();
@@ -645,16 +626,12 @@ TEST_F(Sweep, NeitherTheAppSecretNorTheUserTokenIsWrittenPrintedOrTheSecretSent)
     palomir.setUserCredentials(std::make_shared<StaticUserCredentials>(token));
 
     auto configuration = checkin();
-    Awaited<Palomir::ServicesResult> services(_queue);
-    palomir.services(_queue, services.completion());
-    auto list = services.get();
+    auto list = fetchServices();
     std::shared_ptr<AttachmentProvider> logs(&palomir, [](AttachmentProvider*) {});
     auto sent = feedback("Secrets", "message", {Attachment::fromText("a.txt", std::nullopt, "x")}, {logs});
     // A refused request too: its error text is logged.
-    _sandbox->setFault(sb::Route::services, fault(R"(status:401:{"error":"bad"})"));
-    Awaited<Palomir::ServicesResult> refused(_queue);
-    palomir.services(_queue, refused.completion());
-    refused.get();
+    fault(sb::Route::services, R"(status:401:{"error":"bad"})");
+    fetchServices();
     std::this_thread::sleep_for(300ms);
     std::fflush(stdout);
     const std::string printed = ::testing::internal::GetCapturedStdout() + ::testing::internal::GetCapturedStderr();
