@@ -86,7 +86,7 @@ protected:
 
 // The client helper trusts only the CA the sandbox made and wrote beside the
 // localhost certificate.
-TEST_F(SandboxTest, AcceptsACorrectSignatureWithTheDoubledContentTypeAndLogsTheRequest) {
+TEST_F(SandboxTest, AcceptsACorrectSignatureWithinTheClockToleranceAndLogsTheRequest) {
     EXPECT_EQ(sandbox->baseURL(), "https://localhost:" + std::to_string(sandbox->port()) + "/api");
     EXPECT_EQ(sandbox->certificateFile(), sandbox->bundleDirectory() / "localhost.crt");
     Reply reply = client->send("PUT", "/api/checkin/sandbox-token", R"({"app_info": {}})", {},
@@ -106,6 +106,9 @@ TEST_F(SandboxTest, AcceptsACorrectSignatureWithTheDoubledContentTypeAndLogsTheR
 
     // The signature is checked over the address the client used.
     EXPECT_EQ(SandboxClient(*sandbox, "127.0.0.1").send("GET", "/api/services/?page=2").status, 200);
+    // Clocks may differ by up to five minutes.
+    EXPECT_EQ(client->checkin(Signing{.clockOffset = -295}).status, 200);
+    EXPECT_EQ(client->checkin(Signing{.clockOffset = 295}).status, 200);
 }
 
 struct RefusedSignature {
@@ -145,11 +148,6 @@ INSTANTIATE_TEST_SUITE_P(
                                                   R"(oauth_timestamp="1")"},
                          "Unsupported signature method", "unsupported-method"}),
     [](const auto& info) { return info.param.name; });
-
-TEST_F(SandboxTest, AcceptsAtTheEdgeOfTheClockTolerance) {
-    EXPECT_EQ(client->checkin(Signing{.clockOffset = -295}).status, 200);
-    EXPECT_EQ(client->checkin(Signing{.clockOffset = 295}).status, 200);
-}
 
 TEST_F(SandboxTest, RefusesACheckinForAnotherTokenAndABodyWithoutAppInfo) {
     Reply other = client->send("PUT", "/api/checkin/another-app", R"({"app_info": {}})");
@@ -339,10 +337,6 @@ INSTANTIATE_TEST_SUITE_P(
     Sandbox, ScenarioRefusal,
     ::testing::Values(
         BadScenario{"NoteIdentifier", kBadNote, "configuration.notes[0].identifier: not a valid UUID"},
-        BadScenario{"MissingLockdown",
-                    R"({"configuration": {"version": "1", "theme": {"text_color": "#fff", "background_color": "#000"},
-                        "notes": []}})",
-                    "configuration.lockdown: missing required key"},
         BadScenario{"ServiceState",
                     R"({"configuration": {"version": "1", "theme": {"text_color": "#fff", "background_color": "#000"},
                         "notes": [], "lockdown": {"active": false, "latest_version": "1"}},
