@@ -71,14 +71,6 @@ TEST_P(Base64Refusal, RefusesMalformedText) { EXPECT_FALSE(crypto::base64Decode(
 INSTANTIATE_TEST_SUITE_P(Malformed, Base64Refusal,
                          ::testing::Values("Zg=", "Z===", "Zm9v\n", "Zg==Zg==", "Zm9*", "Zm 9", "=Zm9", "Zg=a"));
 
-TEST(RandomBytes, DrawsDiffer) {
-    std::array<std::uint8_t, 32> a{};
-    std::array<std::uint8_t, 32> b{};
-    crypto::randomBytes(a);
-    crypto::randomBytes(b);
-    EXPECT_NE(a, b);
-}
-
 TEST(Uuid, ParsesOnlyTheCanonicalFormInEitherCaseAndWritesUpperCase) {
     const auto uuid = Uuid::parse("e621e1f8-c36c-495a-93fc-0C247A3E6E5F");
     ASSERT_TRUE(uuid.has_value());
