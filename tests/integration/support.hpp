@@ -67,9 +67,11 @@ protected:
     /// Serves `options`' scenario (the outage example when none is named)
     /// with the caches in a temporary directory, and gives the client the
     /// sandbox's app credentials. `hostLogger` false keeps the client's own
-    /// console and file logger in place of the capturing one.
-    void startSandbox(sandbox::SandboxOptions options = {}, bool hostLogger = true) {
-        setCachesDirectory(_caches.path());
+    /// console and file logger in place of the capturing one; `caches`
+    /// replaces the temporary caches directory.
+    void startSandbox(sandbox::SandboxOptions options = {}, bool hostLogger = true,
+                      const std::optional<std::filesystem::path>& caches = std::nullopt) {
+        setCachesDirectory(caches.value_or(_caches.path()));
         setHostBundle();
         if (options.scenarioFile.empty() && options.scenarioJson.empty())
             options.scenarioFile = kScenarios / "outage.json";

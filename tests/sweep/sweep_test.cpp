@@ -541,27 +541,15 @@ TEST(Unconfigured, EveryOperationCompletesOnceWithMissingCredentials) {
 // ---------------------------------------------------------------------------
 // Faults around files
 
-TEST(FileFaults, ACachesDirectoryThatCannotBeMadeLeavesCheckinWorkingAndPrintsTheLoggerMessages) {
-    palomir_test::TempDir root, data, bundle;
+TEST_F(Sweep, ACachesDirectoryThatCannotBeMadeLeavesCheckinWorkingAndPrintsTheLoggerMessages) {
+    palomir_test::TempDir root;
     std::ofstream(root / "plain-file") << "not a directory";
-    setCachesDirectory(root / "plain-file" / "caches");
-    setHostBundle();
     sb::SandboxOptions options;
     options.scenarioFile = kScenarios / "notes-only.json";
-    options.dataDirectory = data.path();
-    options.bundleDirectory = bundle.path();
-    options.logRequests = false;
-    sb::Sandbox sandbox(options);
-    ASSERT_TRUE(sandbox.start().hasValue());
-
+    // The client is made, and the directory tried, inside startSandbox.
     ::testing::internal::CaptureStdout();
-    auto& palomir = Palomir::shared();
-    palomir.setBackend(BackendOptions{sandbox.baseURL(), {sandbox.caFile()}, sandbox.bundleDirectory()});
-    palomir.setAppCredentials(AppCredentials{"sandbox-token", "sandbox-secret"});
-    auto queue = DispatchQueue::makeSerial("test.delivery");
-    Awaited<Configuration> awaited(queue);
-    palomir.checkin(queue, awaited.completion());
-    auto result = awaited.get();
+    startSandbox(options, /*hostLogger=*/false, root / "plain-file" / "caches");
+    auto result = checkin();
     std::this_thread::sleep_for(200ms);
     std::fflush(stdout);
     const std::string printed = ::testing::internal::GetCapturedStdout();
@@ -571,7 +559,7 @@ TEST(FileFaults, ACachesDirectoryThatCannotBeMadeLeavesCheckinWorkingAndPrintsTh
     // "Palomir started", the exchange's debug record, the check-in notice.
     const std::string lost = "Palomir FileLogger: Error writing: no file I/O\n";
     EXPECT_EQ(printed, "Failed to create log directory Not a directory\n" + lost + lost + lost);
-    EXPECT_TRUE(palomir.logFiles().empty());
+    EXPECT_TRUE(Palomir::shared().logFiles().empty());
 }
 
 TEST_F(Sweep, ALogFileDeletedWhileOpenKeepsTakingLines) {
