@@ -15,6 +15,7 @@ namespace {
 
 using test::click;
 using test::colorOf;
+using test::text;
 
 ServiceMessage message(std::optional<std::string> light, std::optional<std::string> dark) {
     ServiceMessage m;
@@ -52,48 +53,30 @@ INSTANTIATE_TEST_SUITE_P(
                     ColourCase{UserInterfaceStyle::dark, "#FEF3C7", "#78350F", QColor(0x78, 0x35, 0x0F)},
                     ColourCase{UserInterfaceStyle::light, std::nullopt, std::nullopt, QColor(Qt::white)},
                     ColourCase{UserInterfaceStyle::dark, std::nullopt, std::nullopt, QColor(Qt::white)},
-                    ColourCase{UserInterfaceStyle::dark, "#FEF3C7", std::nullopt, QColor(Qt::white)}),
-    [](const auto& info) {
-        return std::string(info.param.style == UserInterfaceStyle::dark ? "dark" : "light") +
-               (info.param.light ? "_withLight" : "") + (info.param.dark ? "_withDark" : "");
-    });
+                    ColourCase{UserInterfaceStyle::dark, "#FEF3C7", std::nullopt, QColor(Qt::white)}));
 
-struct ToggleCase {
-    MessageViewLocation location;
-    bool collapsedFlipped;  // chevron points up while collapsed
-};
-
-class BannerToggleTest : public testing::TestWithParam<ToggleCase> {};
-
-TEST_P(BannerToggleTest, TwoPressesRestoreStateAndChevron) {
-    MessageViewController banner;
-    banner.setLocation(GetParam().location);
-    banner.setMessage(message(std::nullopt, std::nullopt));
-    const auto image = [&] { return banner.expandButton()->property("image").toUrl().toString(); };
-    const QString startImage = image();
-    EXPECT_EQ(banner.chevronFlipped(), GetParam().collapsedFlipped);
-    EXPECT_FALSE(banner.descriptionContainer()->isVisible());
-    EXPECT_EQ(banner.titleLabel()->property("maximumLineCount").toInt(), 1);
-
-    banner.expandButtonPressed();
-    EXPECT_TRUE(banner.descriptionContainer()->isVisible());
-    EXPECT_GT(banner.titleLabel()->property("maximumLineCount").toInt(), 1);
-    EXPECT_EQ(banner.chevronFlipped(), !GetParam().collapsedFlipped);
-    EXPECT_NE(image(), startImage);
-
-    click(banner.expandButton());
-    EXPECT_FALSE(banner.descriptionContainer()->isVisible());
-    EXPECT_EQ(banner.titleLabel()->property("maximumLineCount").toInt(), 1);
-    EXPECT_EQ(banner.chevronFlipped(), GetParam().collapsedFlipped);
-    EXPECT_EQ(image(), startImage);
+TEST(MessageViewControllerTest, TwoPressesRestoreStateAndChevronAtEitherLocation) {
+    for (auto location : {MessageViewLocation::top, MessageViewLocation::bottom}) {
+        // At the bottom the chevron points up while collapsed.
+        const bool collapsedFlipped = location == MessageViewLocation::bottom;
+        MessageViewController banner;
+        banner.setLocation(location);
+        banner.setMessage(message(std::nullopt, std::nullopt));
+        const auto image = [&] { return banner.expandButton()->property("image").toUrl().toString(); };
+        const QString startImage = image();
+        const auto expectState = [&](bool expanded) {
+            EXPECT_EQ(banner.descriptionContainer()->isVisible(), expanded);
+            EXPECT_EQ(banner.titleLabel()->property("maximumLineCount").toInt() > 1, expanded);
+            EXPECT_EQ(banner.chevronFlipped(), collapsedFlipped != expanded);
+            EXPECT_EQ(image() != startImage, expanded);
+        };
+        expectState(false);
+        banner.expandButtonPressed();
+        expectState(true);
+        click(banner.expandButton());
+        expectState(false);
+    }
 }
-
-INSTANTIATE_TEST_SUITE_P(Locations, BannerToggleTest,
-                         testing::Values(ToggleCase{MessageViewLocation::top, false},
-                                         ToggleCase{MessageViewLocation::bottom, true}),
-                         [](const auto& info) {
-                             return std::string(info.param.location == MessageViewLocation::top ? "top" : "bottom");
-                         });
 
 TEST(MessageViewControllerTest, TextsStylingAndMoreInfoOpeningTheUrlOnlyWhenThereIsOne) {
     test::UrlSink sink;
@@ -103,9 +86,9 @@ TEST(MessageViewControllerTest, TextsStylingAndMoreInfoOpeningTheUrlOnlyWhenTher
     EXPECT_DOUBLE_EQ(banner.view()->property("shadowRadius").toDouble(), 10.0);
     auto m = message(std::nullopt, std::nullopt);
     banner.setMessage(m);
-    EXPECT_EQ(banner.titleLabel()->property("text").toString(), QStringLiteral("Sync is paused"));
-    EXPECT_EQ(banner.descriptionLabel()->property("text").toString(), QStringLiteral("Changes are kept on this device."));
-    EXPECT_EQ(banner.moreInfoButton()->property("text").toString(), QStringLiteral("Status"));
+    EXPECT_EQ(text(banner.titleLabel()), QStringLiteral("Sync is paused"));
+    EXPECT_EQ(text(banner.descriptionLabel()), QStringLiteral("Changes are kept on this device."));
+    EXPECT_EQ(text(banner.moreInfoButton()), QStringLiteral("Status"));
     click(banner.moreInfoButton());
     EXPECT_TRUE(sink.opened.empty());
     m.url = Url::parse("https://status.example.com/sync");
@@ -131,18 +114,18 @@ TEST(UpdateMessageViewTest, ShowsWorstMessageReusesBannerAndRemovesItWhenNoMessa
     QQuickItem view;
     view.setSize(QSizeF(400, 800));
     setSafeAreaMargins(&view, QMarginsF(0, 40, 0, 30));
-
+    const auto withMessage = test::configuration(kWithMessage);
     EXPECT_EQ(updateMessageView(&host, &view, MessageViewLocation::top, 10, std::nullopt), nullptr);
     EXPECT_TRUE(view.childItems().isEmpty());
 
-    auto* banner = updateMessageView(&host, &view, MessageViewLocation::top, 10, test::configuration(kWithMessage));
+    auto* banner = updateMessageView(&host, &view, MessageViewLocation::top, 10, withMessage);
     ASSERT_NE(banner, nullptr);
-    EXPECT_EQ(banner->titleLabel()->property("text").toString(), QStringLiteral("Down"));
+    EXPECT_EQ(text(banner->titleLabel()), QStringLiteral("Down"));
     EXPECT_EQ(banner->view()->parentItem(), &view);
     EXPECT_DOUBLE_EQ(banner->view()->y(), 50.0);
     EXPECT_DOUBLE_EQ(banner->view()->x() + banner->view()->width() / 2, 200.0);
 
-    auto* again = updateMessageView(&host, &view, MessageViewLocation::bottom, -10, test::configuration(kWithMessage));
+    auto* again = updateMessageView(&host, &view, MessageViewLocation::bottom, -10, withMessage);
     EXPECT_EQ(again, banner);
     EXPECT_EQ(again->location(), MessageViewLocation::bottom);
     EXPECT_EQ(host.findChildren<MessageViewController*>().size(), 1);
@@ -151,14 +134,9 @@ TEST(UpdateMessageViewTest, ShowsWorstMessageReusesBannerAndRemovesItWhenNoMessa
               nullptr);
     EXPECT_TRUE(host.findChildren<MessageViewController*>().isEmpty());
     EXPECT_TRUE(view.childItems().isEmpty());
-}
 
-TEST(UpdateMessageViewTest, BottomBannerSitsAboveTheSafeArea) {
-    QObject host;
-    QQuickItem view;
-    view.setSize(QSizeF(400, 800));
-    setSafeAreaMargins(&view, QMarginsF(0, 40, 0, 30));
-    auto* banner = updateMessageView(&host, &view, MessageViewLocation::bottom, -10, test::configuration(kWithMessage));
+    // A new banner at the bottom sits above the safe area.
+    banner = updateMessageView(&host, &view, MessageViewLocation::bottom, -10, withMessage);
     ASSERT_NE(banner, nullptr);
     EXPECT_DOUBLE_EQ(banner->view()->y() + banner->view()->height(), 800.0 - 30.0 - 10.0);
     EXPECT_TRUE(banner->chevronFlipped());
@@ -175,7 +153,7 @@ TEST(UpdateMessageViewTest, WithoutAConfigurationArgumentUsesWhatTheClientHolds)
     Palomir::shared().setConfiguration(test::configuration(kWithMessage));
     auto* banner = updateMessageView(&host, &view, MessageViewLocation::top, 10);
     ASSERT_NE(banner, nullptr);
-    EXPECT_EQ(banner->titleLabel()->property("text").toString(), QStringLiteral("Down"));
+    EXPECT_EQ(text(banner->titleLabel()), QStringLiteral("Down"));
 
     Palomir::shared().setConfiguration(test::configuration(kWithoutMessage));
     EXPECT_EQ(updateMessageView(&host, &view, MessageViewLocation::top, 10), nullptr);

@@ -2,6 +2,7 @@
 
 #include <QtGui/QGuiApplication>
 #include <QtQuick/QQuickWindow>
+#include <QtTest/QTest>
 
 #include <gtest/gtest.h>
 
@@ -16,84 +17,61 @@
 namespace palomir::qt {
 namespace {
 
-class PresentationTest : public testing::Test {
-protected:
-    void SetUp() override {
-        window.resize(360, 640);
-        window.show();
-        adapter = std::make_shared<QuickWindow>(&window);
-    }
+// One window: an animated presentation closed by its button, then an
+// unanimated one under a safe area, dismissed twice.
+TEST(PresentationTest, PresentingFillsTheWindowAndDismissingRemovesTheScreen) {
     QQuickWindow window;
-    std::shared_ptr<QuickWindow> adapter;
-};
-
-TEST_F(PresentationTest, AnimatedPresentationFillsWindowAndCompletesAfterAnimation) {
+    window.resize(360, 640);
+    window.show();
+    auto adapter = std::make_shared<QuickWindow>(&window);
     auto screen = std::dynamic_pointer_cast<LockdownViewController>(adapter->makeLockdownScreen());
     ASSERT_NE(screen, nullptr);
-    auto root = adapter->rootViewController();
-    ASSERT_NE(root, nullptr);
-    bool done = false;
-    root->present(screen, true, [&] { done = true; });
-    EXPECT_FALSE(done);
-    EXPECT_EQ(screen->view()->parentItem(), window.contentItem());
-    EXPECT_LT(screen->view()->opacity(), 1.0);
-    ASSERT_TRUE(test::waitUntil([&] { return done; }));
-    EXPECT_DOUBLE_EQ(screen->view()->opacity(), 1.0);
-    EXPECT_EQ(screen->view()->position(), QPointF(0, 0));
-    EXPECT_EQ(screen->view()->size(), QSizeF(360, 640));
-    EXPECT_TRUE(screen->isPresented());
-
-    window.contentItem()->setSize(QSizeF(640, 360));
-    EXPECT_EQ(screen->view()->size(), QSizeF(640, 360));
-}
-
-TEST_F(PresentationTest, CloseDismissesAnimatedThenReportsClose) {
-    auto screen = std::dynamic_pointer_cast<LockdownViewController>(adapter->makeLockdownScreen());
     std::vector<DismissAction> reported;
     screen->setDismissCallback([&](DismissAction action) { reported.push_back(action); });
     screen->setConfig(test::withLockdown(R"({"active":true,"type":"soft","latest_version":"2","dismiss_title":"Later"})"));
-    bool shown = false;
-    adapter->rootViewController()->present(screen, false, [&] { shown = true; });
-    ASSERT_TRUE(test::waitUntil([&] { return shown; }));
+    bool called = false;
+    screen->dismiss(true, [&] { called = true; });  // not presented: completes at once
+    EXPECT_TRUE(called);
+    bool done = false;
+    adapter->rootViewController()->present(screen, true, [&] { done = true; });
+    EXPECT_FALSE(done);
+    EXPECT_EQ(screen->view()->parentItem(), window.contentItem());
+    EXPECT_LT(screen->view()->opacity(), 1.0);
+    ASSERT_TRUE(QTest::qWaitFor([&] { return done; }));
+    EXPECT_DOUBLE_EQ(screen->view()->opacity(), 1.0);
+    EXPECT_EQ(QRectF(screen->view()->position(), screen->view()->size()), QRectF(0, 0, 360, 640));
+    EXPECT_TRUE(screen->isPresented());
+    window.contentItem()->setSize(QSizeF(640, 360));
+    EXPECT_EQ(screen->view()->size(), QSizeF(640, 360));
 
     test::click(screen->closeButton());
     EXPECT_EQ(reported, std::vector<DismissAction>{DismissAction::close});
     EXPECT_FALSE(screen->isPresented());
     EXPECT_EQ(screen->view()->parentItem(), window.contentItem());  // still fading out
-    ASSERT_TRUE(test::waitUntil([&] { return screen->view()->parentItem() == nullptr; }));
+    ASSERT_TRUE(QTest::qWaitFor([&] { return screen->view()->parentItem() == nullptr; }));
     EXPECT_TRUE(adapter->root()->presented().empty());
-}
 
-TEST_F(PresentationTest, UnanimatedPresentationCompletesOnTheNextTurnAndDismissingTwiceIsHarmless) {
-    auto screen = adapter->makeLockdownScreen();
-    bool called = false;
-    screen->dismiss(true, [&] { called = true; });
-    EXPECT_TRUE(called);
-    bool shown = false;
-    adapter->rootViewController()->present(screen, false, [&] { shown = true; });
-    EXPECT_FALSE(shown);
-    ASSERT_TRUE(test::waitUntil([&] { return shown; }, 1000));
-    EXPECT_DOUBLE_EQ(std::dynamic_pointer_cast<Presentable>(screen)->view()->opacity(), 1.0);
-    screen->dismiss(false, {});
-    screen->dismiss(false, {});
-    EXPECT_EQ(std::dynamic_pointer_cast<Presentable>(screen)->view()->parentItem(), nullptr);
-}
-
-TEST_F(PresentationTest, SafeAreaReachesPresentedScreens) {
-    auto screen = std::dynamic_pointer_cast<LockdownViewController>(adapter->makeLockdownScreen());
     adapter->root()->setSafeAreaMargins(QMarginsF(0, 47, 0, 34));
-    adapter->root()->present(std::static_pointer_cast<Presentable>(screen), false, {});
+    done = false;
+    adapter->rootViewController()->present(screen, false, [&] { done = true; });
+    EXPECT_FALSE(done);
+    ASSERT_TRUE(QTest::qWaitFor([&] { return done; }, 1000));
+    EXPECT_DOUBLE_EQ(screen->view()->opacity(), 1.0);
     EXPECT_DOUBLE_EQ(screen->view()->property("safeAreaTop").toDouble(), 47.0);
     EXPECT_DOUBLE_EQ(screen->view()->property("safeAreaBottom").toDouble(), 34.0);
     EXPECT_DOUBLE_EQ(screen->backgroundView()->y(), 47.0 + 16.0);
+    screen->dismiss(false, {});
+    screen->dismiss(false, {});
+    EXPECT_EQ(screen->view()->parentItem(), nullptr);
 }
 
-TEST(InstallTest, BindsMainQueueAndDescribesTheApplication) {
+TEST(InstallTest, BindsMainQueueDescribesTheApplicationAndKeepsAMainBundleTheHostSet) {
     QCoreApplication::setOrganizationDomain(QStringLiteral("example.com"));
     QCoreApplication::setApplicationName(QStringLiteral("Lists"));
     QCoreApplication::setApplicationVersion(QStringLiteral("3.1.4"));
     QGuiApplication::setApplicationDisplayName(QStringLiteral("My Lists"));
-    install(*qobject_cast<QGuiApplication*>(QCoreApplication::instance()));
+    auto& application = *qobject_cast<QGuiApplication*>(QCoreApplication::instance());
+    install(application);
 
     const Bundle main = Bundle::main();
     EXPECT_EQ(main.identifier(), std::optional<std::string>("com.example.Lists"));
@@ -101,16 +79,13 @@ TEST(InstallTest, BindsMainQueueAndDescribesTheApplication) {
     EXPECT_EQ(main.string("CFBundleShortVersionString"), std::optional<std::string>("3.1.4"));
     EXPECT_EQ(main.string("CFBundleVersion"), std::optional<std::string>("3.1.4"));
     EXPECT_FALSE(preferredLanguages().empty());
-
     bool ranOnMain = false;
     MainQueue::shared()->async([&] { ranOnMain = MainQueue::shared()->isCurrent(); });
-    ASSERT_TRUE(test::waitUntil([&] { return ranOnMain; }));
-}
+    ASSERT_TRUE(QTest::qWaitFor([&] { return ranOnMain; }));
 
-TEST(InstallTest, KeepsAMainBundleTheHostSet) {
     Bundle::setMain(Bundle(nlohmann::json{{"CFBundleIdentifier", "host.own"}}, std::nullopt));
     QCoreApplication::setApplicationName(QStringLiteral("Other"));
-    install(*qobject_cast<QGuiApplication*>(QCoreApplication::instance()));
+    install(application);
     EXPECT_EQ(Bundle::main().identifier(), std::optional<std::string>("host.own"));
 }
 

@@ -7,6 +7,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <set>
 
 #include "render.hpp"
@@ -65,8 +66,7 @@ INSTANTIATE_TEST_SUITE_P(Documents, ScreenshotTest,
                                          Document{PALOMIR_UI_TEST_SCENARIOS, "outage", 6}),
                          [](const auto& info) {
                              std::string name = info.param.name;
-                             for (auto& c : name)
-                                 if (c == '-') c = '_';
+                             std::replace(name.begin(), name.end(), '-', '_');
                              return name;
                          });
 

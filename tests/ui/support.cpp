@@ -4,7 +4,6 @@
 #include <QtGui/QGuiApplication>
 #include <QtQuick/QQuickWindow>
 #include <QtQuick/QSGRendererInterface>
-#include <QtTest/QTest>
 
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
@@ -38,13 +37,11 @@ Configuration withLockdown(const std::string& lockdownJson, const std::string& t
     return configuration(R"({"version":"1","theme":)" + theme + R"(,"notes":[],"lockdown":)" + lockdownJson + "}");
 }
 
-bool waitUntil(const std::function<bool()>& done, int milliseconds) {
-    return QTest::qWaitFor(done, milliseconds);
-}
-
 QColor colorOf(const QQuickItem* item, const char* property) {
     return item ? item->property(property).value<QColor>() : QColor();
 }
+
+QString text(const QQuickItem* item) { return item->property("text").toString(); }
 
 void click(QQuickItem* button) {
     ASSERT_NE(button, nullptr);

@@ -6,7 +6,6 @@
 #include <QtGui/QColor>
 #include <QtQuick/QQuickItem>
 
-#include <functional>
 #include <string>
 #include <vector>
 
@@ -23,10 +22,8 @@ Configuration configurationFile(const QString& path);
 /// of the lockdown object) and a plain theme.
 Configuration withLockdown(const std::string& lockdownJson, const std::string& themeJson = {});
 
-/// Runs the event loop until `done` or the timeout.
-bool waitUntil(const std::function<bool()>& done, int milliseconds = 3000);
-
 QColor colorOf(const QQuickItem* item, const char* property = "color");
+QString text(const QQuickItem* item);
 /// Receives the URLs handed to QDesktopServices::openUrl.
 class UrlSink : public QObject {
     Q_OBJECT
