@@ -18,8 +18,6 @@ std::string hex(std::span<const std::uint8_t> bytes) {
     return out;
 }
 
-std::string repeat(int byte, std::size_t count) { return std::string(count, static_cast<char>(byte)); }
-
 struct HmacCase {
     std::string key;
     std::string message;
@@ -27,8 +25,6 @@ struct HmacCase {
 };
 
 class HmacSha1 : public ::testing::TestWithParam<HmacCase> {};
-class Base64RoundTrip : public ::testing::TestWithParam<std::pair<std::string, std::string>> {};
-class Base64Refusal : public ::testing::TestWithParam<std::string> {};
 
 }  // namespace
 
@@ -37,14 +33,12 @@ TEST_P(HmacSha1, MatchesKnownDigest) {
     EXPECT_EQ(hex(crypto::hmacSha1(c.key, c.message)), c.digest);
 }
 
+// A short key, and a key longer than the block that must be hashed first.
 INSTANTIATE_TEST_SUITE_P(
     Rfc2202, HmacSha1,
     ::testing::Values(
-        HmacCase{repeat(0x0b, 20), "Hi There", "b617318655057264e28bc0b6fb378c8ef146be00"},
         HmacCase{"Jefe", "what do ya want for nothing?", "effcdf6ae5eb2fa2d27416d5f184df9c259a7c79"},
-        HmacCase{repeat(0xaa, 80), "Test Using Larger Than Block-Size Key - Hash Key First",
-                 "aa4ae5e15272d00e95705637ce8a3b55ed402112"},
-        HmacCase{repeat(0xaa, 80), "Test Using Larger Than Block-Size Key and Larger Than One Block-Size Data",
+        HmacCase{std::string(80, '\xaa'), "Test Using Larger Than Block-Size Key and Larger Than One Block-Size Data",
                  "e8e99d0f45237d786d6bbaa7965c7808bbff1a91"}));
 
 TEST(Md5, MatchesKnownDigests) {
@@ -52,26 +46,19 @@ TEST(Md5, MatchesKnownDigests) {
     EXPECT_EQ(hex(crypto::md5(crypto::asBytes(""))), "d41d8cd98f00b204e9800998ecf8427e");
 }
 
-TEST_P(Base64RoundTrip, EncodesAndDecodes) {
-    const auto& [plain, encoded] = GetParam();
-    EXPECT_EQ(crypto::base64Encode(crypto::asBytes(plain)), encoded);
-    const auto decoded = crypto::base64Decode(encoded);
-    ASSERT_TRUE(decoded.has_value());
-    EXPECT_EQ(std::string(decoded->begin(), decoded->end()), plain);
+TEST(Base64, EncodesAndDecodesTheStandardVectorsAndRefusesMalformedText) {
+    for (const auto& [plain, encoded] : std::vector<std::pair<std::string, std::string>>{
+             {"", ""}, {"f", "Zg=="}, {"fo", "Zm8="}, {"foo", "Zm9v"}, {"foobar", "Zm9vYmFy"}, {"\xfb\xff", "+/8="}}) {
+        EXPECT_EQ(crypto::base64Encode(crypto::asBytes(plain)), encoded);
+        const auto decoded = crypto::base64Decode(encoded);
+        ASSERT_TRUE(decoded.has_value()) << encoded;
+        EXPECT_EQ(std::string(decoded->begin(), decoded->end()), plain);
+    }
+    for (const char* text : {"Zg=", "Z===", "Zm9v\n", "Zg==Zg==", "Zm9*", "Zm 9", "=Zm9", "Zg=a"})
+        EXPECT_FALSE(crypto::base64Decode(text).has_value()) << text;
 }
 
-INSTANTIATE_TEST_SUITE_P(Rfc4648, Base64RoundTrip,
-                         ::testing::Values(std::pair{"", ""}, std::pair{"f", "Zg=="}, std::pair{"fo", "Zm8="},
-                                           std::pair{"foo", "Zm9v"}, std::pair{"foob", "Zm9vYg=="},
-                                           std::pair{"fooba", "Zm9vYmE="}, std::pair{"foobar", "Zm9vYmFy"},
-                                           std::pair{"\xfb\xff", "+/8="}));
-
-TEST_P(Base64Refusal, RefusesMalformedText) { EXPECT_FALSE(crypto::base64Decode(GetParam()).has_value()); }
-
-INSTANTIATE_TEST_SUITE_P(Malformed, Base64Refusal,
-                         ::testing::Values("Zg=", "Z===", "Zm9v\n", "Zg==Zg==", "Zm9*", "Zm 9", "=Zm9", "Zg=a"));
-
-TEST(Uuid, ParsesOnlyTheCanonicalFormInEitherCaseAndWritesUpperCase) {
+TEST(Uuid, ParsesOnlyTheCanonicalFormInEitherCaseWritesUpperCaseAndDrawsVersion4) {
     const auto uuid = Uuid::parse("e621e1f8-c36c-495a-93fc-0C247A3E6E5F");
     ASSERT_TRUE(uuid.has_value());
     EXPECT_EQ(uuid->text(), "E621E1F8-C36C-495A-93FC-0C247A3E6E5F");
@@ -82,13 +69,9 @@ TEST(Uuid, ParsesOnlyTheCanonicalFormInEitherCaseAndWritesUpperCase) {
                              "G621E1F8-C36C-495A-93FC-0C247A3E6E5F", " 621E1F8-C36C-495A-93FC-0C247A3E6E5F"}) {
         EXPECT_FALSE(Uuid::parse(text).has_value()) << text;
     }
-}
-
-TEST(Uuid, RandomIsVersion4WithTheStandardVariant) {
-    const auto a = Uuid::random();
-    EXPECT_NE(a, Uuid::random());
-    EXPECT_EQ(a.bytes()[6] >> 4, 4);
-    EXPECT_EQ(a.bytes()[8] >> 6, 2);
-    EXPECT_EQ(a.text()[14], '4');
-    EXPECT_EQ(Uuid::parse(a.text()), a);
+    const auto random = Uuid::random();
+    EXPECT_NE(random, Uuid::random());
+    EXPECT_EQ(random.bytes()[6] >> 4, 4);
+    EXPECT_EQ(random.bytes()[8] >> 6, 2);
+    EXPECT_EQ(Uuid::parse(random.text()), random);
 }

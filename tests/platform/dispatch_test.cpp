@@ -4,7 +4,6 @@
 
 #include <atomic>
 #include <future>
-#include <mutex>
 #include <thread>
 #include <vector>
 
@@ -29,7 +28,6 @@ TEST(SerialQueue, RunsWorkOneAtATimeInSubmissionOrderOfEachThread) {
     std::atomic<bool> overlapped{false};
     std::atomic<bool> outOfOrder{false};
     DispatchGroup group;
-
     std::vector<std::thread> producers;
     for (int t = 0; t < kThreads; ++t) {
         producers.emplace_back([&, t] {
@@ -74,34 +72,22 @@ TEST(SerialQueue, WorkPostedFromTheQueueItselfRunsLaterAndOnlyItsOwnQueueIsCurre
     EXPECT_EQ(future.get(), (std::vector<std::string>{"outer begins", "outer ends", "inner"}));
 }
 
-TEST(SerialQueue, DroppedQueueStillRunsItsPendingWork) {
+TEST(SerialQueue, ADroppedQueueRunsItsPendingWorkAndIsReleasedOnItsOwnWorker) {
     auto queue = DispatchQueue::makeSerial("test.dropped");
+    std::weak_ptr<DispatchQueue> weak = queue;
     std::atomic<int> count{0};
     std::promise<void> gate;
-    std::shared_future<void> opened = gate.get_future().share();
     std::promise<void> finished;
-    queue->async([opened] { opened.wait(); });
+    // The last item holds the last reference: the queue then dies on its own
+    // worker, where a self-join would abort and a leak would keep it alive.
+    queue->async([opened = gate.get_future().share()] { opened.wait(); });
     for (int i = 0; i < 100; ++i) queue->async([&] { ++count; });
-    queue->async([&] { finished.set_value(); });
-    std::weak_ptr<DispatchQueue> weak = queue;
+    queue->async([self = queue, &finished] { finished.set_value(); });
     queue.reset();
-    EXPECT_TRUE(weak.expired());
     gate.set_value();
     auto future = finished.get_future();
     ASSERT_TRUE(ready(future));
     EXPECT_EQ(count.load(), 100);
-}
-
-TEST(SerialQueue, WorkHoldingTheLastReferenceReleasesTheQueueOnItsOwnWorker) {
-    auto queue = DispatchQueue::makeSerial("test.self");
-    std::weak_ptr<DispatchQueue> weak = queue;
-    std::promise<void> ran;
-    queue->async([self = queue, &ran] { ran.set_value(); });
-    queue.reset();
-    auto future = ran.get_future();
-    ASSERT_TRUE(ready(future));
-    // The queue dies on its own worker once the item is done with; a self-join
-    // there would abort, a leak would leave it alive.
     const auto deadline = std::chrono::steady_clock::now() + 5s;
     while (!weak.expired() && std::chrono::steady_clock::now() < deadline) std::this_thread::sleep_for(1ms);
     EXPECT_TRUE(weak.expired());
@@ -109,6 +95,7 @@ TEST(SerialQueue, WorkHoldingTheLastReferenceReleasesTheQueueOnItsOwnWorker) {
 
 TEST(MainQueue, AsyncNeverRunsInlineAndDrainRunsOnlyWhatIsPending) {
     auto main = MainQueue::shared();
+    EXPECT_EQ(mainQueue(), std::static_pointer_cast<DispatchQueue>(main));
     std::vector<int> order;
     bool currentInside = false;
     main->async([&] {
@@ -119,24 +106,29 @@ TEST(MainQueue, AsyncNeverRunsInlineAndDrainRunsOnlyWhatIsPending) {
     main->async([&] { order.push_back(2); });
     EXPECT_TRUE(order.empty());
     EXPECT_FALSE(main->isCurrent());
-
     EXPECT_EQ(main->drain(), 2u);
     EXPECT_EQ(order, (std::vector<int>{1, 2}));
     EXPECT_TRUE(currentInside);
-    EXPECT_FALSE(main->isCurrent());
-
     EXPECT_EQ(main->drain(), 1u);
-    EXPECT_EQ(order, (std::vector<int>{1, 2, 3}));
     EXPECT_EQ(main->drain(), 0u);
-    EXPECT_EQ(mainQueue(), std::static_pointer_cast<DispatchQueue>(main));
-    EXPECT_EQ(main->label(), "main");
+
+    // runUntil drains what other threads post, and gives up at its deadline.
+    bool done = false;
+    std::thread poster([&] {
+        std::this_thread::sleep_for(20ms);
+        main->async([&] { done = main->isCurrent(); });
+    });
+    EXPECT_TRUE(main->runUntil([&] { return done; }, 5s));
+    poster.join();
+    const auto start = std::chrono::steady_clock::now();
+    EXPECT_FALSE(main->runUntil([] { return false; }, 30ms));
+    EXPECT_GE(std::chrono::steady_clock::now() - start, 30ms);
 }
 
 TEST(MainQueue, BindHandsPendingAndLaterWorkToThePoster) {
     auto main = MainQueue::shared();
     std::vector<int> order;
     main->async([&] { order.push_back(1); });
-
     std::vector<DispatchQueue::Work> posted;
     main->bind([&](DispatchQueue::Work work) { posted.push_back(std::move(work)); });
     ASSERT_EQ(posted.size(), 1u);
@@ -144,7 +136,6 @@ TEST(MainQueue, BindHandsPendingAndLaterWorkToThePoster) {
     ASSERT_EQ(posted.size(), 2u);
     EXPECT_EQ(main->drain(), 0u);
     EXPECT_TRUE(order.empty());
-
     for (auto& work : posted) work();
     EXPECT_EQ(order, (std::vector<int>{1, 2}));
 
@@ -155,22 +146,7 @@ TEST(MainQueue, BindHandsPendingAndLaterWorkToThePoster) {
     EXPECT_EQ(order, (std::vector<int>{1, 2, 3}));
 }
 
-TEST(MainQueue, RunUntilDrainsWorkPostedFromOtherThreads) {
-    auto main = MainQueue::shared();
-    bool done = false;
-    std::thread poster([&] {
-        std::this_thread::sleep_for(20ms);
-        main->async([&] { done = main->isCurrent(); });
-    });
-    EXPECT_TRUE(main->runUntil([&] { return done; }, 5s));
-    poster.join();
-
-    const auto start = std::chrono::steady_clock::now();
-    EXPECT_FALSE(main->runUntil([] { return false; }, 30ms));
-    EXPECT_GE(std::chrono::steady_clock::now() - start, 30ms);
-}
-
-TEST(DispatchGroup, WaitsForEveryEnteredPieceOfWork) {
+TEST(DispatchGroup, WaitsForEveryEnteredPieceOfWorkThenNotifiesOnTheQueue) {
     auto first = DispatchQueue::makeSerial("test.group.1");
     auto second = DispatchQueue::makeSerial("test.group.2");
     DispatchGroup group;
@@ -186,30 +162,15 @@ TEST(DispatchGroup, WaitsForEveryEnteredPieceOfWork) {
             group.leave();
         });
     }
+    std::promise<int> notified;
+    group.notify(first, [&] { notified.set_value(first->isCurrent() ? finished.load() : -1); });
     EXPECT_FALSE(group.waitFor(20ms));
     gate.set_value();
     group.wait();
     EXPECT_EQ(finished.load(), 8);
-}
-
-TEST(DispatchGroup, NotifyRunsOnTheQueueOnceTheCountReachesZero) {
-    auto queue = DispatchQueue::makeSerial("test.notify");
-    DispatchGroup group;
-    group.enter();
-    group.enter();
-    std::atomic<bool> notified{false};
-    std::promise<bool> onQueue;
-    group.notify(queue, [&] {
-        notified = true;
-        onQueue.set_value(queue->isCurrent());
-    });
-    group.leave();
-    std::this_thread::sleep_for(20ms);
-    EXPECT_FALSE(notified);
-    group.leave();
-    auto future = onQueue.get_future();
+    auto future = notified.get_future();
     ASSERT_TRUE(ready(future));
-    EXPECT_TRUE(future.get());
+    EXPECT_EQ(future.get(), 8);
 
     // With nothing outstanding the work is still delivered asynchronously.
     auto main = MainQueue::shared();
