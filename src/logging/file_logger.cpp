@@ -110,7 +110,7 @@ namespace {
 // The text of one line as the parts it is made of, copied straight into the
 // ring so that a line is assembled exactly once.
 struct LineParts {
-    static constexpr std::size_t kMaxParts = 6;
+    static constexpr std::size_t kMaxParts = 3;
     std::string_view parts[kMaxParts];
     std::size_t count = 0;
     std::size_t length = 0;
@@ -118,6 +118,18 @@ struct LineParts {
     void add(std::string_view part) {
         parts[count++] = part;
         length += part.size();
+    }
+
+    // The whole line, for the common case of a line within one chunk.
+    void copy(char* out) const {
+        for (std::size_t i = 0; i < count; ++i) {
+            if (parts[i].size() == 1) {
+                *out++ = parts[i][0];
+            } else {
+                std::memcpy(out, parts[i].data(), parts[i].size());
+                out += parts[i].size();
+            }
+        }
     }
 
     // Copies `size` bytes of the line, starting `offset` bytes in, to `out`.
@@ -134,6 +146,27 @@ struct LineParts {
         }
     }
 };
+
+// " [LABEL] " for each level, padded so that it is copied as one fixed block.
+struct LabelText {
+    char text[16];
+    std::uint8_t size;
+};
+
+constexpr LabelText labelText(std::string_view label) {
+    LabelText result{};
+    result.text[0] = ' ';
+    result.text[1] = '[';
+    for (std::size_t i = 0; i < label.size(); ++i) result.text[2 + i] = label[i];
+    result.text[2 + label.size()] = ']';
+    result.text[3 + label.size()] = ' ';
+    result.size = static_cast<std::uint8_t>(label.size() + 4);
+    return result;
+}
+
+// Indexed by the level's raw value.
+constexpr LabelText kLabelTexts[] = {labelText("FAULT"), labelText("ERROR"), labelText("INFO"), labelText("DEFAULT"),
+                                     labelText("DEBUG")};
 
 }  // namespace
 
@@ -406,8 +439,12 @@ void FileLogger::State::append(const LineParts& line, const std::shared_ptr<Stat
         // A chunk may start once the writer is past the chunk a lap before it.
         if (chunk >= kSlots && written.load(std::memory_order_acquire) < (chunk + 1 - kSlots) * kChunkBytes)
             waitForWritten((chunk + 1 - kSlots) * kChunkBytes, self);
-        line.copy(static_cast<std::size_t>(at - start), static_cast<std::size_t>(pieceEnd - at),
-                  chunkAddress(chunk) + at % kChunkBytes);
+        char* out = chunkAddress(chunk) + at % kChunkBytes;
+        if (pieceEnd - at == line.length) {
+            line.copy(out);
+        } else {
+            line.copy(static_cast<std::size_t>(at - start), static_cast<std::size_t>(pieceEnd - at), out);
+        }
         committed[chunk % kSlots].fetch_add(pieceEnd - at, std::memory_order_release);
         at = pieceEnd;
     }
@@ -642,23 +679,25 @@ void FileLogger::log(const std::string& message, LogType type) {
     }
 
     LineParts line;
-    char stamp[kStampCapacity];
-    std::string formatted;
     if (_clock) {
-        line.add(std::string_view(stamp, _clock->stamp(stamp)));
-        line.add(" [");
-        line.add(logTypeLabel(type));
-        line.add("] ");
+        char prefix[kStampCapacity + sizeof(LabelText::text)];
+        std::size_t length = _clock->stamp(prefix);
+        const LabelText& label = kLabelTexts[std::min<std::size_t>(static_cast<std::size_t>(type), 4)];
+        std::memcpy(prefix + length, label.text, sizeof label.text);
+        length += label.size;
+        line.add(std::string_view(prefix, length));
         line.add(message);
         line.add("\n");
+        state.append(line, _state);
     } else if (_logFormatter) {
-        formatted = _logFormatter->format(message, type);
+        const std::string formatted = _logFormatter->format(message, type);
         if (formatted.empty()) return;
         line.add(formatted);
+        state.append(line, _state);
     } else {
         line.add(message);
+        state.append(line, _state);
     }
-    state.append(line, _state);
 }
 
 void FileLogger::flush() {
