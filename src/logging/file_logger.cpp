@@ -15,6 +15,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
+#include <iterator>
 #include <mutex>
 #include <string_view>
 #include <system_error>
@@ -682,7 +683,9 @@ void FileLogger::log(const std::string& message, LogType type) {
     if (_clock) {
         char prefix[kStampCapacity + sizeof(LabelText::text)];
         std::size_t length = _clock->stamp(prefix);
-        const LabelText& label = kLabelTexts[std::min<std::size_t>(static_cast<std::size_t>(type), 4)];
+        const auto index = static_cast<std::size_t>(type);
+        // Like logTypeLabel, a value outside the enumeration reads as "DEFAULT".
+        const LabelText& label = kLabelTexts[index < std::size(kLabelTexts) ? index : 3];
         std::memcpy(prefix + length, label.text, sizeof label.text);
         length += label.size;
         line.add(std::string_view(prefix, length));
