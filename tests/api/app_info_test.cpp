@@ -45,40 +45,35 @@ TEST(AppInfo, ReadsTheHostBundleAndSdkVersion) {
     EXPECT_EQ(toString(AppInfoError::missingFrameworkBundle), "missingFrameworkBundle");
 }
 
-struct FailureCase {
-    std::string removeFromHost;
-    nlohmann::json replacement;  // null: removed
-    bool sdkWithoutVersion;
-    AppInfoError expected;
-    std::string text;
-};
-
-class AppInfoFailure : public ::testing::TestWithParam<FailureCase> {};
-
-TEST_P(AppInfoFailure, ReportsTheMissingPiece) {
-    const auto& c = GetParam();
-    auto info = hostInfo();
-    if (c.replacement.is_null()) info.erase(c.removeFromHost);
-    else info[c.removeFromHost] = c.replacement;
-    auto sdkInfo = kSdk.info();
-    if (c.sdkWithoutVersion) sdkInfo.erase("CFBundleVersion");
-
-    auto result = detail::makeAppInfo(bundle(info), bundle(sdkInfo), {});
-    ASSERT_TRUE(result.hasError());
-    EXPECT_EQ(result.error(), c.expected);
-    EXPECT_EQ(toString(result.error()), c.text);
+TEST(AppInfo, ReportsTheMissingPiece) {
+    struct Case {
+        std::string key;
+        nlohmann::json replacement;  // null: removed from the host
+        bool sdkWithoutVersion;
+        AppInfoError expected;
+        std::string text;
+    };
+    const std::vector<Case> cases = {
+        {"CFBundleIdentifier", nullptr, false, AppInfoError::missingBundleIdentifier, "missingBundleIdentifier"},
+        {"CFBundleVersion", nullptr, false, AppInfoError::missingBundleVersion, "missingBundleVersion"},
+        {"CFBundleShortVersionString", nullptr, false, AppInfoError::missingBundleVersion, "missingBundleVersion"},
+        {"CFBundleVersion", 42, false, AppInfoError::missingBundleVersion, "missingBundleVersion"},
+        {"CFBundleDisplayName", nullptr, true, AppInfoError::missingSDKBundleVersion, "missingSDKBundleVersion"}};
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.key + " " + c.replacement.dump());
+        auto info = hostInfo();
+        if (c.replacement.is_null())
+            info.erase(c.key);
+        else
+            info[c.key] = c.replacement;
+        auto sdkInfo = kSdk.info();
+        if (c.sdkWithoutVersion) sdkInfo.erase("CFBundleVersion");
+        auto result = detail::makeAppInfo(bundle(info), bundle(sdkInfo), {});
+        ASSERT_TRUE(result.hasError());
+        EXPECT_EQ(result.error(), c.expected);
+        EXPECT_EQ(toString(result.error()), c.text);
+    }
 }
-
-INSTANTIATE_TEST_SUITE_P(
-    Cases, AppInfoFailure,
-    ::testing::Values(
-        FailureCase{"CFBundleIdentifier", nullptr, false, AppInfoError::missingBundleIdentifier, "missingBundleIdentifier"},
-        FailureCase{"CFBundleVersion", nullptr, false, AppInfoError::missingBundleVersion, "missingBundleVersion"},
-        FailureCase{"CFBundleShortVersionString", nullptr, false, AppInfoError::missingBundleVersion,
-                    "missingBundleVersion"},
-        FailureCase{"CFBundleVersion", 42, false, AppInfoError::missingBundleVersion, "missingBundleVersion"},
-        FailureCase{"CFBundleDisplayName", nullptr, true, AppInfoError::missingSDKBundleVersion,
-                    "missingSDKBundleVersion"}));
 
 TEST(AppInfoJson, KeysInOrderWithAbsentMembersLeftOut) {
     auto info = hostInfo();
@@ -119,40 +114,31 @@ TEST(AppInfoDescription, RendersOptionalNameAndLanguageList) {
     EXPECT_EQ(detail::describeOptional(std::string("a\"b\\c\nd\x01")), "Optional(\"a\\\"b\\\\c\\nd\\u{1}\")");
 }
 
-struct UserAgentCase {
-    std::string name;
-    nlohmann::json mainInfo;
-    LocaleInfo locale;
-    std::vector<std::string> additional;
-    std::string expected;
-};
-
-class UserAgentText : public ::testing::TestWithParam<UserAgentCase> {};
-
-TEST_P(UserAgentText, Composes) {
-    const auto& c = GetParam();
+TEST(UserAgent, Composes) {
+    struct Case {
+        nlohmann::json mainInfo;
+        LocaleInfo locale;
+        std::vector<std::string> additional;
+        std::string expected;
+    };
+    const std::vector<Case> cases = {
+        {hostInfo(), {"de_CH", "de", "CH"}, {},
+         "com.example.app/42/1.2 (x86_64; Unknown; Linux; 6.1.0-18-amd64; de; CH) io.palomir.sdk/5/0.1.0"},
+        {{{"CFBundleIdentifier", "com.example.app"},
+          {"CFBundleVersion", 42},
+          {"CFBundleShortVersionString", "1.2"},
+          {"EQBuildSubversion", 7}},
+         {"en_US", "en", "US"}, {},
+         "com.example.app/42/1.2/7 (x86_64; Unknown; Linux; 6.1.0-18-amd64; en; US) io.palomir.sdk/5/0.1.0"},
+        {nlohmann::json::object(), {"C", std::nullopt, std::nullopt}, {},
+         "__/__/__ (x86_64; Unknown; Linux; 6.1.0-18-amd64; __; __) io.palomir.sdk/5/0.1.0"},
+        {hostInfo(), {"fr_FR", "fr", "FR"}, {"Qt 6.4", "beta"},
+         "com.example.app/42/1.2 (x86_64; Unknown; Linux; 6.1.0-18-amd64; fr; FR; Qt 6.4; beta) "
+         "io.palomir.sdk/5/0.1.0"}};
     const DeviceInfo device{"x86_64", "Linux", "6.1.0-18-amd64"};
-    EXPECT_EQ(detail::composeUserAgent(bundle(c.mainInfo), kSdk, device, c.locale, c.additional), c.expected);
+    for (const auto& c : cases)
+        EXPECT_EQ(detail::composeUserAgent(bundle(c.mainInfo), kSdk, device, c.locale, c.additional), c.expected);
 }
-
-INSTANTIATE_TEST_SUITE_P(
-    Cases, UserAgentText,
-    ::testing::Values(
-        UserAgentCase{"Plain", hostInfo(), {"de_CH", "de", "CH"}, {},
-                      "com.example.app/42/1.2 (x86_64; Unknown; Linux; 6.1.0-18-amd64; de; CH) io.palomir.sdk/5/0.1.0"},
-        UserAgentCase{"SubversionAndNumbers",
-                      {{"CFBundleIdentifier", "com.example.app"},
-                       {"CFBundleVersion", 42},
-                       {"CFBundleShortVersionString", "1.2"},
-                       {"EQBuildSubversion", 7}},
-                      {"en_US", "en", "US"}, {},
-                      "com.example.app/42/1.2/7 (x86_64; Unknown; Linux; 6.1.0-18-amd64; en; US) io.palomir.sdk/5/0.1.0"},
-        UserAgentCase{"EverythingMissing", nlohmann::json::object(), {"C", std::nullopt, std::nullopt}, {},
-                      "__/__/__ (x86_64; Unknown; Linux; 6.1.0-18-amd64; __; __) io.palomir.sdk/5/0.1.0"},
-        UserAgentCase{"AdditionalFields", hostInfo(), {"fr_FR", "fr", "FR"}, {"Qt 6.4", "beta"},
-                      "com.example.app/42/1.2 (x86_64; Unknown; Linux; 6.1.0-18-amd64; fr; FR; Qt 6.4; beta) "
-                      "io.palomir.sdk/5/0.1.0"}),
-    [](const auto& info) { return info.param.name; });
 
 TEST(UserAgent, ComputedOnceFromTheProcessEnvironment) {
     AppInfo::setAdditionalUserAgentFields({"first"});
