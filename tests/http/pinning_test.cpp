@@ -18,6 +18,8 @@ using palomir_test::CertificateFactory;
 using palomir_test::TestPki;
 using palomir_test::TlsTestServer;
 
+using Pins = std::map<std::string, std::vector<std::uint8_t>>;
+
 // Trusted: the roots of A and B. Not trusted: U.
 struct World {
     TestPki a = TestPki::make("A");
@@ -28,28 +30,47 @@ struct World {
 
     World() { palomir_test::writePem(anchors, {a.root, b.root}); }
 
-    /// A session trusting both roots with `certificate`'s key pinned for "localhost".
-    std::shared_ptr<HttpSession> sessionPinning(const std::vector<std::uint8_t>& certificate) const {
+    /// Without pins: an unpinned session.
+    std::shared_ptr<HttpSession> session(const std::optional<Pins>& pins, std::filesystem::path trusted = {}) const {
         HttpSessionConfiguration configuration;
-        configuration.trustAnchors = {anchors};
-        configuration.pins = std::make_shared<const PinSet>(
-            std::map<std::string, std::vector<std::uint8_t>>{{"localhost", certificate}});
+        configuration.trustAnchors = {trusted.empty() ? anchors : trusted};
+        if (pins) configuration.pins = std::make_shared<const PinSet>(*pins);
         return HttpSession::make(configuration);
+    }
+
+    /// "a", "u": that authority's usual chain; "appended": B's chain with A's
+    /// intermediate after it; "expired", "otherName": a leaf under A's
+    /// intermediate that has expired, or names another host.
+    CertificateChain chain(const std::string& kind) const {
+        if (kind == "a") return a.chain();
+        if (kind == "u") return u.chain();
+        if (kind == "appended") return {b.leaf, b.intermediate, a.intermediate};
+        palomir_test::LeafOptions leaf;
+        if (kind == "expired")
+            leaf.expired = true;
+        else
+            leaf = {"other.example", {"other.example"}, {}};
+        return {CertificateFactory::makeLeaf(a.intermediate, leaf), a.intermediate};
+    }
+
+    /// "a.leaf", "b.root", ...: that certificate; "garbage": bytes that are
+    /// no certificate.
+    std::vector<std::uint8_t> certificate(const std::string& which) const {
+        if (which == "garbage") return {0x30, 0x82, 0x01, 0x00, 0xde, 0xad};
+        const TestPki& pki = which[0] == 'a' ? a : which[0] == 'b' ? b : u;
+        const std::string part = which.substr(2);
+        return (part == "leaf" ? pki.leaf : part == "root" ? pki.root : pki.intermediate).der();
     }
 };
 
-using Pins = std::map<std::string, std::vector<std::uint8_t>>;
-
 struct PinCase {
     std::string name;
-    std::function<CertificateChain(const World&)> chain;
-    std::function<Pins(const World&)> pins;
+    std::string chain;
+    std::string pinned;  // empty: no pin at all
+    std::string refusal = "";  // empty: the exchange succeeds
     std::string host = "localhost";
-    /// Empty: the exchange succeeds.
-    std::string refusal = "";
-    std::function<std::vector<std::filesystem::path>(const World&)> anchors = [](const World& w) {
-        return std::vector<std::filesystem::path>{w.anchors};
-    };
+    std::string pinnedHost = "";  // empty: the host requested
+    bool onlyTheIntermediateTrusted = false;
 };
 
 std::ostream& operator<<(std::ostream& out, const PinCase& c) { return out << c.name; }
@@ -57,20 +78,23 @@ std::ostream& operator<<(std::ostream& out, const PinCase& c) { return out << c.
 const std::string noPin = "Certificate pinning refused localhost: no key is pinned for this host";
 const std::string noKeyInChain =
     "Certificate pinning refused localhost: no certificate of the verified chain carries the pinned key";
+const std::string noIssuer = "SSL certificate problem: unable to get local issuer certificate";
 
 class PinningTest : public ::testing::TestWithParam<PinCase> {};
 
 TEST_P(PinningTest, AcceptsOnlyAVerifiedChainHoldingThePinnedKey) {
     const PinCase& c = GetParam();
     World world;
-    TlsTestServer server({c.chain(world), {}, true});
+    TlsTestServer server({world.chain(c.chain), {}, true});
+    Pins pins;
+    if (!c.pinned.empty()) pins[c.pinnedHost.empty() ? c.host : c.pinnedHost] = world.certificate(c.pinned);
+    std::filesystem::path trusted;
+    if (c.onlyTheIntermediateTrusted) {
+        trusted = world.dir / "intermediate.pem";
+        world.a.intermediate.writePem(trusted);
+    }
 
-    HttpSessionConfiguration configuration;
-    configuration.trustAnchors = c.anchors(world);
-    configuration.pins = std::make_shared<const PinSet>(c.pins(world));
-    auto session = HttpSession::make(configuration);
-
-    const Outcome outcome = perform(session, get(server.url("/probe", c.host)));
+    const Outcome outcome = perform(world.session(pins, trusted), get(server.url("/probe", c.host)));
     if (c.refusal.empty()) {
         ASSERT_TRUE(outcome.response) << outcome.errorText();
         EXPECT_EQ(outcome.response->status, 200);
@@ -90,59 +114,23 @@ TEST_P(PinningTest, AcceptsOnlyAVerifiedChainHoldingThePinnedKey) {
 INSTANTIATE_TEST_SUITE_P(
     Chains, PinningTest,
     ::testing::Values(
-        PinCase{"LeafPinned", [](const World& w) { return w.a.chain(); },
-                [](const World& w) { return Pins{{"localhost", w.a.leaf.der()}}; }},
-        PinCase{"IntermediatePinnedLeafDiffers", [](const World& w) { return w.a.chain(); },
-                [](const World& w) { return Pins{{"localhost", w.a.intermediate.der()}}; }},
-        PinCase{"RootPinnedNotSentByServer", [](const World& w) { return w.a.chain(); },
-                [](const World& w) { return Pins{{"localhost", w.a.root.der()}}; }},
-        PinCase{"IpLiteralWithoutSni", [](const World& w) { return w.a.chain(); },
-                [](const World& w) { return Pins{{"127.0.0.1", w.a.intermediate.der()}}; }, "127.0.0.1"},
-        PinCase{"WrongKey", [](const World& w) { return w.a.chain(); },
-                [](const World& w) { return Pins{{"localhost", w.b.leaf.der()}}; }, "localhost", noKeyInChain},
-        PinCase{"NoPinForHost", [](const World& w) { return w.a.chain(); },
-                [](const World& w) { return Pins{{"api.example", w.a.leaf.der()}}; }, "localhost", noPin},
-        PinCase{"HostInAnotherCase", [](const World& w) { return w.a.chain(); },
-                [](const World& w) { return Pins{{"localhost", w.a.leaf.der()}}; }, "LOCALHOST",
-                "Certificate pinning refused LOCALHOST: no key is pinned for this host"},
-        PinCase{"EmptyPinSet", [](const World& w) { return w.a.chain(); }, [](const World&) { return Pins{}; },
-                "localhost", noPin},
-        PinCase{"UnreadablePinnedCertificate", [](const World& w) { return w.a.chain(); },
-                [](const World&) { return Pins{{"localhost", {0x30, 0x82, 0x01, 0x00, 0xde, 0xad}}}; }, "localhost",
-                noPin},
-        PinCase{"UntrustedChainHoldingThePinnedKey", [](const World& w) { return w.u.chain(); },
-                [](const World& w) { return Pins{{"localhost", w.u.leaf.der()}}; }, "localhost",
-                "SSL certificate problem: unable to get local issuer certificate"},
-        PinCase{"PinnedCertificateAppendedToAnotherCasValidChain",
-                [](const World& w) { return CertificateChain{w.b.leaf, w.b.intermediate, w.a.intermediate}; },
-                [](const World& w) { return Pins{{"localhost", w.a.intermediate.der()}}; }, "localhost",
-                noKeyInChain},
-        PinCase{"RightKeyWrongHostName",
-                [](const World& w) {
-                    palomir_test::LeafOptions other;
-                    other.commonName = "other.example";
-                    other.dnsNames = {"other.example"};
-                    other.ipAddresses = {};
-                    return CertificateChain{CertificateFactory::makeLeaf(w.a.intermediate, other), w.a.intermediate};
-                },
-                [](const World& w) { return Pins{{"localhost", w.a.intermediate.der()}}; }, "localhost",
-                "SSL certificate problem: hostname mismatch"},
-        PinCase{"ExpiredLeaf",
-                [](const World& w) {
-                    palomir_test::LeafOptions expired;
-                    expired.expired = true;
-                    return CertificateChain{CertificateFactory::makeLeaf(w.a.intermediate, expired), w.a.intermediate};
-                },
-                [](const World& w) { return Pins{{"localhost", w.a.intermediate.der()}}; }, "localhost",
-                "SSL certificate problem: certificate has expired"},
+        PinCase{"LeafPinned", "a", "a.leaf"},
+        PinCase{"IntermediatePinnedLeafDiffers", "a", "a.intermediate"},
+        PinCase{"RootPinnedNotSentByServer", "a", "a.root"},
+        PinCase{"IpLiteralWithoutSni", "a", "a.intermediate", "", "127.0.0.1"},
+        PinCase{"WrongKey", "a", "b.leaf", noKeyInChain},
+        PinCase{"NoPinForHost", "a", "a.leaf", noPin, "localhost", "api.example"},
+        PinCase{"HostInAnotherCase", "a", "a.leaf",
+                "Certificate pinning refused LOCALHOST: no key is pinned for this host", "LOCALHOST", "localhost"},
+        PinCase{"EmptyPinSet", "a", "", noPin},
+        PinCase{"UnreadablePinnedCertificate", "a", "garbage", noPin},
+        PinCase{"UntrustedChainHoldingThePinnedKey", "u", "u.leaf", noIssuer},
+        PinCase{"PinnedCertificateAppendedToAnotherCasValidChain", "appended", "a.intermediate", noKeyInChain},
+        PinCase{"RightKeyWrongHostName", "otherName", "a.intermediate", "SSL certificate problem: hostname mismatch"},
+        PinCase{"ExpiredLeaf", "expired", "a.intermediate", "SSL certificate problem: certificate has expired"},
         // A pinned intermediate in the trust store is no trust anchor on its own.
-        PinCase{"TrustedIntermediateWithoutItsRoot", [](const World& w) { return w.a.chain(); },
-                [](const World& w) { return Pins{{"localhost", w.a.intermediate.der()}}; }, "localhost",
-                "SSL certificate problem: unable to get issuer certificate",
-                [](const World& w) {
-                    w.a.intermediate.writePem(w.dir / "intermediate.pem");
-                    return std::vector<std::filesystem::path>{w.dir / "intermediate.pem"};
-                }}),
+        PinCase{"TrustedIntermediateWithoutItsRoot", "a", "a.intermediate",
+                "SSL certificate problem: unable to get issuer certificate", "localhost", "", true}),
     [](const auto& info) { return info.param.name; });
 
 // Trusted, but not pinned: only a fresh verification of the later
@@ -154,7 +142,7 @@ TEST_P(RogueChainLater, IsRefusedOnTheNextConnection) {
     const bool restart = GetParam();
     World world;
     TlsTestServer server({world.a.chain(), {}, restart});
-    auto session = world.sessionPinning(world.a.intermediate.der());
+    auto session = world.session(Pins{{"localhost", world.a.intermediate.der()}});
 
     const Outcome first = perform(session, get(server.url("/first")));
     ASSERT_TRUE(first.response) << first.errorText();
@@ -173,7 +161,7 @@ INSTANTIATE_TEST_SUITE_P(Server, RogueChainLater, ::testing::Values(false, true)
 TEST(PinningSession, EachRequestIsCheckedAgainstItsOwnHost) {
     World world;
     TlsTestServer server({world.a.chain(), {}, true});
-    auto session = world.sessionPinning(world.a.leaf.der());
+    auto session = world.session(Pins{{"localhost", world.a.leaf.der()}});
 
     ASSERT_TRUE(perform(session, get(server.url("/named"))).response);
     // The same server and certificate, reached by an address that has no pin.
@@ -191,16 +179,13 @@ TEST(PinningSession, EachRequestIsCheckedAgainstItsOwnHost) {
 TEST(PinningSession, ResumesTlsSessionsOnlyWithoutPins) {
     World world;
     TlsTestServer server({world.a.chain(), {}, false});
-    HttpSessionConfiguration configuration;
-    configuration.trustAnchors = {world.anchors};
-    auto unpinned = HttpSession::make(configuration);
+    auto unpinned = world.session(std::nullopt);
     for (int i = 0; i < 3; ++i) ASSERT_TRUE(perform(unpinned, get(server.url("/"))).response);
     // The server does resume sessions...
     const std::size_t resumedBefore = server.resumedHandshakes();
     EXPECT_GE(resumedBefore, 1u);
 
-    configuration.pins = std::make_shared<const PinSet>(Pins{{"localhost", world.a.intermediate.der()}});
-    auto pinned = HttpSession::make(configuration);
+    auto pinned = world.session(Pins{{"localhost", world.a.intermediate.der()}});
     for (int i = 0; i < 3; ++i) ASSERT_TRUE(perform(pinned, get(server.url("/"))).response);
     // ...but a pinned session never offers one.
     EXPECT_EQ(server.completedHandshakes(), 6u);
@@ -211,9 +196,7 @@ TEST(UnpinnedSession, VerifiesTheChainAndTheName) {
     World world;
     TlsTestServer trusted({world.a.chain(), {}, true});
     TlsTestServer untrusted({world.u.chain(), {}, true});
-    HttpSessionConfiguration configuration;
-    configuration.trustAnchors = {world.anchors};
-    auto session = HttpSession::make(configuration);
+    auto session = world.session(std::nullopt);
 
     const Outcome good = perform(session, get(trusted.url("/")));
     ASSERT_TRUE(good.response) << good.errorText();
@@ -222,7 +205,7 @@ TEST(UnpinnedSession, VerifiesTheChainAndTheName) {
     const Outcome bad = perform(session, get(untrusted.url("/")));
     ASSERT_TRUE(bad.error);
     EXPECT_EQ(bad.error->kind, HttpError::Kind::refusedTls);
-    EXPECT_EQ(bad.error->message, "SSL certificate problem: unable to get local issuer certificate");
+    EXPECT_EQ(bad.error->message, noIssuer);
     EXPECT_TRUE(untrusted.requests().empty());
 }
 
@@ -245,7 +228,7 @@ TEST(UnpinnedSession, SystemAnchorsAreLookedUpInTheHashedDirectory) {
     unsetenv("SSL_CERT_FILE");
 
     ASSERT_TRUE(refused.error);
-    EXPECT_EQ(refused.error->message, "SSL certificate problem: unable to get local issuer certificate");
+    EXPECT_EQ(refused.error->message, noIssuer);
     ASSERT_TRUE(found.response) << found.errorText();
     EXPECT_EQ(found.response->status, 200);
 }
