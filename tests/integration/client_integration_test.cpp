@@ -59,32 +59,28 @@ TEST_F(ClientIntegration, ATimedCheckinIsAskedForOnceItsInstantHasCome) {
     EXPECT_EQ(requestsTo("PUT", "/api/checkin/"), 2u);
 }
 
-TEST_F(ClientIntegration, AFailedCheckinKeepsTheConfigurationAndPassesTheErrorThrough) {
-    scenarioFile("notes-only.json", 0);
-    auto first = checkin();
-    ASSERT_TRUE(first.hasValue());
-    fault(sb::Route::checkin, "status:500");
-
-    auto second = checkin();
-    ASSERT_TRUE(second.hasError());
-    ASSERT_NE(second.error().apiError(), nullptr);
-    EXPECT_EQ(*second.error().apiError(), APIError::requestFailed(RequestError::badStatus(500)));
-    EXPECT_EQ(Palomir::shared().configuration()->version, first.value().version);
-    EXPECT_TRUE(_logger->contains("checkin failed to register Palomir endpoint: Request failed: Bad status: 500",
-                                  LogType::default_));
-}
-
-TEST_F(ClientIntegration, UserCredentialsSurviveANewAppCredentialAndReachTheBackend) {
+// A timed check-in due at once goes to the backend every time.
+TEST_F(ClientIntegration, UserCredentialsReachTheBackendAndAFailedCheckinKeepsTheConfiguration) {
     scenarioFile("notes-only.json", 0);
     auto& palomir = Palomir::shared();
     palomir.setUserCredentials(std::make_shared<StaticUserCredentials>("abc"));
+    // A new app credential keeps the user's.
     palomir.setAppCredentials(AppCredentials{"sandbox-token", "sandbox-secret"});
-    ASSERT_TRUE(checkin().hasValue());
+    auto first = checkin();
+    ASSERT_TRUE(first.hasValue());
     EXPECT_EQ(_sandbox->requests().back().header("X-Authorization-User"), "Bearer abc");
-
     palomir.setUserCredentials(nullptr);
     ASSERT_TRUE(checkin().hasValue());
     EXPECT_EQ(_sandbox->requests().back().header("X-Authorization-User"), "");
+
+    fault(sb::Route::checkin, "status:500");
+    auto failed = checkin();
+    ASSERT_TRUE(failed.hasError());
+    ASSERT_NE(failed.error().apiError(), nullptr);
+    EXPECT_EQ(*failed.error().apiError(), APIError::requestFailed(RequestError::badStatus(500)));
+    EXPECT_EQ(palomir.configuration()->version, first.value().version);
+    EXPECT_TRUE(_logger->contains("checkin failed to register Palomir endpoint: Request failed: Bad status: 500",
+                                  LogType::default_));
 }
 
 struct Posts {
@@ -204,48 +200,38 @@ TEST_F(ClientIntegration, FeedbackUploadsEveryFileAndNamesThemEvenWhenABytesUplo
     EXPECT_TRUE(_logger->contains("failed to start direct upload: Request failed: Bad status: 500", LogType::default_));
 }
 
-struct LengthCase {
-    const char* name;
-    std::size_t length;
-    bool fullMessageFile;
-};
-
-class FeedbackMessages : public ClientIntegration, public ::testing::WithParamInterface<LengthCase> {};
-
-TEST_P(FeedbackMessages, LongMessagesTravelWholeAsAFile) {
-    const std::string message(GetParam().length, 'm');
-    ASSERT_TRUE(feedback("Long", message, {}).hasValue());
-    auto feedback = _sandbox->recordedFeedback();
-    ASSERT_EQ(feedback.size(), 1u);
-    EXPECT_EQ(feedback[0].message, message.substr(0, 1000));
-    ASSERT_EQ(feedback[0].attachments.size(), GetParam().fullMessageFile ? 1u : 0u);
-    if (GetParam().fullMessageFile) {
-        const auto& file = feedback[0].attachments[0];
-        EXPECT_EQ(file.filename, "full_message.txt");
-        EXPECT_EQ(file.contentType, "text/plain");
-        EXPECT_EQ(file.byteSize, static_cast<std::int64_t>(message.size()));
-        std::ifstream in(file.file);
-        EXPECT_EQ(std::string((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>()), message);
-    }
+std::string readText(const std::filesystem::path& path) {
+    std::ifstream in(path);
+    return std::string((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
 }
 
-INSTANTIATE_TEST_SUITE_P(Lengths, FeedbackMessages,
-                         ::testing::Values(LengthCase{"exactly1000", 1000, false}, LengthCase{"exactly1001", 1001, true}),
-                         [](const auto& info) { return std::string(info.param.name); });
-
-TEST_F(ClientIntegration, TheClientAttachesItsOwnLogFiles) {
+// Messages over 1000 characters are cut, and travel whole as a file; the
+// client's own log files go along when it is asked for attachments.
+TEST_F(ClientIntegration, LongMessagesTravelWholeAsAFileAndTheClientAttachesItsLogs) {
+    const std::string exact(1000, 'm'), longer(1001, 'n');
+    ASSERT_TRUE(feedback("Exact", exact, {}).hasValue());
+    ASSERT_TRUE(feedback("Longer", longer, {}).hasValue());
     // Palomir lives for the process; the provider list only borrows it.
     std::shared_ptr<AttachmentProvider> logs(&Palomir::shared(), [](AttachmentProvider*) {});
     ASSERT_TRUE(feedback("Logs", "see logs", {}, {logs}).hasValue());
+
     auto feedback = _sandbox->recordedFeedback();
-    ASSERT_EQ(feedback.size(), 1u);
-    ASSERT_EQ(feedback[0].attachments.size(), 1u);
-    const auto& file = feedback[0].attachments[0];
-    EXPECT_EQ(file.filename.rfind("palomir-main-", 0), 0u);
-    EXPECT_EQ(file.contentType, "text/plain");
-    std::ifstream in(file.file);
-    std::string text((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
-    EXPECT_NE(text.find("[INFO] Palomir started"), std::string::npos);
+    ASSERT_EQ(feedback.size(), 3u);
+    EXPECT_EQ(feedback[0].message, exact);
+    EXPECT_TRUE(feedback[0].attachments.empty());
+    EXPECT_EQ(feedback[1].message, longer.substr(0, 1000));
+    ASSERT_EQ(feedback[1].attachments.size(), 1u);
+    const auto& full = feedback[1].attachments[0];
+    EXPECT_EQ(full.filename, "full_message.txt");
+    EXPECT_EQ(full.contentType, "text/plain");
+    EXPECT_EQ(full.byteSize, 1001);
+    EXPECT_EQ(readText(full.file), longer);
+
+    ASSERT_EQ(feedback[2].attachments.size(), 1u);
+    const auto& log = feedback[2].attachments[0];
+    EXPECT_EQ(log.filename.rfind("palomir-main-", 0), 0u);
+    EXPECT_EQ(log.contentType, "text/plain");
+    EXPECT_NE(readText(log.file).find("[INFO] Palomir started"), std::string::npos);
 }
 
 }  // namespace
