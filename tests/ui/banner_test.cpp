@@ -55,13 +55,22 @@ INSTANTIATE_TEST_SUITE_P(
                     ColourCase{UserInterfaceStyle::dark, std::nullopt, std::nullopt, QColor(Qt::white)},
                     ColourCase{UserInterfaceStyle::dark, "#FEF3C7", std::nullopt, QColor(Qt::white)}));
 
-TEST(MessageViewControllerTest, TwoPressesRestoreStateAndChevronAtEitherLocation) {
+TEST(MessageViewControllerTest, TextsMoreInfoAndTwoPressesRestoringTheStartAtEitherLocation) {
+    test::UrlSink sink;
+    QDesktopServices::setUrlHandler(QStringLiteral("https"), &sink, "open");
     for (auto location : {MessageViewLocation::top, MessageViewLocation::bottom}) {
         // At the bottom the chevron points up while collapsed.
         const bool collapsedFlipped = location == MessageViewLocation::bottom;
         MessageViewController banner;
+        EXPECT_DOUBLE_EQ(banner.roundedCornersView()->property("radius").toDouble(), 8.0);
+        EXPECT_DOUBLE_EQ(banner.view()->property("shadowRadius").toDouble(), 10.0);
         banner.setLocation(location);
-        banner.setMessage(message(std::nullopt, std::nullopt));
+        auto m = message(std::nullopt, std::nullopt);
+        banner.setMessage(m);
+        EXPECT_EQ(text(banner.titleLabel()), QStringLiteral("Sync is paused"));
+        EXPECT_EQ(text(banner.descriptionLabel()), QStringLiteral("Changes are kept on this device."));
+        EXPECT_EQ(text(banner.moreInfoButton()), QStringLiteral("Status"));
+
         const auto image = [&] { return banner.expandButton()->property("image").toUrl().toString(); };
         const QString startImage = image();
         const auto expectState = [&](bool expanded) {
@@ -75,27 +84,16 @@ TEST(MessageViewControllerTest, TwoPressesRestoreStateAndChevronAtEitherLocation
         expectState(true);
         click(banner.expandButton());
         expectState(false);
-    }
-}
 
-TEST(MessageViewControllerTest, TextsStylingAndMoreInfoOpeningTheUrlOnlyWhenThereIsOne) {
-    test::UrlSink sink;
-    QDesktopServices::setUrlHandler(QStringLiteral("https"), &sink, "open");
-    MessageViewController banner;
-    EXPECT_DOUBLE_EQ(banner.roundedCornersView()->property("radius").toDouble(), 8.0);
-    EXPECT_DOUBLE_EQ(banner.view()->property("shadowRadius").toDouble(), 10.0);
-    auto m = message(std::nullopt, std::nullopt);
-    banner.setMessage(m);
-    EXPECT_EQ(text(banner.titleLabel()), QStringLiteral("Sync is paused"));
-    EXPECT_EQ(text(banner.descriptionLabel()), QStringLiteral("Changes are kept on this device."));
-    EXPECT_EQ(text(banner.moreInfoButton()), QStringLiteral("Status"));
-    click(banner.moreInfoButton());
-    EXPECT_TRUE(sink.opened.empty());
-    m.url = Url::parse("https://status.example.com/sync");
-    banner.setMessage(m);
-    click(banner.moreInfoButton());
-    ASSERT_EQ(sink.opened.size(), 1u);
-    EXPECT_EQ(sink.opened[0], QUrl(QStringLiteral("https://status.example.com/sync")));
+        // More info opens the message's URL, and does nothing without one.
+        sink.opened.clear();
+        click(banner.moreInfoButton());
+        EXPECT_TRUE(sink.opened.empty());
+        m.url = Url::parse("https://status.example.com/sync");
+        banner.setMessage(m);
+        click(banner.moreInfoButton());
+        EXPECT_EQ(sink.opened, std::vector<QUrl>{QUrl(QStringLiteral("https://status.example.com/sync"))});
+    }
     QDesktopServices::unsetUrlHandler(QStringLiteral("https"));
 }
 
