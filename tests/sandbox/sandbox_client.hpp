@@ -27,7 +27,6 @@ struct Signing {
 };
 
 struct Reply {
-    bool answered = false;
     httplib::Error error = httplib::Error::Success;
     int status = 0;
     std::string body;
@@ -40,18 +39,10 @@ struct Reply {
     }
 };
 
-inline std::string authorizationFor(const std::string& url, const std::string& method, const Signing& signing) {
-    auto parsed = Url::parse(url);
-    auto now = std::chrono::duration_cast<std::chrono::seconds>(std::chrono::system_clock::now().time_since_epoch());
-    return OAuth::calculateSignature(*parsed, method, {}, OAuthCredentials{signing.token, signing.secret},
-                                     std::nullopt, "2F1E5C4B-8D7A-4A3B-9C2D-1E0F9A8B7C6D",
-                                     now.count() + signing.clockOffset);
-}
-
 class SandboxClient {
 public:
     explicit SandboxClient(const Sandbox& sandbox, std::string host = "localhost")
-        : _port(sandbox.port()), _caFile(sandbox.caFile()), _host(std::move(host)) {}
+        : SandboxClient(sandbox.port(), sandbox.caFile(), std::move(host)) {}
     SandboxClient(int port, std::filesystem::path caFile, std::string host = "localhost")
         : _port(port), _caFile(std::move(caFile)), _host(std::move(host)) {}
 
@@ -71,7 +62,7 @@ public:
         if (signing.authorization)
             headers.emplace("Authorization", *signing.authorization);
         else if (signing.sign)
-            headers.emplace("Authorization", authorizationFor(signing.signedURL.value_or(url), method, signing));
+            headers.emplace("Authorization", authorization(signing.signedURL.value_or(url), method, signing));
 
         httplib::Request request;
         request.method = method;
@@ -89,7 +80,6 @@ public:
             std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now() - start);
         reply.error = result.error();
         if (result) {
-            reply.answered = true;
             reply.status = result->status;
             reply.body = result->body;
             reply.headers = result->headers;
@@ -102,6 +92,13 @@ public:
     }
 
 private:
+    static std::string authorization(const std::string& url, const std::string& method, const Signing& signing) {
+        auto now = std::chrono::duration_cast<std::chrono::seconds>(std::chrono::system_clock::now().time_since_epoch());
+        return OAuth::calculateSignature(*Url::parse(url), method, {}, OAuthCredentials{signing.token, signing.secret},
+                                         std::nullopt, "2F1E5C4B-8D7A-4A3B-9C2D-1E0F9A8B7C6D",
+                                         now.count() + signing.clockOffset);
+    }
+
     int _port;
     std::filesystem::path _caFile;
     std::string _host;
