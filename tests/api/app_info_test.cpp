@@ -23,7 +23,7 @@ const Bundle kSdk = Bundle(nlohmann::json{{"CFBundleIdentifier", "io.palomir.sdk
                                           {"CFBundleShortVersionString", "0.1.0"}},
                            std::nullopt);
 
-TEST(AppInfo, ReadsTheHostBundleAndSdkVersion) {
+TEST(AppInfo, ReadsTheHostBundleAndSdkVersionAndDescribesThem) {
     auto result = detail::makeAppInfo(bundle(hostInfo()), kSdk, {"de-CH", "en"});
     ASSERT_TRUE(result.hasValue());
     const AppInfo& info = result.value();
@@ -43,6 +43,19 @@ TEST(AppInfo, ReadsTheHostBundleAndSdkVersion) {
     EXPECT_EQ(made.value().sdkVersion, Bundle::palomir().string("CFBundleVersion"));
     EXPECT_EQ(made.value().preferredLanguages, preferredLanguages());
     EXPECT_EQ(toString(AppInfoError::missingFrameworkBundle), "missingFrameworkBundle");
+
+    // The description renders the optional name and the language list.
+    EXPECT_EQ(info.description(),
+              "\tAppInfo\n\t\tname: Optional(\"Example\")\n\t\tbundleIdentifier: com.example.app\n\t\tversion: 1.2"
+              "\n\t\tbuild: 42\n\t\tsdkVersion: 5\n\t\tpreferredLanguages: [\"de-CH\", \"en\"]");
+
+    AppInfo unnamed = info;
+    unnamed.name.reset();
+    unnamed.preferredLanguages.clear();
+    const std::string text = unnamed.description();
+    EXPECT_NE(text.find("\t\tname: nil\n"), std::string::npos) << text;
+    EXPECT_TRUE(text.ends_with("preferredLanguages: []")) << text;
+    EXPECT_EQ(detail::describeOptional(std::string("a\"b\\c\nd\x01")), "Optional(\"a\\\"b\\\\c\\nd\\u{1}\")");
 }
 
 TEST(AppInfo, ReportsTheMissingPiece) {
@@ -96,22 +109,6 @@ TEST(AppInfoJson, KeysInOrderWithAbsentMembersLeftOut) {
     auto json = encode(full);
     ASSERT_TRUE(json.hasError());
     EXPECT_EQ(json.error().message(), "metadata.bad[0]: AnyEncodable value cannot be encoded");
-}
-
-TEST(AppInfoDescription, RendersOptionalNameAndLanguageList) {
-    auto made = detail::makeAppInfo(bundle(hostInfo()), kSdk, {"de-CH", "en"});
-    ASSERT_TRUE(made.hasValue());
-    EXPECT_EQ(made.value().description(),
-              "\tAppInfo\n\t\tname: Optional(\"Example\")\n\t\tbundleIdentifier: com.example.app\n\t\tversion: 1.2"
-              "\n\t\tbuild: 42\n\t\tsdkVersion: 5\n\t\tpreferredLanguages: [\"de-CH\", \"en\"]");
-
-    AppInfo unnamed = made.value();
-    unnamed.name.reset();
-    unnamed.preferredLanguages.clear();
-    const std::string text = unnamed.description();
-    EXPECT_NE(text.find("\t\tname: nil\n"), std::string::npos) << text;
-    EXPECT_TRUE(text.ends_with("preferredLanguages: []")) << text;
-    EXPECT_EQ(detail::describeOptional(std::string("a\"b\\c\nd\x01")), "Optional(\"a\\\"b\\\\c\\nd\\u{1}\")");
 }
 
 TEST(UserAgent, Composes) {
