@@ -41,23 +41,16 @@ private:
 
 TestResponse respond(int status, std::string body, std::string contentType = "application/json",
                      palomir_test::Headers headers = {}) {
-    TestResponse response;
-    response.status = status;
-    response.body = std::move(body);
-    response.contentType = std::move(contentType);
-    response.headers = std::move(headers);
-    return response;
+    return TestResponse{status, std::move(headers), std::move(body), std::move(contentType), std::nullopt};
 }
 
-AppInfo sampleAppInfo() {
-    AppInfo info;
-    info.bundleIdentifier = "com.example.host";
-    info.version = "2.1";
-    info.build = "210";
-    info.sdkVersion = "1";
-    info.preferredLanguages = {"en-GB"};
-    return info;
-}
+const AppInfo kAppInfo{.name = std::nullopt,
+                       .bundleIdentifier = "com.example.host",
+                       .version = "2.1",
+                       .build = "210",
+                       .sdkVersion = "1",
+                       .preferredLanguages = {"en-GB"},
+                       .metadata = std::nullopt};
 
 // Waits for the one completion of an operation and fails if a second arrives.
 template <class T>
@@ -107,11 +100,7 @@ protected:
     }
 
     BackendOptions options() const {
-        BackendOptions o;
-        o.baseURL = _server->url("/api");
-        o.trustAnchors = {_resources / "ca.pem"};
-        o.resourceDirectory = _resources.path();
-        return o;
+        return BackendOptions{_server->url("/api"), {_resources / "ca.pem"}, _resources.path()};
     }
 
     std::shared_ptr<APIClient> makeClient(AppCredentials credentials = {"app-token", "app-secret"},
@@ -129,10 +118,14 @@ protected:
     std::shared_ptr<CapturingLogger> _logger = std::make_shared<CapturingLogger>();
 };
 
+// The client is dropped at once: the request under way still finishes.
 TEST_F(APIClientTest, CheckinSendsASignedPutWithTheAppInfoAndDecodesTheConfiguration) {
-    auto client = makeClient();
+    answer([](const RecordedRequest&) {
+        std::this_thread::sleep_for(300ms);
+        return respond(200, kConfiguration);
+    });
     Outcome<Configuration> outcome;
-    client->checkin(sampleAppInfo(), outcome.completion());
+    makeClient()->checkin(kAppInfo, outcome.completion());
     const auto& result = outcome.get();
     ASSERT_TRUE(result.hasValue()) << result.error().localizedDescription();
     EXPECT_EQ(result.value().version, "7");
@@ -176,10 +169,10 @@ TEST_F(APIClientTest, ServiceEndpointsUseTheirPathsAndSendNoBody) {
     auto client = makeClient();
     for (const bool system : {false, true}) {
         Outcome<std::pair<ServicesResponse, MaxAge>> list;
-        client->services(sampleAppInfo(), system, list.completion());
+        client->services(kAppInfo, system, list.completion());
         EXPECT_TRUE(list.get().hasValue());
         Outcome<std::pair<Service, MaxAge>> one;
-        client->service("db", sampleAppInfo(), system, one.completion());
+        client->service("db", kAppInfo, system, one.completion());
         EXPECT_TRUE(one.get().hasValue());
     }
     auto requests = _server->requests();
@@ -193,44 +186,39 @@ TEST_F(APIClientTest, ServiceEndpointsUseTheirPathsAndSendNoBody) {
     }
 }
 
-struct AnswerCase {
-    const char* name;
-    TestResponse response;
-    std::string expected;  // the error's text; empty: success
-    MaxAge maxAge = std::nullopt;
-};
-
-class APIClientAnswers : public APIClientTest, public ::testing::WithParamInterface<AnswerCase> {};
-
-TEST_P(APIClientAnswers, ClassifiesTheAnswer) {
-    const auto& c = GetParam();
-    answer([&](const RecordedRequest&) { return c.response; });
-    Outcome<std::pair<ServicesResponse, MaxAge>> outcome;
-    makeClient()->services(sampleAppInfo(), false, outcome.completion());
-    const auto& result = outcome.get();
-    if (c.expected.empty()) {
-        ASSERT_TRUE(result.hasValue()) << result.error().localizedDescription();
-        EXPECT_EQ(result.value().second, c.maxAge);
-    } else {
-        ASSERT_TRUE(result.hasError());
-        EXPECT_EQ(result.error().localizedDescription(), c.expected);
+TEST_F(APIClientTest, ClassifiesTheAnswer) {
+    struct Case {
+        TestResponse response;
+        std::string expected;  // the error's text; empty: success
+        MaxAge maxAge = std::nullopt;
+    };
+    const std::vector<Case> cases = {
+        {respond(304, ""), "Request failed: Bad status: 304"},
+        {respond(500, R"({"services":[]})"), "Request failed: Bad status: 500"},
+        {respond(200, ""), "Empty response"},
+        {respond(200, R"({"items":[]})"),
+         "Failed to decode response: {\"items\":[]}\nerror:services: missing required key"},
+        {respond(200, "<html>maintenance</html>", "text/html"),
+         "Failed to decode response: <html>maintenance</html>\nerror:[json.exception.parse_error.101] parse "
+         "error at line 1, column 1: syntax error while parsing value - invalid literal; last read: '<'"},
+        {respond(200, R"({"services":[]})", "application/json", {{"Cache-Control", "public, MAX-AGE = 300"}}), "",
+         300.0}};
+    auto client = makeClient();
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.response.status);
+        answer([&](const RecordedRequest&) { return c.response; });
+        Outcome<std::pair<ServicesResponse, MaxAge>> outcome;
+        client->services(kAppInfo, false, outcome.completion());
+        const auto& result = outcome.get();
+        if (c.expected.empty()) {
+            ASSERT_TRUE(result.hasValue()) << result.error().localizedDescription();
+            EXPECT_EQ(result.value().second, c.maxAge);
+        } else {
+            ASSERT_TRUE(result.hasError());
+            EXPECT_EQ(result.error().localizedDescription(), c.expected);
+        }
     }
 }
-
-INSTANTIATE_TEST_SUITE_P(
-    Statuses, APIClientAnswers,
-    ::testing::Values(
-        AnswerCase{"notModified", respond(304, ""), "Request failed: Bad status: 304"},
-        AnswerCase{"serverError", respond(500, R"({"services":[]})"), "Request failed: Bad status: 500"},
-        AnswerCase{"emptyOk", respond(200, ""), "Empty response"},
-        AnswerCase{"wrongShape", respond(200, R"({"items":[]})"),
-                   "Failed to decode response: {\"items\":[]}\nerror:services: missing required key"},
-        AnswerCase{"notJson", respond(200, "<html>maintenance</html>", "text/html"),
-                   "Failed to decode response: <html>maintenance</html>\nerror:[json.exception.parse_error.101] parse "
-                   "error at line 1, column 1: syntax error while parsing value - invalid literal; last read: '<'"},
-        AnswerCase{"maxAge", respond(200, R"({"services":[]})", "application/json", {{"Cache-Control", "public, MAX-AGE = 300"}}),
-                   "", 300.0}),
-    [](const auto& info) { return std::string(info.param.name); });
 
 TEST(MaxAgeParsing, ReadsOnlyDigits) {
     const std::vector<std::pair<const char*, MaxAge>> cases = {
@@ -247,11 +235,11 @@ TEST_F(APIClientTest, LocalFailuresComeBeforeAnyTraffic) {
     Outcome<std::pair<Service, MaxAge>> service;
     Outcome<DirectUploadResponse> upload;
     Outcome<Feedback> feedback;
-    client->checkin(sampleAppInfo(), checkin.completion());
-    client->services(sampleAppInfo(), true, services.completion());
-    client->service("db", sampleAppInfo(), false, service.completion());
+    client->checkin(kAppInfo, checkin.completion());
+    client->services(kAppInfo, true, services.completion());
+    client->service("db", kAppInfo, false, service.completion());
     client->startDirectUpload(DirectUpload{"a.txt", 1, "x", "text/plain", std::nullopt}, upload.completion());
-    client->createFeedback(Feedback{"t", "m", "me", std::nullopt}, sampleAppInfo(), feedback.completion());
+    client->createFeedback(Feedback{"t", "m", "me", std::nullopt}, kAppInfo, feedback.completion());
     EXPECT_EQ(checkin.get().error().localizedDescription(), "Invalid app token");
     EXPECT_EQ(services.get().error().localizedDescription(), "Invalid app token");
     EXPECT_EQ(service.get().error().localizedDescription(), "Invalid app token");
@@ -260,13 +248,13 @@ TEST_F(APIClientTest, LocalFailuresComeBeforeAnyTraffic) {
 
     // With a usable token, an identifier that breaks the URL.
     Outcome<std::pair<Service, MaxAge>> broken;
-    makeClient()->service("two words", sampleAppInfo(), false, broken.completion());
+    makeClient()->service("two words", kAppInfo, false, broken.completion());
     EXPECT_EQ(broken.get().error().localizedDescription(), "Invalid URL");
 
     // Without the pinned certificate nothing is sent at all.
     std::filesystem::remove(_resources / "localhost.crt");
     Outcome<Configuration> unpinned;
-    makeClient()->checkin(sampleAppInfo(), unpinned.completion());
+    makeClient()->checkin(kAppInfo, unpinned.completion());
     EXPECT_EQ(unpinned.get().error().localizedDescription().rfind("Request failed: Network error: ", 0), 0u);
     EXPECT_TRUE(_server->requests().empty());
 }
@@ -279,7 +267,7 @@ TEST_F(APIClientTest, SendsTheNormalisedUserTokenAndASilentOneHoldsUpOnlyItsClie
             std::thread([callback, token] { callback(token); }).detach();
         });
         Outcome<Configuration> outcome;
-        makeClient({"app-token", "app-secret"}, user)->checkin(sampleAppInfo(), outcome.completion());
+        makeClient({"app-token", "app-secret"}, user)->checkin(kAppInfo, outcome.completion());
         ASSERT_TRUE(outcome.get().hasValue());
     }
     auto requests = _server->requests();
@@ -290,9 +278,9 @@ TEST_F(APIClientTest, SendsTheNormalisedUserTokenAndASilentOneHoldsUpOnlyItsClie
     auto silent = std::make_shared<ClosureUserCredentials>([](ClosureUserCredentials::Callback) {});
     auto stuck = makeClient({"app-token", "app-secret"}, silent);
     std::atomic<bool> stuckCalled = false;
-    stuck->checkin(sampleAppInfo(), [&](auto) { stuckCalled = true; });
+    stuck->checkin(kAppInfo, [&](auto) { stuckCalled = true; });
     Outcome<Configuration> other;
-    makeClient()->checkin(sampleAppInfo(), other.completion());
+    makeClient()->checkin(kAppInfo, other.completion());
     EXPECT_TRUE(other.get().hasValue());
     EXPECT_FALSE(stuckCalled);
 }
@@ -312,7 +300,7 @@ TEST_F(APIClientTest, UploadsAndFeedbackSendSnakeCaseBodiesAndTheBytesWithTheTar
     ASSERT_TRUE(announced.get().hasValue());
     EXPECT_EQ(announced.get().value().signedID, "s");
     Outcome<Feedback> feedback;
-    client->createFeedback(Feedback{"t", "m", "me", std::vector<std::string>{"s"}}, sampleAppInfo(), feedback.completion());
+    client->createFeedback(Feedback{"t", "m", "me", std::vector<std::string>{"s"}}, kAppInfo, feedback.completion());
     ASSERT_TRUE(feedback.get().hasValue());
 
     DirectUploadResponse::DirectUpload target{_server->url("/uploads/abc?sig=1"),
@@ -346,51 +334,33 @@ TEST_F(APIClientTest, UploadsAndFeedbackSendSnakeCaseBodiesAndTheBytesWithTheTar
     EXPECT_EQ(unusable.get().error().localizedDescription().rfind("Request failed: Network error: ", 0), 0u);
 }
 
-TEST_F(APIClientTest, ARequestUnderWayFinishesAfterTheClientIsDropped) {
-    answer([](const RecordedRequest&) {
-        std::this_thread::sleep_for(300ms);
-        return respond(200, kConfiguration, "application/json");
-    });
-    Outcome<Configuration> outcome;
-    makeClient()->checkin(sampleAppInfo(), outcome.completion());
-    EXPECT_TRUE(outcome.get().hasValue());
-}
-
-struct TimeoutCase {
-    const char* name;
-    palomir_test::FaultServer::Behaviour server;
-    std::chrono::milliseconds atLeast;
-    std::chrono::milliseconds below;
-};
-
-class CheckinTimeouts : public ::testing::TestWithParam<TimeoutCase> {};
-
-TEST_P(CheckinTimeouts, AreGivenUpWithinTheCheckinLimits) {
-    palomir_test::FaultServer server(GetParam().server);
-    BackendOptions options;
-    options.baseURL = server.url("/api");
-    auto client = APIClient::make({"t", "s"}, nullptr, nullptr, nullptr, options);
-    Outcome<Configuration> outcome;
-    auto started = std::chrono::steady_clock::now();
-    client->checkin(sampleAppInfo(), outcome.completion());
-    const auto& result = outcome.get();
-    auto elapsed = std::chrono::steady_clock::now() - started;
-    ASSERT_TRUE(result.hasError());
-    EXPECT_EQ(result.error().localizedDescription().rfind("Request failed: Network error: ", 0), 0u);
-    EXPECT_GE(elapsed, GetParam().atLeast) << result.error().localizedDescription();
-    EXPECT_LT(elapsed, GetParam().below);
-}
-
-const std::string kDripHead = "HTTP/1.1 200 OK\r\nContent-Type: application/json\r\nContent-Length: 4000\r\n\r\n";
-
 // A stalled server meets the idle limit (1 s); one that keeps dripping
 // bytes, each resetting the idle limit, meets the limit on the whole
 // exchange (5 s).
-INSTANTIATE_TEST_SUITE_P(
-    Servers, CheckinTimeouts,
-    ::testing::Values(TimeoutCase{"stalled", {"", 0ms, true, 0}, 900ms, 4s},
-                      TimeoutCase{"dripping", {kDripHead + std::string(4000, ' '), 200ms, true, kDripHead.size()}, 4500ms, 9s}),
-    [](const auto& info) { return std::string(info.param.name); });
+TEST(CheckinTimeouts, AreGivenUpWithinTheCheckinLimits) {
+    const std::string head = "HTTP/1.1 200 OK\r\nContent-Type: application/json\r\nContent-Length: 4000\r\n\r\n";
+    struct Case {
+        palomir_test::FaultServer::Behaviour server;
+        std::chrono::milliseconds atLeast;
+        std::chrono::milliseconds below;
+    };
+    const std::vector<Case> cases = {{{"", 0ms, true, 0}, 900ms, 4s},
+                                     {{head + std::string(4000, ' '), 200ms, true, head.size()}, 4500ms, 9s}};
+    for (const auto& c : cases) {
+        palomir_test::FaultServer server(c.server);
+        BackendOptions options;
+        options.baseURL = server.url("/api");
+        Outcome<Configuration> outcome;
+        auto started = std::chrono::steady_clock::now();
+        APIClient::make({"t", "s"}, nullptr, nullptr, nullptr, options)->checkin(kAppInfo, outcome.completion());
+        const auto& result = outcome.get();
+        auto elapsed = std::chrono::steady_clock::now() - started;
+        ASSERT_TRUE(result.hasError());
+        EXPECT_EQ(result.error().localizedDescription().rfind("Request failed: Network error: ", 0), 0u);
+        EXPECT_GE(elapsed, c.atLeast) << result.error().localizedDescription();
+        EXPECT_LT(elapsed, c.below);
+    }
+}
 
 }  // namespace
 }  // namespace palomir
