@@ -1,5 +1,4 @@
 #include <openssl/bio.h>
-#include <openssl/bn.h>
 #include <openssl/evp.h>
 #include <openssl/pem.h>
 #include <openssl/rand.h>
@@ -10,7 +9,6 @@
 
 #include <cstdlib>
 #include <fstream>
-#include <random>
 #include <stdexcept>
 
 #include "palomir_test/tls.hpp"
@@ -48,36 +46,20 @@ void addExtension(X509* certificate, X509V3_CTX* context, int nid, const std::st
     X509_EXTENSION_free(extension);
 }
 
-struct Blueprint {
-    std::string commonName;
-    bool isCa = false;
-    std::vector<std::string> dnsNames;
-    std::vector<std::string> ipAddresses;
-    bool expired = false;
-};
-
-// `issuer` null: self-signed with the new key.
-Certificate make(const Blueprint& blueprint, const Certificate* issuer) {
+// `issuer` null: self-signed with the new key. A CA carries no names.
+Certificate make(const LeafOptions& blueprint, bool isCa, const Certificate* issuer) {
     auto key = makeKey();
     std::shared_ptr<X509> certificate(X509_new(), X509_free);
     X509* x = certificate.get();
     X509_set_version(x, 2);
 
-    unsigned char serial[16];
-    RAND_bytes(serial, sizeof serial);
-    serial[0] &= 0x7f;  // positive
-    BIGNUM* number = BN_bin2bn(serial, sizeof serial, nullptr);
-    BN_to_ASN1_INTEGER(number, X509_get_serialNumber(x));
-    BN_free(number);
+    std::uint64_t serial = 0;
+    RAND_bytes(reinterpret_cast<unsigned char*>(&serial), sizeof serial);
+    ASN1_INTEGER_set_uint64(X509_get_serialNumber(x), serial >> 1);  // positive, never zero in practice
 
     const long day = 24 * 3600;
-    if (blueprint.expired) {
-        X509_gmtime_adj(X509_getm_notBefore(x), -2 * day);
-        X509_gmtime_adj(X509_getm_notAfter(x), -1 * day);
-    } else {
-        X509_gmtime_adj(X509_getm_notBefore(x), -3600);
-        X509_gmtime_adj(X509_getm_notAfter(x), 30 * day);
-    }
+    X509_gmtime_adj(X509_getm_notBefore(x), blueprint.expired ? -2 * day : -3600);
+    X509_gmtime_adj(X509_getm_notAfter(x), blueprint.expired ? -day : 30 * day);
 
     X509_NAME* name = X509_get_subject_name(x);
     X509_NAME_add_entry_by_txt(name, "O", MBSTRING_UTF8, reinterpret_cast<const unsigned char*>("Palomir Tests"),
@@ -90,12 +72,12 @@ Certificate make(const Blueprint& blueprint, const Certificate* issuer) {
     X509V3_CTX context;
     X509V3_set_ctx_nodb(&context);
     X509V3_set_ctx(&context, issuer ? issuer->x509() : x, x, nullptr, nullptr, 0);
-    addExtension(x, &context, NID_basic_constraints, blueprint.isCa ? "critical,CA:TRUE" : "critical,CA:FALSE");
+    addExtension(x, &context, NID_basic_constraints, isCa ? "critical,CA:TRUE" : "critical,CA:FALSE");
     addExtension(x, &context, NID_key_usage,
-                 blueprint.isCa ? "critical,keyCertSign,cRLSign" : "critical,digitalSignature,keyEncipherment");
+                 isCa ? "critical,keyCertSign,cRLSign" : "critical,digitalSignature,keyEncipherment");
     addExtension(x, &context, NID_subject_key_identifier, "hash");
     addExtension(x, &context, NID_authority_key_identifier, "keyid:always");
-    if (!blueprint.isCa) {
+    if (!isCa) {
         addExtension(x, &context, NID_ext_key_usage, "serverAuth");
         std::string names;
         for (const auto& dns : blueprint.dnsNames) names += (names.empty() ? "DNS:" : ",DNS:") + dns;
@@ -138,13 +120,6 @@ std::vector<std::uint8_t> Certificate::der() const {
     return bytes;
 }
 
-std::string Certificate::keyPem() const {
-    if (!_key) fail("the certificate has no private key");
-    BIO* bio = BIO_new(BIO_s_mem());
-    PEM_write_bio_PrivateKey(bio, _key.get(), nullptr, nullptr, 0, nullptr, nullptr);
-    return fromBio(bio);
-}
-
 void Certificate::writePem(const std::filesystem::path& path) const { writeFile(path, pem()); }
 
 void Certificate::writeDer(const std::filesystem::path& path) const {
@@ -152,7 +127,12 @@ void Certificate::writeDer(const std::filesystem::path& path) const {
     writeFile(path, std::string(bytes.begin(), bytes.end()));
 }
 
-void Certificate::writeKeyPem(const std::filesystem::path& path) const { writeFile(path, keyPem()); }
+void Certificate::writeKeyPem(const std::filesystem::path& path) const {
+    if (!_key) fail("the certificate has no private key");
+    BIO* bio = BIO_new(BIO_s_mem());
+    PEM_write_bio_PrivateKey(bio, _key.get(), nullptr, nullptr, 0, nullptr, nullptr);
+    writeFile(path, fromBio(bio));
+}
 
 void writePem(const std::filesystem::path& path, const CertificateChain& certificates) {
     std::string text;
@@ -161,25 +141,23 @@ void writePem(const std::filesystem::path& path, const CertificateChain& certifi
 }
 
 Certificate CertificateFactory::makeRoot(const std::string& commonName) {
-    return make(Blueprint{commonName, true, {}, {}, false}, nullptr);
+    return make(LeafOptions{commonName, {}, {}, false}, true, nullptr);
 }
 
 Certificate CertificateFactory::makeIntermediate(const Certificate& issuer, const std::string& commonName) {
-    return make(Blueprint{commonName, true, {}, {}, false}, &issuer);
+    return make(LeafOptions{commonName, {}, {}, false}, true, &issuer);
 }
 
 Certificate CertificateFactory::makeLeaf(const Certificate& issuer, const LeafOptions& options) {
-    return make(Blueprint{options.commonName, false, options.dnsNames, options.ipAddresses, options.expired}, &issuer);
+    return make(options, false, &issuer);
 }
 
-Certificate CertificateFactory::makeSelfSignedLeaf(const LeafOptions& options) {
-    return make(Blueprint{options.commonName, false, options.dnsNames, options.ipAddresses, options.expired}, nullptr);
-}
+Certificate CertificateFactory::makeSelfSignedLeaf(const LeafOptions& options) { return make(options, false, nullptr); }
 
-TestPki TestPki::make(const std::string& name, const LeafOptions& leafOptions) {
+TestPki TestPki::make(const std::string& name) {
     Certificate root = CertificateFactory::makeRoot(name + " Root CA");
     Certificate intermediate = CertificateFactory::makeIntermediate(root, name + " Intermediate CA");
-    Certificate leaf = CertificateFactory::makeLeaf(intermediate, leafOptions);
+    Certificate leaf = CertificateFactory::makeLeaf(intermediate);
     return TestPki{std::move(root), std::move(intermediate), std::move(leaf)};
 }
 

@@ -24,12 +24,9 @@ bool readable(int socket, int timeoutMs) {
 FaultServer::FaultServer(Behaviour behaviour) : _behaviour(std::move(behaviour)) {
     _listener = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
     if (_listener < 0) throw std::runtime_error("fault server: no socket");
-    const int yes = 1;
-    setsockopt(_listener, SOL_SOCKET, SO_REUSEADDR, &yes, sizeof yes);
     sockaddr_in address{};
     address.sin_family = AF_INET;
     address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    address.sin_port = 0;
     socklen_t length = sizeof address;
     if (bind(_listener, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0 || listen(_listener, 16) != 0 ||
         getsockname(_listener, reinterpret_cast<sockaddr*>(&address), &length) != 0) {

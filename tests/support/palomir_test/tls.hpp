@@ -49,7 +49,6 @@ public:
 
     std::string pem() const;
     std::vector<std::uint8_t> der() const;
-    std::string keyPem() const;
 
     void writePem(const std::filesystem::path& path) const;
     void writeDer(const std::filesystem::path& path) const;
@@ -89,7 +88,7 @@ struct TestPki {
     Certificate intermediate;
     Certificate leaf;
 
-    static TestPki make(const std::string& name, const LeafOptions& leafOptions = {});
+    static TestPki make(const std::string& name);
     /// Leaf and intermediate: the root is not sent.
     CertificateChain chain() const { return {leaf, intermediate}; }
 };
