@@ -95,12 +95,20 @@ struct Posts {
     }
 };
 
-TEST_F(ClientIntegration, AListFetchPostsTheListThenEachServiceInOrderAndAFailureKeepsIt) {
+// A list fetch posts the list, then each service in order, and a failed one
+// keeps the list. Observers of either system-service name receive every
+// post; a single service, user or system, is announced but never merged.
+TEST_F(ClientIntegration, ServiceFetchesPostInOrderAndOnlyListsChangeTheStoredLists) {
     scenarioFile("outage.json");
-    auto& center = Palomir::shared().notificationCenter();
-    Posts posts;
+    auto& palomir = Palomir::shared();
+    auto& center = palomir.notificationCenter();
+    Posts posts, systemList, systemService;
     center.addObserver(std::string(Palomir::servicesUpdated), nullptr, [&](const Notification& n) { posts.add(n); });
     center.addObserver(std::string(Palomir::serviceUpdated), nullptr, [&](const Notification& n) { posts.add(n); });
+    center.addObserver(std::string(Palomir::systemServicesUpdated), nullptr,
+                       [&](const Notification& n) { systemList.add(n); });
+    center.addObserver(std::string(Palomir::systemServiceUpdated), nullptr,
+                       [&](const Notification& n) { systemService.add(n); });
 
     auto result = fetchServices();
     ASSERT_TRUE(result.hasValue()) << result.error().localizedDescription();
@@ -109,43 +117,28 @@ TEST_F(ClientIntegration, AListFetchPostsTheListThenEachServiceInOrderAndAFailur
     EXPECT_EQ(posts.entries, (std::vector<std::string>{"servicesUpdated:list of 4", "serviceUpdated:sync",
                                                        "serviceUpdated:photos", "serviceUpdated:sharing",
                                                        "serviceUpdated:search"}));
-    EXPECT_EQ(Palomir::shared().services()->size(), 4u);
     EXPECT_TRUE(_logger->contains("successfully fetched services:\n[Service(name: \"Sync\"", LogType::default_));
-
-    // A single user service is announced but never changes the stored list.
-    auto single = await<Palomir::ServiceResult>([&](auto done) { Palomir::shared().service("photos", _queue, done); });
+    auto single = await<Palomir::ServiceResult>([&](auto done) { palomir.service("photos", _queue, done); });
     ASSERT_TRUE(single.hasValue());
     EXPECT_EQ(posts.entries.back(), "serviceUpdated:photos");
-    EXPECT_EQ(Palomir::shared().services()->size(), 4u);
+    EXPECT_EQ(palomir.services()->size(), 4u);
 
     fault(sb::Route::services, "status:503");
     auto failed = fetchServices();
     ASSERT_TRUE(failed.hasError());
     EXPECT_EQ(*failed.error().apiError(), APIError::requestFailed(RequestError::badStatus(503)));
-    EXPECT_EQ(Palomir::shared().services()->size(), 4u);
+    EXPECT_EQ(palomir.services()->size(), 4u);
     EXPECT_EQ(posts.entries.size(), 6u);
     EXPECT_TRUE(_logger->contains("failed to fetch services: Request failed: Bad status: 503", LogType::default_));
-}
+    _sandbox->clearFaults();
 
-// Observers of either system-service name receive every post; a single
-// system service starts the list but is never merged into one.
-TEST_F(ClientIntegration, SystemServicesPostUnderOneNameAndASingleOneNeverChangesTheList) {
-    scenarioFile("outage.json");
-    auto& center = Palomir::shared().notificationCenter();
-    Posts listObserver, serviceObserver;
-    center.addObserver(std::string(Palomir::systemServicesUpdated), nullptr,
-                       [&](const Notification& n) { listObserver.add(n); });
-    center.addObserver(std::string(Palomir::systemServiceUpdated), nullptr,
-                       [&](const Notification& n) { serviceObserver.add(n); });
     auto fetchAuth = [&] {
-        return await<Palomir::ServiceResult>([&](auto done) { Palomir::shared().systemService("auth", _queue, done); });
+        return await<Palomir::ServiceResult>([&](auto done) { palomir.systemService("auth", _queue, done); });
     };
+    // A single system service starts the list when there is none.
     ASSERT_TRUE(fetchAuth().hasValue());
-    ASSERT_TRUE(Palomir::shared().systemServices().has_value());
-    ASSERT_EQ(Palomir::shared().systemServices()->size(), 1u);
-    const auto before = Palomir::shared().systemServices()->front();
-
-    // The backend changes the service; fetching it alone leaves the list.
+    ASSERT_EQ(palomir.systemServices()->size(), 1u);
+    const auto before = palomir.systemServices()->front();
     std::ifstream in(kScenarios / "outage.json");
     auto document = nlohmann::json::parse(in);
     document["system_services"][0]["state"] = before.state == ServiceState::ok ? "error" : "ok";
@@ -153,15 +146,14 @@ TEST_F(ClientIntegration, SystemServicesPostUnderOneNameAndASingleOneNeverChange
     auto changed = fetchAuth();
     ASSERT_TRUE(changed.hasValue());
     EXPECT_NE(changed.value().first.state, before.state);
-    EXPECT_EQ(Palomir::shared().systemServices()->front(), before);
+    EXPECT_EQ(palomir.systemServices()->front(), before);
 
-    listObserver.entries.clear();
-    serviceObserver.entries.clear();
-    auto result = await<Palomir::ServicesResult>([&](auto done) { Palomir::shared().systemServices(_queue, done); });
-    ASSERT_TRUE(result.hasValue());
+    systemList.entries.clear();
+    systemService.entries.clear();
+    ASSERT_TRUE(await<Palomir::ServicesResult>([&](auto done) { palomir.systemServices(_queue, done); }).hasValue());
     const std::vector<std::string> expected{"systemServiceUpdated:list of 1", "systemServiceUpdated:auth"};
-    EXPECT_EQ(listObserver.entries, expected);
-    EXPECT_EQ(serviceObserver.entries, expected);
+    EXPECT_EQ(systemList.entries, expected);
+    EXPECT_EQ(systemService.entries, expected);
 }
 
 class FilesProvider : public AttachmentProvider {
