@@ -16,7 +16,8 @@ TEST(UserTokenNormalisation, StaticAndClosureAgree) {
         {"Bearer abc", "Bearer abc"}, {"bearer abc", "bearer abc"}, {"BEARER abc", "BEARER abc"},
         {"bEaReRabc", "bEaReRabc"},   {"bearer", "bearer"},         {"bear", "Bearer bear"},
         {" bearer x", "Bearer  bearer x"}, {"Basic xyz", "Bearer Basic xyz"}};
-    for (const auto& [token, header] : cases) {
+    for (const auto& [given, header] : cases) {
+        const std::optional<std::string> token = given;  // a lambda cannot capture a structured binding here
         SCOPED_TRACE(token.value_or("(none)"));
         EXPECT_EQ(normalizedUserAuthHeader(token), header);
         if (token) {
