@@ -72,22 +72,27 @@ TEST(SerialQueue, WorkPostedFromTheQueueItselfRunsLaterAndOnlyItsOwnQueueIsCurre
     EXPECT_EQ(future.get(), (std::vector<std::string>{"outer begins", "outer ends", "inner"}));
 }
 
-TEST(SerialQueue, ADroppedQueueRunsItsPendingWorkAndIsReleasedOnItsOwnWorker) {
+TEST(SerialQueue, ADroppedQueueRunsItsPendingWorkAndWorkHoldingItReleasesItOnItsOwnWorker) {
     auto queue = DispatchQueue::makeSerial("test.dropped");
     std::weak_ptr<DispatchQueue> weak = queue;
     std::atomic<int> count{0};
     std::promise<void> gate;
     std::promise<void> finished;
-    // The last item holds the last reference: the queue then dies on its own
-    // worker, where a self-join would abort and a leak would keep it alive.
     queue->async([opened = gate.get_future().share()] { opened.wait(); });
     for (int i = 0; i < 100; ++i) queue->async([&] { ++count; });
-    queue->async([self = queue, &finished] { finished.set_value(); });
+    queue->async([&] { finished.set_value(); });
     queue.reset();
+    EXPECT_TRUE(weak.expired());
     gate.set_value();
     auto future = finished.get_future();
     ASSERT_TRUE(ready(future));
     EXPECT_EQ(count.load(), 100);
+
+    // A self-join there would abort, a leak would keep the queue alive.
+    queue = DispatchQueue::makeSerial("test.self");
+    weak = queue;
+    queue->async([self = queue] {});
+    queue.reset();
     const auto deadline = std::chrono::steady_clock::now() + 5s;
     while (!weak.expired() && std::chrono::steady_clock::now() < deadline) std::this_thread::sleep_for(1ms);
     EXPECT_TRUE(weak.expired());
