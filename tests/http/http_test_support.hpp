@@ -17,7 +17,6 @@ namespace palomir::testing {
 struct Outcome {
     std::optional<HttpResponse> response;
     std::optional<HttpError> error;
-    bool onSessionThread = false;
     double seconds = 0;
 
     std::string body() const { return response ? std::string(response->body.begin(), response->body.end()) : ""; }
@@ -30,14 +29,10 @@ inline Outcome perform(const std::shared_ptr<HttpSession>& session, HttpRequest 
     auto promise = std::make_shared<std::promise<Outcome>>();
     auto future = promise->get_future();
     const auto start = std::chrono::steady_clock::now();
-    std::weak_ptr<HttpSession> weak = session;
-    HttpCompletion completion = [promise, weak, start](std::optional<HttpResponse> response,
-                                                      std::optional<HttpError> error) {
+    HttpCompletion completion = [promise, start](std::optional<HttpResponse> response, std::optional<HttpError> error) {
         Outcome outcome;
         outcome.response = std::move(response);
         outcome.error = std::move(error);
-        const auto alive = weak.lock();
-        outcome.onSessionThread = alive && alive->isCurrent();
         outcome.seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
         promise->set_value(std::move(outcome));
     };
