@@ -108,12 +108,17 @@ const char* kWithoutMessage = R"({"version":"1","theme":{"text_color":"#000","ba
   "services":[{"name":"B","identifier":"b","is_available":true,"state":"error","triggers_message":true}]})";
 
 TEST(UpdateMessageViewTest, ShowsWorstMessageReusesBannerAndRemovesItWhenNoMessage) {
+    QTemporaryDir caches;
+    setCachesDirectory(caches.path().toStdString());
     QObject host;
     QQuickItem view;
     view.setSize(QSizeF(400, 800));
     setSafeAreaMargins(&view, QMarginsF(0, 40, 0, 30));
     const auto withMessage = test::configuration(kWithMessage);
+    const auto withoutMessage = test::configuration(kWithoutMessage);
     EXPECT_EQ(updateMessageView(&host, &view, MessageViewLocation::top, 10, std::nullopt), nullptr);
+    // Without a configuration argument the client's counts, and it holds none yet.
+    EXPECT_EQ(updateMessageView(&host, &view, MessageViewLocation::top, 10), nullptr);
     EXPECT_TRUE(view.childItems().isEmpty());
 
     auto* banner = updateMessageView(&host, &view, MessageViewLocation::top, 10, withMessage);
@@ -127,34 +132,20 @@ TEST(UpdateMessageViewTest, ShowsWorstMessageReusesBannerAndRemovesItWhenNoMessa
     EXPECT_EQ(again, banner);
     EXPECT_EQ(again->location(), MessageViewLocation::bottom);
     EXPECT_EQ(host.findChildren<MessageViewController*>().size(), 1);
-
-    EXPECT_EQ(updateMessageView(&host, &view, MessageViewLocation::top, 10, test::configuration(kWithoutMessage)),
-              nullptr);
+    EXPECT_EQ(updateMessageView(&host, &view, MessageViewLocation::top, 10, withoutMessage), nullptr);
     EXPECT_TRUE(host.findChildren<MessageViewController*>().isEmpty());
     EXPECT_TRUE(view.childItems().isEmpty());
 
-    // A new banner at the bottom sits above the safe area.
-    banner = updateMessageView(&host, &view, MessageViewLocation::bottom, -10, withMessage);
-    ASSERT_NE(banner, nullptr);
-    EXPECT_DOUBLE_EQ(banner->view()->y() + banner->view()->height(), 800.0 - 30.0 - 10.0);
-    EXPECT_TRUE(banner->chevronFlipped());
-}
-
-TEST(UpdateMessageViewTest, WithoutAConfigurationArgumentUsesWhatTheClientHolds) {
-    QTemporaryDir caches;
-    setCachesDirectory(caches.path().toStdString());
-    QObject host;
-    QQuickItem view;
-    view.setSize(QSizeF(400, 800));
-    EXPECT_EQ(updateMessageView(&host, &view, MessageViewLocation::top, 10), nullptr);
-
-    Palomir::shared().setConfiguration(test::configuration(kWithMessage));
-    auto* banner = updateMessageView(&host, &view, MessageViewLocation::top, 10);
+    // A new banner at the bottom, from the configuration the client holds,
+    // sits above the safe area.
+    Palomir::shared().setConfiguration(withMessage);
+    banner = updateMessageView(&host, &view, MessageViewLocation::bottom, -10);
     ASSERT_NE(banner, nullptr);
     EXPECT_EQ(text(banner->titleLabel()), QStringLiteral("Down"));
-
-    Palomir::shared().setConfiguration(test::configuration(kWithoutMessage));
-    EXPECT_EQ(updateMessageView(&host, &view, MessageViewLocation::top, 10), nullptr);
+    EXPECT_DOUBLE_EQ(banner->view()->y() + banner->view()->height(), 800.0 - 30.0 - 10.0);
+    EXPECT_TRUE(banner->chevronFlipped());
+    Palomir::shared().setConfiguration(withoutMessage);
+    EXPECT_EQ(updateMessageView(&host, &view, MessageViewLocation::bottom, -10), nullptr);
     EXPECT_TRUE(host.findChildren<MessageViewController*>().isEmpty());
 }
 
