@@ -579,6 +579,11 @@ std::optional<HttpError> HttpSession::Core::configure(Transfer& transfer) {
     // Requests are small and answered at once: no waiting to fill segments.
     curl_easy_setopt(easy, CURLOPT_TCP_NODELAY, 1L);
     curl_easy_setopt(easy, CURLOPT_FOLLOWLOCATION, 0L);
+    // Servers close idle connections after a few seconds. A request written
+    // into a connection the server is closing fails with a broken pipe that
+    // libcurl does not always retry, so only connections idle for less than
+    // a second are used again.
+    curl_easy_setopt(easy, CURLOPT_MAXAGE_CONN, 1L);
     curl_easy_setopt(easy, CURLOPT_ERRORBUFFER, transfer.errorBuffer);
     curl_easy_setopt(easy, CURLOPT_HTTPHEADER, transfer.headerList);
     curl_easy_setopt(easy, CURLOPT_WRITEFUNCTION, onBody);
