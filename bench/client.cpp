@@ -36,6 +36,7 @@
 #include "palomir/client.hpp"
 #include "palomir/model.hpp"
 #include "palomir_test/tls.hpp"
+#include "tools/first_checkin.hpp"
 
 // ---------------------------------------------------------------------------
 // Every allocation of the process is counted; the ones made by the calling
@@ -424,22 +425,7 @@ int residentChild(char** argv) {
                                                   {"CFBundleShortVersionString", "1.0.0"},
                                                   {"CFBundleVersion", "100"}},
                                              std::nullopt));
-    Palomir& client = Palomir::shared();
-    palomir::BackendOptions options;
-    options.baseURL = argv[2];
-    options.trustAnchors = {argv[3]};
-    options.resourceDirectory = argv[4];
-    client.setBackend(options);
-    client.setAppCredentials(palomir::AppCredentials{"0b5c4f0e9a6d4e2f8c1a7b3d5e9f1a2b", "5f1e3c9a7b2d4e6f8a0c1b3d5e7f9a2c"});
-    std::atomic<int> done{0};
-    bool ok = false;
-    auto queue = DispatchQueue::makeSerial("bench.breakdown");
-    client.checkin(queue, [&](palomir::Result<Configuration, palomir::Error> result) {
-        ok = result.hasValue();
-        done.store(1);
-        done.notify_one();
-    });
-    done.wait(0);
+    const bool ok = firstCheckin(Palomir::shared(), argv[2], argv[3], argv[4], "bench.breakdown");
     auto after = residentByMapping();
     for (const auto& [name, was] : before) {
         after[name].file -= was.file;

@@ -12,7 +12,6 @@
 // The CPU time of the calling thread is printed beside the elapsed time: on
 // a loaded machine the elapsed time mostly says how long the thread waited
 // for a core.
-#include <atomic>
 #include <chrono>
 #include <cstdio>
 #include <cstring>
@@ -21,6 +20,7 @@
 
 #include <time.h>
 
+#include "first_checkin.hpp"
 #include "palomir/client.hpp"
 
 namespace {
@@ -63,22 +63,7 @@ int main(int argc, char** argv) {
     std::printf("shared_us %.1f\nshared_cpu_us %.1f\n", std::chrono::duration<double, std::micro>(elapsed).count(), cpu);
     if (!withBackend) return 0;
 
-    palomir::BackendOptions options;
-    options.baseURL = argv[1];
-    options.trustAnchors = {argv[2]};
-    options.resourceDirectory = argv[3];
-    client.setBackend(options);
-    client.setAppCredentials(palomir::AppCredentials{"0b5c4f0e9a6d4e2f8c1a7b3d5e9f1a2b", "5f1e3c9a7b2d4e6f8a0c1b3d5e7f9a2c"});
-
-    std::atomic<int> done{0};
-    bool ok = false;
-    auto queue = palomir::DispatchQueue::makeSerial("bench.cold-start");
-    client.checkin(queue, [&](palomir::Result<palomir::Configuration, palomir::Error> result) {
-        ok = result.hasValue();
-        done.store(1);
-        done.notify_one();
-    });
-    done.wait(0);
+    const bool ok = firstCheckin(client, argv[1], argv[2], argv[3], "bench.cold-start");
     const Resident after = resident();
     std::printf("rss_before_kb %ld\nrss_after_kb %ld\ncheckin %s\n", before.total, after.total, ok ? "ok" : "failed");
     std::printf("anon_before_kb %ld\nanon_after_kb %ld\nfile_before_kb %ld\nfile_after_kb %ld\n", before.anonymous,
