@@ -43,12 +43,9 @@ public:
     ~PalomirLogFormatter() override;
     std::string format(const std::string& message, LogType type) const override;
 
-    struct Clock;
-
 private:
-    // The file logger formats straight into its pending buffer with the same clock.
-    friend class FileLogger;
-    std::shared_ptr<Clock> _clock;
+    struct StampCache;
+    std::shared_ptr<StampCache> _stamp;
 };
 
 /// The console logger: every message, verbatim, one line on standard error.
@@ -70,8 +67,9 @@ private:
 
 /// Appends formatted lines to a file of its own under
 /// <caches>/<label>/Logs/palomir-<prefix>-<yyyy-MM-dd-HH-mm-ss>.log.
-/// `log` never touches the disk on the caller's thread: lines are queued and
-/// written in batches by one process-wide writer thread.
+/// `log` returns at once: lines wait in memory for one process-wide writer
+/// thread. Beyond 4 MiB of waiting text lines are dropped, and the file then
+/// gets "dropped N log lines" (level error) where they would have been.
 class PALOMIR_API FileLogger final : public Logger {
 public:
     FileLogger(std::string filePrefix, std::shared_ptr<const LogFormatter> logFormatter, LogType level,
@@ -90,7 +88,8 @@ public:
     static std::optional<std::filesystem::path> logDirectory();
 
     /// Blocks until every line logged before the call has reached the file
-    /// (or failed). For tests, and for hosts about to read the files.
+    /// (or failed). For tests, and for hosts about to read the files; it waits
+    /// as long as the disk does.
     void flush();
 
     const std::string& filePrefix() const { return _filePrefix; }
@@ -101,8 +100,6 @@ public:
 private:
     std::string _filePrefix;
     LogType _logLevel;
-    std::shared_ptr<const LogFormatter> _logFormatter;
-    std::shared_ptr<PalomirLogFormatter::Clock> _clock;  // set when the formatter is a PalomirLogFormatter
     std::shared_ptr<State> _state;
 };
 

@@ -2,11 +2,11 @@
 
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdio>
-#include <cstring>
-
-#include "logging/log_clock.hpp"
+#include <ctime>
+#include <mutex>
 
 namespace palomir {
 
@@ -24,72 +24,60 @@ std::string_view logTypeLabel(LogType type) {
 Logger::~Logger() = default;
 LogFormatter::~LogFormatter() = default;
 
-std::size_t renderLogStamp(std::time_t second, char* out) {
+namespace {
+
+// "yyyy-MM-dd HH:mm:ss" in local time, then the zone in the long GMT form
+// ("GMT+02:00", "GMT" for a zero offset, seconds only when the offset has some).
+std::string renderStamp(std::time_t second) {
     std::tm tm{};
     if (localtime_r(&second, &tm) == nullptr) {
         gmtime_r(&second, &tm);
         tm.tm_gmtoff = 0;
     }
-    int n = std::snprintf(out, kStampCapacity, "%04d-%02d-%02d %02d:%02d:%02dGMT", tm.tm_year + 1900, tm.tm_mon + 1,
+    char text[64];
+    int n = std::snprintf(text, sizeof text, "%04d-%02d-%02d %02d:%02d:%02dGMT", tm.tm_year + 1900, tm.tm_mon + 1,
                           tm.tm_mday, tm.tm_hour, tm.tm_min, tm.tm_sec);
-    if (n < 0) return 0;
+    if (n < 0) return {};
     long offset = tm.tm_gmtoff;
     if (offset != 0) {
-        char sign = offset < 0 ? '-' : '+';
+        const char sign = offset < 0 ? '-' : '+';
         if (offset < 0) offset = -offset;
-        long hours = offset / 3600, minutes = (offset / 60) % 60, seconds = offset % 60;
-        int m = seconds != 0
-                    ? std::snprintf(out + n, kStampCapacity - n, "%c%02ld:%02ld:%02ld", sign, hours, minutes, seconds)
-                    : std::snprintf(out + n, kStampCapacity - n, "%c%02ld:%02ld", sign, hours, minutes);
+        const long hours = offset / 3600, minutes = (offset / 60) % 60, seconds = offset % 60;
+        const auto room = sizeof text - static_cast<std::size_t>(n);
+        const int m = seconds != 0 ? std::snprintf(text + n, room, "%c%02ld:%02ld:%02ld", sign, hours, minutes, seconds)
+                                   : std::snprintf(text + n, room, "%c%02ld:%02ld", sign, hours, minutes);
         if (m > 0) n += m;
     }
-    return static_cast<std::size_t>(n) < kStampCapacity ? static_cast<std::size_t>(n) : kStampCapacity - 1;
+    return std::string(text, std::min(static_cast<std::size_t>(n), sizeof text - 1));
 }
 
-std::size_t PalomirLogFormatter::Clock::stamp(char* out) {
-    // Only the second is shown, and time() reads it for a fraction of what
-    // even the coarse clock_gettime() costs.
-    const std::int64_t second = std::time(nullptr);
+}  // namespace
 
-    std::uint64_t before = _sequence.load(std::memory_order_acquire);
-    if ((before & 1) == 0 && _second.load(std::memory_order_acquire) == second) {
-        std::uint64_t words[kWords];
-        // Acquire on each word: a word from a newer writer makes the sequence
-        // read below show that writer, so a torn copy is never used.
-        for (std::size_t i = 0; i < kWords; ++i) words[i] = _words[i].load(std::memory_order_acquire);
-        if (_sequence.load(std::memory_order_relaxed) == before) {
-            std::memcpy(out, words, sizeof words);
-            return static_cast<unsigned char>(out[kCachedMax]);
-        }
-    }
+// The stamp shows only the second, and rendering it (time zone look-up and
+// all) costs more than the rest of a line, so it is rendered once a second.
+struct PalomirLogFormatter::StampCache {
+    std::mutex mutex;
+    std::time_t second = -1;
+    std::string text;
+};
 
-    const std::size_t length = renderLogStamp(static_cast<std::time_t>(second), out);
-    if (length <= kCachedMax && (before & 1) == 0 &&
-        _sequence.compare_exchange_strong(before, before + 1, std::memory_order_acq_rel)) {
-        char packed[kWords * sizeof(std::uint64_t)] = {};
-        std::memcpy(packed, out, length);
-        packed[kCachedMax] = static_cast<char>(length);
-        for (std::size_t i = 0; i < kWords; ++i) {
-            std::uint64_t word;
-            std::memcpy(&word, packed + i * sizeof word, sizeof word);
-            _words[i].store(word, std::memory_order_release);
-        }
-        _second.store(second, std::memory_order_release);
-        _sequence.store(before + 2, std::memory_order_release);
-    }
-    return length;
-}
-
-PalomirLogFormatter::PalomirLogFormatter() : _clock(std::make_shared<Clock>()) {}
+PalomirLogFormatter::PalomirLogFormatter() : _stamp(std::make_shared<StampCache>()) {}
 PalomirLogFormatter::~PalomirLogFormatter() = default;
 
 std::string PalomirLogFormatter::format(const std::string& message, LogType type) const {
-    char stamp[kStampCapacity];
-    const std::size_t stampLength = _clock->stamp(stamp);
+    const std::time_t now = std::time(nullptr);
     const std::string_view label = logTypeLabel(type);
     std::string line;
-    line.reserve(stampLength + label.size() + message.size() + 5);
-    line.append(stamp, stampLength).append(" [").append(label).append("] ").append(message).push_back('\n');
+    line.reserve(40 + label.size() + message.size());
+    {
+        std::lock_guard lock(_stamp->mutex);
+        if (_stamp->second != now) {
+            _stamp->text = renderStamp(now);
+            _stamp->second = now;
+        }
+        line.append(_stamp->text);
+    }
+    line.append(" [").append(label).append("] ").append(message).push_back('\n');
     return line;
 }
 

@@ -2,4 +2,5 @@
 list(APPEND PALOMIR_SOURCES
   ${CMAKE_CURRENT_LIST_DIR}/logging.cpp
   ${CMAKE_CURRENT_LIST_DIR}/file_logger.cpp
+  ${CMAKE_CURRENT_LIST_DIR}/log_files.cpp
 )

@@ -1,18 +1,22 @@
+#include <fcntl.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <gtest/gtest.h>
 
-#include <atomic>
+#include <algorithm>
 #include <chrono>
 #include <cstdlib>
 #include <ctime>
 #include <filesystem>
 #include <fstream>
+#include <iterator>
 #include <regex>
 #include <sstream>
 #include <string>
 #include <thread>
 #include <tuple>
+#include <utility>
 #include <vector>
 
 #include "palomir/environment.hpp"
@@ -25,11 +29,11 @@ namespace fs = std::filesystem;
 
 std::string readFile(const fs::path& path) {
     std::ifstream in(path, std::ios::binary);
-    std::stringstream text;
-    text << in.rdbuf();
-    return text.str();
+    return {std::istreambuf_iterator<char>(in), {}};
 }
 
+// The writer prints from its own thread, so standard output goes to a file
+// the test can look at while the writer is still at work.
 class FileLoggerTest : public testing::Test {
 protected:
     void SetUp() override {
@@ -39,10 +43,31 @@ protected:
         setCachesDirectory(_root);
         _logs = _root / "io.palomir.Palomir.FileLogger" / "Logs";
         fs::create_directories(_logs);
+        std::fflush(stdout);
+        _stdout = ::dup(STDOUT_FILENO);
+        const int file = ::open((_root / "stdout").c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
+        ::dup2(file, STDOUT_FILENO);
+        ::close(file);
     }
     void TearDown() override {
+        _loggers.clear();
+        std::fflush(stdout);
+        ::dup2(_stdout, STDOUT_FILENO);
+        ::close(_stdout);
+        if (HasFailure()) std::fprintf(stderr, "printed:\n%s", readFile(_root / "stdout").c_str());
         std::error_code ec;
         fs::remove_all(_root, ec);
+    }
+
+    // What was printed since the last call, once it ends with `tail` (or ten seconds passed).
+    std::string printed(const std::string& tail = "") {
+        std::string all;
+        for (int i = 0; i < 1000; ++i, std::this_thread::sleep_for(std::chrono::milliseconds(10))) {
+            std::fflush(stdout);
+            all = readFile(_root / "stdout");
+            if (std::string_view(all).substr(_seen).ends_with(tail)) break;
+        }
+        return all.substr(std::exchange(_seen, all.size()));
     }
 
     // Files created one after another, so that creation order is known; the
@@ -57,53 +82,63 @@ protected:
         return files;
     }
 
-    std::unique_ptr<FileLogger> makeLogger(const std::string& prefix, LogType level, unsigned keep,
-                                           std::shared_ptr<const LogFormatter> formatter =
-                                               std::make_shared<PalomirLogFormatter>()) {
-        testing::internal::CaptureStdout();
-        auto logger = std::make_unique<FileLogger>(prefix, std::move(formatter), level, keep);
-        _printed = testing::internal::GetCapturedStdout();
-        return logger;
+    // Whatever file the next few seconds would get is `target`.
+    void pointComingFilesAt(const fs::path& target) {
+        for (std::time_t t = std::time(nullptr), end = t + 5; t < end; ++t) {
+            char stamp[32];
+            std::tm tm{};
+            std::strftime(stamp, sizeof stamp, "%Y-%m-%d-%H-%M-%S", localtime_r(&t, &tm));
+            fs::create_symlink(target, _logs / ("palomir-main-" + std::string(stamp) + ".log"));
+        }
+    }
+
+    FileLogger& makeLogger(const std::string& prefix, LogType level, unsigned keep,
+                           std::shared_ptr<const LogFormatter> formatter = std::make_shared<PalomirLogFormatter>()) {
+        _loggers.push_back(std::make_unique<FileLogger>(prefix, std::move(formatter), level, keep));
+        _announced = printed();
+        return *_loggers.back();
     }
 
     fs::path _root;
     fs::path _logs;
-    std::string _printed;
+    int _stdout = -1;
+    std::size_t _seen = 0;
+    std::string _announced;
+    std::vector<std::unique_ptr<FileLogger>> _loggers;
 };
 
-// A logger writes its own level and every less verbose one.
+// A logger writes its own level and every less verbose one; without a
+// formatter messages run together, and an empty one is no write.
 TEST_F(FileLoggerTest, WritesOnlyLevelsUpToItsOwn) {
-    const LogType ordered[] = {LogType::fault, LogType::error, LogType::info, LogType::default_, LogType::debug};
     std::string expected;
-    for (LogType level : ordered) {
-        expected = " " + std::string(logTypeLabel(level)) + expected;
-        SCOPED_TRACE(expected);
-        auto logger = makeLogger(std::string(logTypeLabel(level)), level, 2);
-        for (LogType type : {LogType::debug, LogType::default_, LogType::info, LogType::error, LogType::fault})
-            logger->log(std::string(logTypeLabel(type)), type);
-        logger->flush();
-        std::istringstream in(readFile(*logger->currentLogFile()));
-        std::string written;
-        for (std::string line; std::getline(in, line);) written += " " + line.substr(line.rfind(' ') + 1);
-        EXPECT_EQ(written, expected);
+    for (LogType level : {LogType::fault, LogType::error, LogType::info, LogType::default_, LogType::debug}) {
+        expected += std::string(logTypeLabel(level)) + ",";
+        auto& logger = makeLogger(std::string(logTypeLabel(level)), level, 2, nullptr);
+        for (LogType type : {LogType::fault, LogType::error, LogType::info, LogType::default_, LogType::debug})
+            logger.log(std::string(logTypeLabel(type)) + ",", type);
+        logger.log("", LogType::fault);
+        logger.flush();
+        EXPECT_EQ(readFile(*logger.currentLogFile()), expected);
     }
 }
 
-// The new file is announced and made readable to all; old files are listed
-// oldest first by creation, not by name, and pruning leaves room for the new
-// file; keep 0 with no files at all deletes nothing.
+// The new file is announced and made readable to all; this prefix's old
+// files, wherever in the path it stands, are listed oldest first by creation,
+// not by name, and pruning leaves room for the new file; keep 0 with no files
+// at all deletes nothing. Other files stay.
 TEST_F(FileLoggerTest, CreatesItsFileAndKeepsTheNewestOldFiles) {
-    const std::tuple<int, unsigned, std::vector<int>> cases[] = {
-        {3, 10, {0, 1, 2}}, {3, 2, {2}}, {3, 1, {}}, {0, 0, {}}};  // old files, keep, survivors
-    for (const auto& [count, keep, survivors] : cases) {
-        SCOPED_TRACE("keep " + std::to_string(keep) + " of " + std::to_string(count));
+    const std::tuple<const char*, int, unsigned, std::vector<int>> cases[] = {
+        {"main", 3, 10, {0, 1, 2}}, {"main", 3, 2, {2}}, {"domain", 3, 1, {}}, {"main", 0, 0, {}}};
+    for (const auto& [prefix, count, keep, survivors] : cases) {
+        SCOPED_TRACE(std::string(prefix) + " keep " + std::to_string(keep) + " of " + std::to_string(count));
         fs::remove_all(_logs);
         fs::create_directories(_logs);
-        auto old = makeOldFiles("main", count);
-        auto logger = makeLogger("main", LogType::debug, keep);
-        const fs::path file = logger->currentLogFile().value_or("");
-        EXPECT_EQ(_printed, "Created file logger with log path: file://" + file.string() + "\n");
-        EXPECT_EQ(file.parent_path(), _logs);
+        const auto others = makeOldFiles("other", 1);
+        std::ofstream(_logs / "palomir-main-notes.txt") << "not a log";
+        const auto old = makeOldFiles(prefix, count);
+        auto& logger = makeLogger("main", LogType::debug, keep);
+        const fs::path file = logger.currentLogFile().value_or("");
+        EXPECT_EQ(_announced, "Created file logger with log path: file://" + file.string() + "\n");
         EXPECT_TRUE(std::regex_match(file.filename().string(), std::regex(R"(palomir-main-\d{4}(-\d\d){5}\.log)")));
         struct stat st {};
         ASSERT_EQ(::stat(file.c_str(), &st), 0);
@@ -111,20 +146,9 @@ TEST_F(FileLoggerTest, CreatesItsFileAndKeepsTheNewestOldFiles) {
         std::vector<fs::path> expected;
         for (int i : survivors) expected.push_back(old[static_cast<std::size_t>(i)]);
         expected.push_back(file);
-        EXPECT_EQ(logger->logFiles(), expected);
+        EXPECT_EQ(logger.logFiles(), expected);
+        EXPECT_TRUE(fs::exists(others[0]) && fs::exists(_logs / "palomir-main-notes.txt"));
     }
-}
-
-TEST_F(FileLoggerTest, PrefixMatchesAnywhereInThePathOfLogFilesOnly) {
-    auto domain = makeOldFiles("domain", 2);  // "domain" contains "main"
-    auto other = makeOldFiles("other", 1);
-    std::ofstream(_logs / "palomir-main-notes.txt") << "not a log";
-    auto logger = makeLogger("main", LogType::debug, 1);
-    EXPECT_FALSE(fs::exists(domain[0]));
-    EXPECT_FALSE(fs::exists(domain[1]));
-    EXPECT_TRUE(fs::exists(other[0]));
-    EXPECT_TRUE(fs::exists(_logs / "palomir-main-notes.txt"));
-    EXPECT_EQ(logger->logFiles(), std::vector<fs::path>{*logger->currentLogFile()});
 }
 
 class AngleFormatter : public LogFormatter {
@@ -132,116 +156,70 @@ public:
     std::string format(const std::string& m, LogType) const override { return m == "skip" ? "" : "<" + m + ">"; }
 };
 
-// Without a formatter messages run together; another formatter's text is
-// written as it is, and empty text is dropped either way.
-TEST_F(FileLoggerTest, WritesWhatItsFormatterMakes) {
-    const std::pair<std::shared_ptr<const LogFormatter>, std::string> cases[] = {
-        {nullptr, "onetwo"}, {std::make_shared<AngleFormatter>(), "<one><two>"}};
-    for (const auto& [formatter, expected] : cases) {
-        SCOPED_TRACE(expected);
-        auto logger = makeLogger(expected, LogType::debug, 2, formatter);
-        logger->log("one", LogType::info);
-        logger->log(formatter ? "skip" : "", LogType::info);
-        logger->log("two", LogType::debug);
-        logger->flush();
-        EXPECT_EQ(readFile(*logger->currentLogFile()), expected);
-    }
+// Another formatter's text is written as it is, and empty text not at all.
+// Lines logged just before the logger goes are written before it closes its
+// file, which it reports like any other end of the file.
+TEST_F(FileLoggerTest, WritesWhatItsFormatterMakesUntilItCloses) {
+    auto& logger = makeLogger("angle", LogType::debug, 2, std::make_shared<AngleFormatter>());
+    const fs::path file = *logger.currentLogFile();
+    for (const char* message : {"one", "skip", "two"}) logger.log(message, LogType::info);
+    _loggers.clear();
+    EXPECT_EQ(printed("io 0\n"), "Failed to create log file io 0\n");
+    EXPECT_EQ(readFile(file), "<one><two>");
 }
 
-TEST_F(FileLoggerTest, UnusableDirectoryReportsEveryWrite) {
-    std::ofstream(_root / "blocker") << "a regular file";
-    setCachesDirectory(_root / "blocker" / "caches");
-    testing::internal::CaptureStdout();
-    FileLogger logger("main", std::make_shared<PalomirLogFormatter>(), LogType::debug, 2);
-    logger.log("first", LogType::error);
-    logger.log("second", LogType::debug);
-    logger.flush();
-    EXPECT_EQ(testing::internal::GetCapturedStdout(),
-              "Failed to create log directory Not a directory\n"
-              "Palomir FileLogger: Error writing: no file I/O\n"
-              "Palomir FileLogger: Error writing: no file I/O\n");
-    EXPECT_FALSE(logger.currentLogFile().has_value());
-    EXPECT_TRUE(logger.logFiles().empty());
-}
-
-// Something already stands where the file of this or the next seconds would
-// go: a directory cannot be opened at all, and a device that is always full
-// fails every write, of which only the first is reported.
-TEST_F(FileLoggerTest, FileThatCannotBeOpenedOrWrittenIsReported) {
-    const std::pair<bool, std::string> cases[] = {
-        {true,
+// A file that cannot be opened, or a device that is always full: writes while
+// closed are reported each time, failed writes only once.
+TEST_F(FileLoggerTest, FailuresArePrintedAsTheyHappen) {
+    const std::pair<fs::path, std::string> cases[] = {
+        {_root,
          "Failed to create log file io 21\nPalomir FileLogger: Error writing: no file I/O\n"
          "Palomir FileLogger: Error writing: no file I/O\n"},
-        {false, "Palomir FileLogger: Error writing: %d 28\n"}};
-    for (const auto& [directory, expected] : cases) {
+        {"/dev/full", "Palomir FileLogger: Error writing: %d 28\nFailed to create log file io 0\n"}};
+    for (const auto& [target, expected] : cases) {
         SCOPED_TRACE(expected);
         fs::remove_all(_logs);
         fs::create_directories(_logs);
-        const std::time_t now = std::time(nullptr);
-        for (std::time_t t = now; t < now + 5; ++t) {
-            char stamp[32];
-            std::tm tm{};
-            std::strftime(stamp, sizeof stamp, "%Y-%m-%d-%H-%M-%S", localtime_r(&t, &tm));
-            const fs::path name = _logs / ("palomir-main-" + std::string(stamp) + ".log");
-            if (directory) {
-                fs::create_directory(name);
-            } else {
-                fs::create_symlink("/dev/full", name);
-            }
-        }
-        testing::internal::CaptureStdout();
-        FileLogger logger("main", std::make_shared<PalomirLogFormatter>(), LogType::debug, 10);
+        pointComingFilesAt(target);
+        auto& logger = makeLogger("main", LogType::debug, 10);
         for (const char* message : {"first", "second"}) {
             logger.log(message, LogType::error);
             logger.flush();
         }
-        const std::string printed = testing::internal::GetCapturedStdout();
-        EXPECT_EQ(printed.substr(printed.find('\n') + 1), expected);
-        EXPECT_EQ(logger.currentLogFile().has_value(), !directory);
+        const bool opened = logger.currentLogFile().has_value();
+        EXPECT_EQ(opened, target == "/dev/full");
+        _loggers.clear();
+        const std::string text = _announced + printed(opened ? "io 0\n" : "");
+        EXPECT_EQ(text.substr(text.find('\n') + 1), expected);
     }
 }
 
-// Eight threads log enough text to go round the pending ring several times,
-// so that callers often wait for room and meet in the same chunks, in lines
-// of uneven length that straddle every boundary, one longer than the ring.
-// Meanwhile another thread flushes after each of its lines. Every line
-// arrives whole, once, and in each thread's order, each flush returns only
-// once the lines before it are in the file, and lines logged right before
-// the logger is dropped are still written.
-TEST_F(FileLoggerTest, ManyThreadsLoseAndReorderNothing) {
-    auto logger = makeLogger("main", LogType::debug, 2);
-    const fs::path file = *logger->currentLogFile();
-    constexpr int kThreads = 8, kLines = 1200, kFlushes = 200;
-    constexpr std::size_t kHuge = 9u << 20;
+// Eight threads log, in lines of uneven length, less text than the pending
+// bound, while another thread flushes after each of its lines: nothing is
+// dropped however slow the writer, every line arrives whole, once and in its
+// thread's order, and each flush returns only once its lines are in the file.
+TEST_F(FileLoggerTest, ManyThreadsBelowTheBoundLoseAndReorderNothing) {
+    auto& logger = makeLogger("main", LogType::debug, 2);
+    const fs::path file = *logger.currentLogFile();
+    constexpr int kThreads = 8, kLines = 400, kFlushes = 100;
     auto text = [](int t, int i) {
-        const std::string head = "t" + std::to_string(t) + " " + std::to_string(i) + " ";
-        if (t == 1 && i == kLines / 2) return head + std::string(kHuge, 'H');
-        return head + std::string(static_cast<std::size_t>(i) * 7919 % 6000, static_cast<char>('a' + t));
-    };
-    const std::size_t framing = PalomirLogFormatter().format("", LogType::info).size();
-    std::atomic<std::uintmax_t> total{0};
-    auto log = [&](int t, int i) {
-        const std::string line = text(t, i);
-        logger->log(line, LogType::info);
-        total += framing + line.size();
+        return "t" + std::to_string(t) + " " + std::to_string(i) + " " +
+               std::string(static_cast<std::size_t>(i) * 7919 % 1200, static_cast<char>('a' + t));
     };
     std::vector<std::thread> threads;
     for (int t = 0; t < kThreads; ++t) {
         threads.emplace_back([&, t] {
-            for (int i = 0; i < kLines; ++i) log(t, i);
+            for (int i = 0; i < kLines; ++i) logger.log(text(t, i), LogType::info);
         });
     }
     std::vector<std::uintmax_t> flushed;
     for (int i = 0; i < kFlushes; ++i) {
-        log(kThreads, i);
-        logger->flush();
+        logger.log(text(kThreads, i), LogType::info);
+        logger.flush();
         flushed.push_back(fs::file_size(file));
     }
     for (auto& thread : threads) thread.join();
-    logger.reset();
-    for (int wait = 0; wait < 1000 && fs::file_size(file) < total; ++wait)
-        std::this_thread::sleep_for(std::chrono::milliseconds(10));
-    ASSERT_EQ(fs::file_size(file), total.load());
+    logger.flush();
 
     std::vector<int> next(kThreads + 1, 0);
     std::uintmax_t offset = 0;
@@ -249,15 +227,54 @@ TEST_F(FileLoggerTest, ManyThreadsLoseAndReorderNothing) {
     for (std::string line; std::getline(in, line);) {
         offset += line.size() + 1;
         const auto at = line.find("] t");
-        ASSERT_NE(at, std::string::npos) << line.substr(0, 80);
-        const int t = line[at + 3] - '0';
+        const int t = at == std::string::npos ? -1 : line[at + 3] - '0';
         ASSERT_TRUE(t >= 0 && t <= kThreads) << line.substr(0, 80);
         ASSERT_EQ(line.substr(at + 2), text(t, next[t]++)) << "thread " << t << " line " << next[t] - 1;
         if (t == kThreads) {
             EXPECT_LE(offset, flushed[next[t] - 1]) << "flush " << next[t] - 1 << " returned early";
         }
     }
-    EXPECT_EQ(next, (std::vector<int>{kLines, kLines, kLines, kLines, kLines, kLines, kLines, kLines, kFlushes}));
+    std::vector<int> expected(kThreads, kLines);
+    expected.push_back(kFlushes);
+    EXPECT_EQ(next, expected);
+}
+
+// The file is a pipe nobody reads yet, so the writer is stuck in its first
+// large write. Logging goes on regardless; what passes the bound is dropped,
+// and once the pipe is read the count of dropped lines stands where they went.
+TEST_F(FileLoggerTest, LoggingGoesOnWhileTheDiskIsStuckAndCountsWhatItDrops) {
+    const fs::path pipe = _root / "pipe";
+    ASSERT_EQ(::mkfifo(pipe.c_str(), 0644), 0);
+    const int fd = ::open(pipe.c_str(), O_RDONLY | O_NONBLOCK);
+    pointComingFilesAt(pipe);
+    auto& logger = makeLogger("main", LogType::debug, 10);
+    constexpr int kLines = 6000;  // about 6 MB, far beyond the bound and a pipe's buffer
+    const std::string filler(1000, 'x');
+    for (int i = 0; i < kLines; ++i) logger.log(std::to_string(i) + " " + filler, LogType::info);
+
+    std::string received;
+    std::thread reader([&] {
+        ::fcntl(fd, F_SETFL, 0);
+        char buffer[1 << 16];
+        for (ssize_t n; (n = ::read(fd, buffer, sizeof buffer)) > 0;) received.append(buffer, static_cast<std::size_t>(n));
+    });
+    logger.flush();
+    logger.log("last", LogType::info);
+    _loggers.clear();  // the file's end ends the reader
+    reader.join();
+    ::close(fd);
+
+    std::istringstream in(received);
+    int next = 0;
+    std::size_t keptBytes = 0;
+    std::string line;
+    for (; std::getline(in, line) && line.ends_with(filler); keptBytes += line.size() + 1)
+        ASSERT_EQ(line.substr(line.find("] ") + 2), std::to_string(next++) + " " + filler);
+    const std::string dropped = line, rest((std::istreambuf_iterator<char>(in)), {});
+    EXPECT_GE(keptBytes + 1100, 4u << 20);
+    EXPECT_LT(next, kLines);
+    EXPECT_TRUE(dropped.ends_with(" [ERROR] dropped " + std::to_string(kLines - next) + " log lines")) << dropped;
+    EXPECT_TRUE(rest.ends_with(" [INFO] last\n") && std::count(rest.begin(), rest.end(), '\n') == 1) << rest;
 }
 
 }  // namespace

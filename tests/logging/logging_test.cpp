@@ -10,26 +10,14 @@
 namespace palomir {
 namespace {
 
-// Labels in the comparison order, from the least to the most verbose.
-TEST(LogTypeTest, LabelsOrderAndLines) {
+// Each level's label; the date in local time, then the zone; a message's own
+// line feed is kept.
+TEST(FormatterTest, LineShapeInLocalTime) {
     const std::pair<LogType, std::string> levels[] = {{LogType::fault, "FAULT"},
                                                       {LogType::error, "ERROR"},
                                                       {LogType::info, "INFO"},
                                                       {LogType::default_, "DEFAULT"},
                                                       {LogType::debug, "DEBUG"}};
-    PalomirLogFormatter formatter;
-    for (std::size_t i = 0; i < std::size(levels); ++i) {
-        EXPECT_EQ(logTypeLabel(levels[i].first), levels[i].second);
-        if (i > 0) {
-            EXPECT_LT(levels[i - 1].first, levels[i].first);
-        }
-        const std::string line = formatter.format("m", levels[i].first);
-        EXPECT_EQ(line.substr(line.find(" [")), " [" + levels[i].second + "] m\n");
-    }
-}
-
-// The date in local time, then the zone; a message's own line feed is kept.
-TEST(FormatterTest, LineShapeInLocalTime) {
     const std::pair<const char*, std::string> zones[] = {
         {"UTC0", "GMT"}, {"CEST-2", "GMT+02:00"}, {"NPT-5:45", "GMT+05:45"}, {"NST+3:30", "GMT-03:30"}};
     auto local = [](std::time_t t) {
@@ -37,14 +25,17 @@ TEST(FormatterTest, LineShapeInLocalTime) {
         std::tm tm{};
         return std::string(text, std::strftime(text, sizeof text, "%Y-%m-%d %H:%M:%S", localtime_r(&t, &tm)));
     };
-    for (const auto& [tz, zoneText] : zones) {
+    for (std::size_t i = 0; i < std::size(levels); ++i) {
+        const auto& [type, label] = levels[i];
+        const auto& [tz, zoneText] = zones[i % std::size(zones)];
         SCOPED_TRACE(tz);
         setenv("TZ", tz, 1);
         tzset();
         const std::time_t before = std::time(nullptr);
-        const std::string line = PalomirLogFormatter().format("hello world\n", LogType::error);
+        const std::string line = PalomirLogFormatter().format("hello world\n", type);
         const std::time_t after = std::time(nullptr);
-        EXPECT_EQ(line.substr(19), zoneText + " [ERROR] hello world\n\n");
+        EXPECT_EQ(logTypeLabel(type), label);
+        EXPECT_EQ(line.substr(19), zoneText + " [" + label + "] hello world\n\n");
         EXPECT_TRUE(line.substr(0, 19) == local(before) || line.substr(0, 19) == local(after)) << line;
     }
 }
@@ -57,16 +48,13 @@ TEST(NSLoggerTest, WritesTheMessageVerbatimToStandardError) {
     EXPECT_EQ(testing::internal::GetCapturedStderr(), "%d %@ %s\nsecond\n");
 }
 
-class RecordingLogger : public Logger {
-public:
-    RecordingLogger(std::string name, std::vector<std::string>& record) : _name(std::move(name)), _record(record) {}
+struct RecordingLogger : Logger {
+    RecordingLogger(std::string name, std::vector<std::string>& record) : name(std::move(name)), record(record) {}
     void log(const std::string& message, LogType type) override {
-        _record.push_back(_name + ":" + message + ":" + std::string(logTypeLabel(type)));
+        record.push_back(name + ":" + message + ":" + std::string(logTypeLabel(type)));
     }
-
-private:
-    std::string _name;
-    std::vector<std::string>& _record;
+    std::string name;
+    std::vector<std::string>& record;
 };
 
 // Each member in order, unfiltered; an empty list accepts messages.
