@@ -18,13 +18,19 @@
 namespace palomir::qt {
 namespace {
 
-// One window: an animated presentation closed by its button, then an
-// unanimated one under a safe area, dismissed twice.
-TEST(PresentationTest, PresentingFillsTheWindowAndDismissingRemovesTheScreen) {
+class PresentationTest : public testing::Test {
+protected:
+    void SetUp() override {
+        window.resize(360, 640);
+        window.show();
+    }
     QQuickWindow window;
-    window.resize(360, 640);
-    window.show();
-    auto adapter = std::make_shared<QuickWindow>(&window);
+    std::shared_ptr<QuickWindow> adapter = std::make_shared<QuickWindow>(&window);
+};
+
+// An animated presentation closed by its button, then an unanimated one
+// under a safe area, dismissed twice.
+TEST_F(PresentationTest, PresentingFillsTheWindowAndDismissingRemovesTheScreen) {
     auto screen = std::dynamic_pointer_cast<LockdownViewController>(adapter->makeLockdownScreen());
     ASSERT_NE(screen, nullptr);
     std::vector<DismissAction> reported;
@@ -92,12 +98,8 @@ TEST(InstallTest, BindsMainQueueDescribesTheApplicationAndKeepsAMainBundleTheHos
 
 // The second check-in's answer arrives while the first screen still fades in:
 // it takes that screen away and shows its own, and each caller hears once.
-TEST(PresentationTest, ASecondLockdownCuttingTheFirstAnimationShortCompletesBothOnce) {
+TEST_F(PresentationTest, ASecondLockdownCuttingTheFirstAnimationShortCompletesBothOnce) {
     install(*qobject_cast<QGuiApplication*>(QCoreApplication::instance()));
-    QQuickWindow window;
-    window.resize(360, 640);
-    window.show();
-    auto adapter = std::make_shared<QuickWindow>(&window);
     auto& palomir = Palomir::shared();
     palomir.setConfiguration(test::withLockdown(R"({"active":true,"type":"hard","latest_version":"2"})"));
     int first = 0, second = 0;

@@ -20,12 +20,11 @@ namespace {
 
 using preview::StressCase;
 
-double luminance(const QColor& c) {
-    const auto channel = [](double v) { return v <= 0.03928 ? v / 12.92 : std::pow((v + 0.055) / 1.055, 2.4); };
-    return 0.2126 * channel(c.redF()) + 0.7152 * channel(c.greenF()) + 0.0722 * channel(c.blueF());
-}
-
 double contrast(const QColor& a, const QColor& b) {
+    const auto channel = [](double v) { return v <= 0.03928 ? v / 12.92 : std::pow((v + 0.055) / 1.055, 2.4); };
+    const auto luminance = [&](const QColor& c) {
+        return 0.2126 * channel(c.redF()) + 0.7152 * channel(c.greenF()) + 0.0722 * channel(c.blueF());
+    };
     const auto [dark, light] = std::minmax(luminance(a), luminance(b));
     return (light + 0.05) / (dark + 0.05);
 }
@@ -53,10 +52,7 @@ QQuickItem* find(QQuickItem* item, const char* name) {
 QRectF sceneRect(const QQuickItem* item) { return item->mapRectToScene(QRectF(0, 0, item->width(), item->height())); }
 
 bool named(const QQuickItem* item, const char* name) {
-    for (; item; item = item->parentItem()) {
-        if (item->objectName() == QLatin1String(name)) return true;
-    }
-    return false;
+    return item && (item->objectName() == QLatin1String(name) || named(item->parentItem(), name));
 }
 
 // What lies beneath `text`, outermost first: every rectangle painted before
@@ -180,7 +176,7 @@ void checkGeometry(QQuickWindow& window, const QString& file, const Configuratio
         } else {
             continue;
         }
-        auto* host = find(window.contentItem(), "hostScreen");
+        const auto* host = find(window.contentItem(), "hostScreen");
         ASSERT_NE(host, nullptr);
         const int before = host->property("taps").toInt();
         QTest::mouseClick(&window, Qt::LeftButton, {}, tap.toPoint());
