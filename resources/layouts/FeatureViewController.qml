@@ -110,6 +110,9 @@ Rectangle {
     PageIndicator {
         id: pageIndicator
         objectName: "pageIndicator"
+        // The dots follow the pages, which keep their order in either direction.
+        LayoutMirroring.enabled: false
+        LayoutMirroring.childrenInherit: true
         anchors.horizontalCenter: parent.horizontalCenter
         anchors.bottom: parent.bottom
         anchors.bottomMargin: root.safeAreaBottom + 8
