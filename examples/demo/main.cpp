@@ -385,8 +385,8 @@ private:
         if (!_report.check(worst && worst->message, "the configuration has a service with a message")) return;
         _report.fact("Worst service: " + worst->name + " (" + std::string(toString(worst->state)) + "), message \"" +
                      worst->message->title.value_or("") + "\"");
-        auto* banner = qt::updateMessageView(_stage.bannerHost(), _stage.content(), qt::MessageViewLocation::top, 8.0);
-        if (!_report.check(banner != nullptr, "updateMessageView shows a banner at the top of the host's screen"))
+        auto banner = qt::updateMessageView(_stage.bannerHost(), _stage.content(), Palomir::MessageViewLocation::top, 8.0);
+        if (!_report.check(!banner.isNull(), "updateMessageView shows a banner at the top of the host's screen"))
             return;
         banner->setUserInterfaceStyle(qt::UserInterfaceStyle::light);
         banner->setMessage(*worst->message);

@@ -51,7 +51,7 @@ int main(int argc, char** argv) {
         },
         [&](palomir::LockdownResult result) {
             std::cout << (result.isOpen() ? "open" : "locked down") << std::endl;
-            palomir::qt::updateMessageView(&bannerHost, view.rootObject(), palomir::qt::MessageViewLocation::top, 8.0);
+            palomir::qt::updateMessageView(&bannerHost, view.rootObject(), palomir::Palomir::MessageViewLocation::top, 8.0);
         });
     return app.exec();
 }

@@ -47,6 +47,8 @@ public:
     static constexpr std::string_view systemServiceUpdated = "systemServiceUpdated";
     static constexpr std::string_view systemServicesUpdated = "systemServiceUpdated";
 
+    /// Where a service message banner is anchored in the host's screen (see
+    /// palomir::qt::updateMessageView); `top` is 0 and `bottom` 1.
     enum class MessageViewLocation { top = 0, bottom = 1 };
 
     /// Created on first use, never destroyed.

@@ -1,3 +1,5 @@
+pragma ComponentBehavior: Bound
+
 import QtQuick
 import QtQuick.Controls
 
@@ -15,9 +17,32 @@ Rectangle {
     property real safeAreaRight: 0
     property int pageCount: 0
 
-    // The pages' text takes its colour from here, so that it stays readable
-    // on whatever background the theme gives the screen.
-    palette.windowText: root.color.hslLightness < 0.5 ? "#FFFFFF" : "#1C1C1E"
+    LayoutMirroring.enabled: Qt.locale().textDirection === Qt.RightToLeft
+    LayoutMirroring.childrenInherit: true
+
+    // Relative luminance and the better of white and near-black on a colour,
+    // so that colours we choose keep 4.5:1 against whatever the theme gives.
+    function luminance(c) {
+        const ch = v => v <= 0.03928 ? v / 12.92 : Math.pow((v + 0.055) / 1.055, 2.4);
+        return 0.2126 * ch(c.r) + 0.7152 * ch(c.g) + 0.0722 * ch(c.b);
+    }
+    function readableOn(c) {
+        const l = luminance(c);
+        return 1.05 / (l + 0.05) >= (l + 0.05) / 0.0617 ? "#FFFFFF" : "#1C1C1E";
+    }
+
+    // The pages' text, the close button and the page dots take their colour
+    // from here, so that they stay readable on the theme's background.
+    palette.windowText: root.readableOn(root.color)
+
+    // The screen owns the whole window: taps and scrolls on its empty
+    // strips must not reach the host's controls beneath.
+    MouseArea {
+        objectName: "inputBlocker"
+        anchors.fill: parent
+        acceptedButtons: Qt.AllButtons
+        onWheel: function (wheel) { wheel.accepted = true; }
+    }
 
     Flickable {
         id: scrollView
@@ -45,9 +70,12 @@ Rectangle {
             easing.type: Easing.OutCubic
         }
 
+        // Pages keep their reading order left to right; the controller
+        // places them by index.
         Row {
             id: stackView
             objectName: "stackView"
+            LayoutMirroring.enabled: false
             height: scrollView.height
         }
     }
@@ -60,26 +88,31 @@ Rectangle {
         anchors.topMargin: root.safeAreaTop + 6
         anchors.rightMargin: root.safeAreaRight + 12
         implicitHeight: 44
-        implicitWidth: Math.max(44, contentItem.implicitWidth + 28)
+        implicitWidth: Math.min(Math.max(44, contentItem.implicitWidth + 28), root.width / 2)
         font.pixelSize: 17
         font.weight: Font.DemiBold
         Accessible.name: text
         contentItem: Text {
             text: closeButton.text
             font: closeButton.font
-            color: "#007AFF"
+            color: root.palette.windowText
             horizontalAlignment: Text.AlignHCenter
             verticalAlignment: Text.AlignVCenter
+            elide: Text.ElideRight
         }
         background: Rectangle {
             radius: height / 2
-            color: closeButton.down ? "#1F007AFF" : "#0F007AFF"
+            color: root.palette.windowText
+            opacity: closeButton.down ? 0.16 : 0.0
         }
     }
 
     PageIndicator {
         id: pageIndicator
         objectName: "pageIndicator"
+        // The dots follow the pages, which keep their order in either direction.
+        LayoutMirroring.enabled: false
+        LayoutMirroring.childrenInherit: true
         anchors.horizontalCenter: parent.horizontalCenter
         anchors.bottom: parent.bottom
         anchors.bottomMargin: root.safeAreaBottom + 8
@@ -87,5 +120,13 @@ Rectangle {
         visible: count > 1
         currentIndex: Math.round(scrollView.contentX / Math.max(1, scrollView.width))
         Accessible.name: qsTr("Page %1 of %2").arg(currentIndex + 1).arg(count)
+        delegate: Rectangle {
+            required property int index
+            implicitWidth: 8
+            implicitHeight: 8
+            radius: 4
+            color: root.palette.windowText
+            opacity: index === pageIndicator.currentIndex ? 1.0 : 0.45
+        }
     }
 }

@@ -18,9 +18,25 @@ Item {
     property point shadowOffset: Qt.point(0, 0)
     property real shadowRadius: 10
     property int toggleDuration: 100
+    // An expanded description scrolls beyond this, so the card never runs
+    // down the host's screen.
+    property real maximumDescriptionHeight: parent ? Math.max(96, parent.height * 0.35) : 240
 
-    // Text stays readable on whatever colour the message gives the card.
-    readonly property bool onDark: roundedCornersView.color.hslLightness < 0.5
+    LayoutMirroring.enabled: Qt.locale().textDirection === Qt.RightToLeft
+    LayoutMirroring.childrenInherit: true
+
+    // Relative luminance and the better of white and near-black on a colour,
+    // so that the texts keep 4.5:1 on whatever colour the message gives.
+    function luminance(c) {
+        const ch = v => v <= 0.03928 ? v / 12.92 : Math.pow((v + 0.055) / 1.055, 2.4);
+        return 0.2126 * ch(c.r) + 0.7152 * ch(c.g) + 0.0722 * ch(c.b);
+    }
+    function readableOn(c) {
+        const l = luminance(c);
+        return 1.05 / (l + 0.05) >= (l + 0.05) / 0.0617 ? "#FFFFFF" : "#1C1C1E";
+    }
+
+    readonly property color textColor: readableOn(roundedCornersView.color)
 
     // A soft shadow made of rings that fade outwards.
     Repeater {
@@ -29,7 +45,7 @@ Item {
             required property int index
             readonly property real spread: (index + 1) * root.shadowRadius / Math.max(1, Math.round(root.shadowRadius / 2))
             x: root.shadowOffset.x - spread
-            y: root.shadowOffset.y - spread + 2
+            y: root.shadowOffset.y - spread
             width: roundedCornersView.width + 2 * spread
             height: roundedCornersView.height + 2 * spread
             radius: roundedCornersView.radius + spread
@@ -46,6 +62,15 @@ Item {
         radius: 8
         color: "#FFFFFF"
         clip: true
+
+        // The card owns its area: a tap between its buttons must not reach
+        // the host's controls beneath. Outside the card the host stays live.
+        MouseArea {
+            objectName: "inputBlocker"
+            anchors.fill: parent
+            acceptedButtons: Qt.AllButtons
+            onWheel: function (wheel) { wheel.accepted = true; }
+        }
 
         Behavior on height {
             NumberAnimation { duration: root.toggleDuration; easing.type: Easing.InOutQuad }
@@ -75,8 +100,8 @@ Item {
                     Layout.alignment: Qt.AlignTop
                     font.pixelSize: 16
                     font.weight: Font.DemiBold
-                    color: root.onDark ? "#FFFFFF" : "#1C1C1E"
-                    wrapMode: Text.WordWrap
+                    color: root.textColor
+                    wrapMode: Text.Wrap
                     maximumLineCount: 1
                     elide: Text.ElideRight
                     Accessible.role: Accessible.StaticText
@@ -99,7 +124,7 @@ Item {
                     }
                     background: Rectangle {
                         radius: width / 2
-                        color: root.onDark ? "#FFFFFF" : "#000000"
+                        color: root.textColor
                         opacity: expandButton.down ? 0.12 : 0.0
                     }
                 }
@@ -113,16 +138,29 @@ Item {
                 Layout.rightMargin: 12
                 spacing: 0
 
-                Text {
-                    id: descriptionLabel
-                    objectName: "descriptionLabel"
+                Flickable {
+                    id: descriptionScroller
+                    objectName: "descriptionScroller"
                     Layout.fillWidth: true
-                    font.pixelSize: 15
-                    lineHeight: 1.25
-                    color: root.onDark ? "#EBEBF5" : "#3A3A3C"
-                    wrapMode: Text.WordWrap
-                    Accessible.role: Accessible.StaticText
-                    Accessible.name: text
+                    Layout.preferredHeight: Math.min(descriptionLabel.implicitHeight, root.maximumDescriptionHeight)
+                    contentWidth: width
+                    contentHeight: descriptionLabel.implicitHeight
+                    flickableDirection: Flickable.VerticalFlick
+                    boundsBehavior: Flickable.StopAtBounds
+                    interactive: contentHeight > height
+                    clip: true
+
+                    Text {
+                        id: descriptionLabel
+                        objectName: "descriptionLabel"
+                        width: descriptionScroller.width
+                        font.pixelSize: 15
+                        lineHeight: 1.25
+                        color: root.textColor
+                        wrapMode: Text.Wrap
+                        Accessible.role: Accessible.StaticText
+                        Accessible.name: text
+                    }
                 }
 
                 Button {
@@ -130,16 +168,19 @@ Item {
                     objectName: "moreInfoButton"
                     visible: text.length > 0
                     Layout.leftMargin: -8
+                    Layout.maximumWidth: descriptionContainer.width + 8
                     implicitHeight: 44
                     implicitWidth: Math.max(44, contentItem.implicitWidth + 16)
                     font.pixelSize: 15
                     font.weight: Font.DemiBold
+                    font.underline: true
                     Accessible.name: text
                     contentItem: Text {
                         text: moreInfoButton.text
                         font: moreInfoButton.font
-                        color: root.onDark ? "#64D2FF" : "#007AFF"
+                        color: root.textColor
                         verticalAlignment: Text.AlignVCenter
+                        elide: Text.ElideRight
                     }
                     background: Item {}
                 }

@@ -54,7 +54,7 @@ Item {
                     font.pixelSize: 30
                     font.weight: Font.Bold
                     color: root.palette.windowText
-                    wrapMode: Text.WordWrap
+                    wrapMode: Text.Wrap
                     horizontalAlignment: Text.AlignHCenter
                     Accessible.role: Accessible.Heading
                     Accessible.name: text
@@ -73,8 +73,7 @@ Item {
                     font.pixelSize: 19
                     font.weight: Font.DemiBold
                     color: root.palette.windowText
-                    opacity: 0.62
-                    wrapMode: Text.WordWrap
+                    wrapMode: Text.Wrap
                     horizontalAlignment: Text.AlignHCenter
                     Accessible.role: Accessible.StaticText
                     Accessible.name: text
@@ -93,8 +92,7 @@ Item {
                     font.pixelSize: 17
                     lineHeight: 1.3
                     color: root.palette.windowText
-                    opacity: 0.85
-                    wrapMode: Text.WordWrap
+                    wrapMode: Text.Wrap
                     horizontalAlignment: Text.AlignHCenter
                     Accessible.role: Accessible.StaticText
                     Accessible.name: text

@@ -56,7 +56,7 @@ Item {
                     font.pixelSize: 17
                     font.weight: Font.DemiBold
                     color: "#1C1C1E"
-                    wrapMode: Text.WordWrap
+                    wrapMode: Text.Wrap
                     Accessible.role: Accessible.Heading
                     Accessible.name: text
                 }
@@ -74,7 +74,7 @@ Item {
                     font.pixelSize: 15
                     font.weight: Font.Medium
                     color: "#6C6C70"
-                    wrapMode: Text.WordWrap
+                    wrapMode: Text.Wrap
                     Accessible.role: Accessible.StaticText
                     Accessible.name: text
                 }
@@ -92,7 +92,7 @@ Item {
                     font.pixelSize: 15
                     lineHeight: 1.25
                     color: "#3A3A3C"
-                    wrapMode: Text.WordWrap
+                    wrapMode: Text.Wrap
                     Accessible.role: Accessible.StaticText
                     Accessible.name: text
                 }

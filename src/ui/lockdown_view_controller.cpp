@@ -2,6 +2,9 @@
 
 #include <QtGui/QDesktopServices>
 
+#include <algorithm>
+#include <cmath>
+
 #include "layout.hpp"
 
 namespace palomir::qt {
@@ -15,6 +18,16 @@ namespace {
 
 // The fixed teal of the close link; deliberately not taken from the theme.
 const QColor kSystemTeal = QColor::fromRgb(48, 176, 199);
+
+// WCAG contrast of two opaque colours, 1 to 21.
+double contrast(const QColor& a, const QColor& b) {
+    const auto luminance = [](const QColor& c) {
+        const auto channel = [](double v) { return v <= 0.03928 ? v / 12.92 : std::pow((v + 0.055) / 1.055, 2.4); };
+        return 0.2126 * channel(c.redF()) + 0.7152 * channel(c.greenF()) + 0.0722 * channel(c.blueF());
+    };
+    const auto [dark, light] = std::minmax(luminance(a), luminance(b));
+    return (light + 0.05) / (dark + 0.05);
+}
 
 // A vertically scrolling list; its column is exactly as wide as the scroll
 // view, so it never scrolls sideways.
@@ -160,6 +173,15 @@ void LockdownViewController::apply(const Configuration& configuration) {
     write(_actionButton, "text", toQString(lockdown.actionTitle));
     if (theme.actionButtonColor) write(_actionButton, "fillColor", toQColor(*theme.actionButtonColor));
     if (theme.actionTextColor) write(_actionButton, "titleColor", toQColor(*theme.actionTextColor));
+    if (theme.actionTextColor && !theme.actionButtonColor) {
+        // The fill is ours here: keep the layout's blue when the theme's
+        // title reads on it, else the better of white and near-black.
+        const QColor title = toQColor(*theme.actionTextColor);
+        if (contrast(title, _actionButton->property("fillColor").value<QColor>()) < 4.5) {
+            const QColor white(Qt::white), nearBlack(0x1C, 0x1C, 0x1E);
+            write(_actionButton, "fillColor", contrast(title, white) >= contrast(title, nearBlack) ? white : nearBlack);
+        }
+    }
 
     write(_closeButton, "text", toQString(lockdown.dismissTitle));
     write(_closeButton, "font.underline", true);

@@ -43,7 +43,7 @@ MessageViewController::MessageViewController(QObject* parent) : QObject(parent) 
 
     if (_expandButton) connect(_expandButton, SIGNAL(clicked()), this, SLOT(expandButtonPressed()));
     if (_moreInfoButton) connect(_moreInfoButton, SIGNAL(clicked()), this, SLOT(moreInfosButtonPressed()));
-    setLocation(MessageViewLocation::top);
+    setLocation(Palomir::MessageViewLocation::top);
 }
 
 MessageViewController::~MessageViewController() {
@@ -88,9 +88,9 @@ void MessageViewController::apply(const ServiceMessage& message) {
     write(_moreInfoButton, "text", toQString(message.urlTitle));
 }
 
-void MessageViewController::setLocation(MessageViewLocation location) {
+void MessageViewController::setLocation(Palomir::MessageViewLocation location) {
     _location = location;
-    setChevron(location == MessageViewLocation::bottom);
+    setChevron(location == Palomir::MessageViewLocation::bottom);
 }
 
 void MessageViewController::setChevron(bool flipped) {
@@ -119,7 +119,7 @@ void MessageViewController::moreInfosButtonPressed() {
     }
 }
 
-MessageViewController* updateMessageView(QObject* host, QQuickItem* view, MessageViewLocation location,
+QPointer<MessageViewController> updateMessageView(QObject* host, QQuickItem* view, Palomir::MessageViewLocation location,
                                          qreal yDistance) {
     return updateMessageView(host, view, location, yDistance, Palomir::shared().configuration());
 }
@@ -128,7 +128,7 @@ void setSafeAreaMargins(QQuickItem* view, QMarginsF margins) {
     if (view) view->setProperty(kSafeAreaProperty, QVariant::fromValue(margins));
 }
 
-MessageViewController* updateMessageView(QObject* host, QQuickItem* view, MessageViewLocation location,
+QPointer<MessageViewController> updateMessageView(QObject* host, QQuickItem* view, Palomir::MessageViewLocation location,
                                          qreal yDistance, const std::optional<Configuration>& configuration) {
     if (!configuration || !host || !view) return nullptr;
     const auto worst = configuration->worstService();
@@ -147,7 +147,7 @@ MessageViewController* updateMessageView(QObject* host, QQuickItem* view, Messag
         const auto safe = view->property(kSafeAreaProperty).value<QMarginsF>();
         item->setParentItem(view);
         item->setZ(900.0);
-        if (location == MessageViewLocation::top) {
+        if (location == Palomir::MessageViewLocation::top) {
             pinEdges(item, Edge::top, view, QMarginsF(0, safe.top() + yDistance, 0, 0));
         } else {
             pinEdges(item, Edge::bottom, view, QMarginsF(0, 0, 0, yDistance - safe.bottom()));

@@ -57,6 +57,19 @@ QAbstractAnimation* transition(QQuickItem* item, bool in) {
     return group;
 }
 
+// Runs `completion` once the animation ends, whether it ran its course or was
+// stopped early: Qt emits `finished` only in the first case, and a completion
+// the caller waits for must not depend on nobody interrupting the screen.
+void onStopped(QAbstractAnimation* animation, std::function<void()> completion) {
+    QObject::connect(animation, &QAbstractAnimation::stateChanged, animation,
+                     [completion = std::move(completion)](QAbstractAnimation::State state) mutable {
+                         if (state != QAbstractAnimation::Stopped || !completion) return;
+                         auto once = std::move(completion);
+                         completion = nullptr;
+                         once();
+                     });
+}
+
 }  // namespace
 
 RootViewController::RootViewController(QQuickItem* host) : _host(host) {}
@@ -80,8 +93,16 @@ void RootViewController::present(std::shared_ptr<Presentable> screen, bool anima
                                  std::function<void()> completion) {
     QQuickItem* item = screen ? screen->view() : nullptr;
     if (!item || !_host) return;
-    // Presenting what is already shown brings it to the front again.
+    // Presenting what is already shown brings it to the front again; an
+    // animation still running for it ends now (and completes).
+    std::vector<QPointer<QAbstractAnimation>> running;
+    for (const auto& p : _presentations) {
+        if (p->screen == screen && p->animation) running.emplace_back(p->animation);
+    }
     std::erase_if(_presentations, [&](const auto& p) { return p->screen == screen; });
+    for (const auto& animation : running) {
+        if (animation) animation->stop();
+    }
 
     auto presentation = std::make_shared<Presentation>();
     presentation->screen = screen;
@@ -106,10 +127,7 @@ void RootViewController::present(std::shared_ptr<Presentable> screen, bool anima
     }
     auto* animation = transition(item, true);
     presentation->animation = animation;
-    QObject::connect(animation, &QAbstractAnimation::finished, item,
-                     [completion = std::move(completion)] {
-                         if (completion) completion();
-                     });
+    onStopped(animation, std::move(completion));
     animation->start(QAbstractAnimation::DeleteWhenStopped);
 }
 
@@ -141,7 +159,7 @@ void RootViewController::dismiss(Presentable* screen, bool animated, std::functi
     }
     auto* animation = transition(item, false);
     presentation->animation = animation;
-    QObject::connect(animation, &QAbstractAnimation::finished, item, std::move(finish));
+    onStopped(animation, std::move(finish));
     animation->start(QAbstractAnimation::DeleteWhenStopped);
 }
 

@@ -7,6 +7,7 @@
 #include <gtest/gtest.h>
 
 #include "palomir/bundle.hpp"
+#include "palomir/client.hpp"
 #include "palomir/dispatch.hpp"
 #include "palomir/environment.hpp"
 #include "palomir/qt/application.hpp"
@@ -17,13 +18,19 @@
 namespace palomir::qt {
 namespace {
 
-// One window: an animated presentation closed by its button, then an
-// unanimated one under a safe area, dismissed twice.
-TEST(PresentationTest, PresentingFillsTheWindowAndDismissingRemovesTheScreen) {
+class PresentationTest : public testing::Test {
+protected:
+    void SetUp() override {
+        window.resize(360, 640);
+        window.show();
+    }
     QQuickWindow window;
-    window.resize(360, 640);
-    window.show();
-    auto adapter = std::make_shared<QuickWindow>(&window);
+    std::shared_ptr<QuickWindow> adapter = std::make_shared<QuickWindow>(&window);
+};
+
+// An animated presentation closed by its button, then an unanimated one
+// under a safe area, dismissed twice.
+TEST_F(PresentationTest, PresentingFillsTheWindowAndDismissingRemovesTheScreen) {
     auto screen = std::dynamic_pointer_cast<LockdownViewController>(adapter->makeLockdownScreen());
     ASSERT_NE(screen, nullptr);
     std::vector<DismissAction> reported;
@@ -87,6 +94,33 @@ TEST(InstallTest, BindsMainQueueDescribesTheApplicationAndKeepsAMainBundleTheHos
     QCoreApplication::setApplicationName(QStringLiteral("Other"));
     install(application);
     EXPECT_EQ(Bundle::main().identifier(), std::optional<std::string>("host.own"));
+}
+
+// The second check-in's answer arrives while the first screen still fades in:
+// it takes that screen away and shows its own, and each caller hears once.
+TEST_F(PresentationTest, ASecondLockdownCuttingTheFirstAnimationShortCompletesBothOnce) {
+    install(*qobject_cast<QGuiApplication*>(QCoreApplication::instance()));
+    auto& palomir = Palomir::shared();
+    palomir.setConfiguration(test::withLockdown(R"({"active":true,"type":"hard","latest_version":"2"})"));
+    int first = 0, second = 0;
+    bool cutShort = false;
+    QPointer<QQuickItem> firstView;
+    palomir.lockdownIfNeeded(adapter, true, {}, [&](LockdownResult) {
+        ++first;
+        cutShort = firstView && firstView->opacity() < 1.0;
+    });
+    ASSERT_TRUE(QTest::qWaitFor([&] { return !adapter->root()->presented().empty(); }));
+    firstView = adapter->root()->presented().front()->view();
+    palomir.lockdownIfNeeded(adapter, true, {}, [&](LockdownResult) { ++second; });
+    ASSERT_TRUE(QTest::qWaitFor([&] { return second > 0; }));
+    QTest::qWait(2 * RootViewController::animationDuration);
+    EXPECT_EQ(first, 1);
+    EXPECT_EQ(second, 1);
+    ASSERT_EQ(adapter->root()->presented().size(), 1u);
+    EXPECT_NE(adapter->root()->presented().front()->view(), firstView.data());
+    palomir.setConfiguration(std::nullopt);
+    for (const auto& screen : adapter->root()->presented()) adapter->root()->dismiss(screen.get(), false, {});
+    if (!cutShort) GTEST_SKIP() << "the first animation ended before the second screen came; nothing was cut short";
 }
 
 }  // namespace

@@ -37,20 +37,18 @@ std::string lockdownJson(const std::string& type, const std::string& notes = kTw
     return json + "}";
 }
 
-struct CloseButtonCase {
-    std::string type;    // "" for none
-    bool visibleBefore;  // how the button was before this configuration
-    bool expectedVisible;
-};
+// Lockdown type ("" for none), the button's visibility before, and after.
+using CloseButtonCase = std::tuple<std::string, bool, bool>;
 
 class CloseButtonTest : public testing::TestWithParam<CloseButtonCase> {};
 
 template <class Screen>
 void expectCloseButton(const CloseButtonCase& row) {
+    const auto& [type, before, after] = row;
     Screen screen;
-    screen.closeButton()->setVisible(row.visibleBefore);
-    screen.setConfig(withLockdown(lockdownJson(row.type)));
-    EXPECT_EQ(screen.closeButton()->isVisible(), row.expectedVisible) << "type \"" << row.type << '"';
+    screen.closeButton()->setVisible(before);
+    screen.setConfig(withLockdown(lockdownJson(type)));
+    EXPECT_EQ(screen.closeButton()->isVisible(), after) << "type \"" << type << '"';
 }
 
 TEST_P(CloseButtonTest, OnBothScreens) {

@@ -1,9 +1,9 @@
 // palomir-preview FILE.json [--out DIR] [--size WxH]
+// palomir-preview --stress DIR [--out DIR]
 // Renders the notes screen, the lockdown screen and the banner of the worst
 // service of a configuration document to PNG files, in light and dark.
 
 #include <QtCore/QCommandLineParser>
-#include <QtCore/QFile>
 #include <QtCore/QFileInfo>
 #include <QtGui/QGuiApplication>
 
@@ -28,23 +28,39 @@ int main(int argc, char** argv) {
                            QStringLiteral("Directory for the PNG files."), QStringLiteral("dir"), QStringLiteral("."));
     QCommandLineOption size(QStringLiteral("size"), QStringLiteral("Window size in points."), QStringLiteral("WxH"),
                             QStringLiteral("390x844"));
+    QCommandLineOption stress(QStringLiteral("stress"),
+                              QStringLiteral("Render every document in dir at 320x568 and 844x390 instead (long and "
+                                             "right-to-left texts, small and landscape windows)."),
+                              QStringLiteral("dir"));
     parser.addOption(out);
     parser.addOption(size);
+    parser.addOption(stress);
     parser.process(app);
-    if (parser.positionalArguments().size() != 1) parser.showHelp(2);
+    if (parser.positionalArguments().size() != (parser.isSet(stress) ? 0 : 1)) parser.showHelp(2);
 
-    const QString path = parser.positionalArguments().first();
-    QFile file(path);
-    if (!file.open(QIODevice::ReadOnly)) {
-        std::cerr << "palomir-preview: cannot read " << path.toStdString() << std::endl;
-        return 1;
-    }
-    const QByteArray text = file.readAll();
-    auto decoded = palomir::decodeJson<palomir::Configuration>(std::string_view(text.constData(), text.size()));
-    if (!decoded.hasValue()) {
-        std::cerr << "palomir-preview: " << path.toStdString() << " is no configuration: "
-                  << decoded.error().message() << std::endl;
-        return 1;
+    int status = 0;
+    const auto render = [&](const QString& path, const QString& prefix, palomir::preview::Appearance appearance,
+                            const palomir::preview::RenderOptions& options) {
+        QString error;
+        const auto configuration = palomir::preview::readDocument(path, &error);
+        if (configuration) {
+            const auto written = palomir::preview::renderConfiguration(*configuration, parser.value(out), prefix,
+                                                                       appearance, options, &error);
+            for (const auto& name : written) std::cout << name.toStdString() << std::endl;
+        }
+        if (!error.isEmpty()) {
+            std::cerr << "palomir-preview: " << error.toStdString() << std::endl;
+            status = 1;
+        }
+    };
+    if (parser.isSet(stress)) {
+        const auto cases = palomir::preview::stressSet(parser.value(stress));
+        if (cases.isEmpty()) {
+            std::cerr << "palomir-preview: no documents in " << parser.value(stress).toStdString() << std::endl;
+            return 1;
+        }
+        for (const auto& c : cases) render(c.document, c.prefix, c.appearance, c.options);
+        return status;
     }
 
     palomir::preview::RenderOptions options;
@@ -52,17 +68,9 @@ int main(int argc, char** argv) {
     if (dimensions.size() == 2 && dimensions[0].toInt() > 0 && dimensions[1].toInt() > 0) {
         options.size = QSize(dimensions[0].toInt(), dimensions[1].toInt());
     }
-    const QString prefix = QFileInfo(path).completeBaseName();
-    int status = 0;
+    const QString path = parser.positionalArguments().first();
     for (auto appearance : {palomir::preview::Appearance::light, palomir::preview::Appearance::dark}) {
-        QString error;
-        const auto written =
-            palomir::preview::renderConfiguration(decoded.value(), parser.value(out), prefix, appearance, options, &error);
-        for (const auto& name : written) std::cout << name.toStdString() << std::endl;
-        if (!error.isEmpty()) {
-            std::cerr << "palomir-preview: " << error.toStdString() << std::endl;
-            status = 1;
-        }
+        render(path, QFileInfo(path).completeBaseName(), appearance, options);
     }
     return status;
 }

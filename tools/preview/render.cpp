@@ -3,6 +3,11 @@
 #include <QtCore/QDir>
 #include <QtCore/QElapsedTimer>
 #include <QtCore/QEventLoop>
+#include <QtCore/QFile>
+#include <QtCore/QJsonDocument>
+#include <QtCore/QJsonObject>
+#include <QtCore/QLocale>
+#include <QtCore/QScopeGuard>
 #include <QtCore/QTimer>
 #include <QtGui/QGuiApplication>
 #include <QtGui/QImage>
@@ -26,8 +31,12 @@ namespace {
 constexpr char kHostScreen[] = R"(
 import QtQuick
 Rectangle {
+    objectName: "hostScreen"
     property bool dark: false
+    // Taps that reach the host's own screen; overlays must keep this at 0.
+    property int taps: 0
     color: dark ? "#000000" : "#F2F2F7"
+    MouseArea { anchors.fill: parent; onClicked: parent.taps += 1 }
     Column {
         x: 16; y: 120; width: parent.width - 32; spacing: 12
         Text { text: "Inbox"; font.pixelSize: 34; font.weight: Font.Bold; color: dark ? "#FFFFFF" : "#000000" }
@@ -74,7 +83,9 @@ Stage makeStage(Appearance appearance, const RenderOptions& options) {
     return stage;
 }
 
-bool save(QQuickWindow& window, const QString& path, QStringList& written, QString* error) {
+bool save(QQuickWindow& window, const QString& path, const RenderOptions& options, QStringList& written,
+          QString* error) {
+    if (options.inspect) options.inspect(window, path);
     const QImage image = window.grabWindow();
     if (image.isNull() || !image.save(path)) {
         if (error) *error = QStringLiteral("could not write ") + path;
@@ -94,7 +105,7 @@ bool shoot(std::shared_ptr<Screen> screen, Appearance appearance, const RenderOp
     timer.start();
     while (!shown && timer.elapsed() < 2000) wait(10);
     wait(options.settleMilliseconds);
-    return save(*stage.window, path, written, error);
+    return save(*stage.window, path, options, written, error);
 }
 
 }  // namespace
@@ -111,6 +122,10 @@ QStringList renderConfiguration(const Configuration& configuration, const QStrin
                                 Appearance appearance, const RenderOptions& options, QString* error) {
     QStringList written;
     QDir().mkpath(directory);
+    // The layouts mirror by the default locale's direction.
+    const QLocale previous;
+    if (options.rightToLeft) QLocale::setDefault(QLocale(QLocale::Arabic, QLocale::Egypt));
+    const auto restore = qScopeGuard([&] { QLocale::setDefault(previous); });
     const QString suffix = appearance == Appearance::dark ? QStringLiteral("dark") : QStringLiteral("light");
     const auto file = [&](const QString& screen) {
         return QDir(directory).filePath(QStringLiteral("%1-%2-%3.png").arg(prefix, screen, suffix));
@@ -132,11 +147,11 @@ QStringList renderConfiguration(const Configuration& configuration, const QStrin
     const auto worst = configuration.worstService();
     if (!worst || !worst->message) return written;
     for (const bool expanded : {false, true}) {
-        for (const auto location : {qt::MessageViewLocation::top, qt::MessageViewLocation::bottom}) {
+        for (const auto location : {Palomir::MessageViewLocation::top, Palomir::MessageViewLocation::bottom}) {
             auto stage = makeStage(appearance, options);
             QObject owner;
-            auto* banner = qt::updateMessageView(&owner, stage.host.get(), location,
-                                                 location == qt::MessageViewLocation::top ? 8.0 : -8.0, configuration);
+            auto banner = qt::updateMessageView(&owner, stage.host.get(), location,
+                                                 location == Palomir::MessageViewLocation::top ? 8.0 : -8.0, configuration);
             if (!banner) continue;
             banner->setUserInterfaceStyle(appearance == Appearance::dark ? qt::UserInterfaceStyle::dark
                                                                           : qt::UserInterfaceStyle::light);
@@ -144,14 +159,53 @@ QStringList renderConfiguration(const Configuration& configuration, const QStrin
             if (expanded) banner->expandButtonPressed();
             wait(qt::MessageViewController::toggleDuration + options.settleMilliseconds);
             const QString name = QStringLiteral("banner-%1%2")
-                                     .arg(location == qt::MessageViewLocation::top ? QStringLiteral("top")
+                                     .arg(location == Palomir::MessageViewLocation::top ? QStringLiteral("top")
                                                                                    : QStringLiteral("bottom"),
                                           expanded ? QStringLiteral("-expanded") : QString());
-            if (!save(*stage.window, file(name), written, error)) return written;
-            delete banner;
+            if (!save(*stage.window, file(name), options, written, error)) return written;
+            delete banner.data();
         }
     }
     return written;
+}
+
+std::optional<Configuration> readDocument(const QString& path, QString* error) {
+    QFile file(path);
+    if (!file.open(QIODevice::ReadOnly)) {
+        if (error) *error = QStringLiteral("cannot read ") + path;
+        return std::nullopt;
+    }
+    QByteArray text = file.readAll();
+    const auto document = QJsonDocument::fromJson(text);
+    if (document.isObject() && document.object().contains(QStringLiteral("configuration"))) {
+        text = QJsonDocument(document.object().value(QStringLiteral("configuration")).toObject()).toJson();
+    }
+    auto decoded = decodeJson<Configuration>(std::string_view(text.constData(), static_cast<std::size_t>(text.size())));
+    if (!decoded.hasValue()) {
+        if (error) *error = path + QStringLiteral(" is no configuration: ") + QString::fromStdString(decoded.error().message());
+        return std::nullopt;
+    }
+    return decoded.value();
+}
+
+QList<StressCase> stressSet(const QString& folder) {
+    QList<StressCase> cases;
+    const auto documents = QDir(folder).entryInfoList({QStringLiteral("*.json")}, QDir::Files, QDir::Name);
+    for (const auto& document : documents) {
+        for (const QSize size : {QSize(320, 568), QSize(844, 390)}) {
+            StressCase c;
+            c.document = document.filePath();
+            c.prefix = QStringLiteral("%1-%2x%3").arg(document.completeBaseName()).arg(size.width()).arg(size.height());
+            c.appearance = document.completeBaseName().endsWith(QStringLiteral("dark")) ? Appearance::dark
+                                                                                         : Appearance::light;
+            c.options.size = size;
+            // Held sideways, the notch and home indicator sit at the sides and below.
+            if (size.width() > size.height()) c.options.safeArea = QMarginsF(47, 0, 47, 21);
+            c.options.rightToLeft = document.completeBaseName().startsWith(QStringLiteral("rtl"));
+            cases << c;
+        }
+    }
+    return cases;
 }
 
 }  // namespace palomir::preview

@@ -7,13 +7,11 @@
 
 #include <optional>
 
+#include "palomir/client.hpp"
 #include "palomir/model.hpp"
 #include "palomir/qt/export.hpp"
 
 namespace palomir::qt {
-
-/// Where a banner sits; decides which way the expand chevron points.
-enum class MessageViewLocation { top = 0, bottom = 1 };
 
 /// The appearance the banner colours itself for.
 enum class UserInterfaceStyle { unspecified = 0, light = 1, dark = 2 };
@@ -40,8 +38,8 @@ public:
     /// appearance in effect now.
     void setMessage(ServiceMessage message);
 
-    MessageViewLocation location() const { return _location; }
-    void setLocation(MessageViewLocation location);
+    Palomir::MessageViewLocation location() const { return _location; }
+    void setLocation(Palomir::MessageViewLocation location);
 
     /// The appearance to colour for; `unspecified` (the default) follows the
     /// application's palette.
@@ -74,25 +72,34 @@ private:
     QPointer<QQuickItem> _roundedCornersView, _expandingStackView, _titleLabel, _expandButton;
     QPointer<QQuickItem> _descriptionLabel, _moreInfoButton, _descriptionContainer;
     std::optional<ServiceMessage> _message;
-    MessageViewLocation _location = MessageViewLocation::top;
+    Palomir::MessageViewLocation _location = Palomir::MessageViewLocation::top;
     UserInterfaceStyle _style = UserInterfaceStyle::unspecified;
     bool _chevronFlipped = false;
 };
 
 /// Shows the message of the configuration's worst service in a banner on
 /// `view`, anchored to the top or bottom of its safe area (see
-/// setSafeAreaMargins) at `yDistance` and centred horizontally. The banner
-/// controller is a child of `host`: the last one found there is reused. With
-/// no configuration nothing changes; with no message every banner of `host`
-/// is removed. Returns the banner shown, or nothing.
-PALOMIR_QT_API MessageViewController* updateMessageView(QObject* host, QQuickItem* view,
-                                                        MessageViewLocation location, qreal yDistance,
+/// setSafeAreaMargins) and centred horizontally. With no configuration
+/// nothing changes; with no message every banner of `host` is removed.
+///
+/// `yDistance` is signed and measured downwards from the safe area's edge,
+/// for both locations: at `top` a positive value moves the banner down into
+/// the screen; at `bottom` a positive value moves it down past the safe area
+/// (into the home indicator), so pass a negative one to lift it clear.
+///
+/// Ownership: the banner controller is a QObject child of `host` and the
+/// banner's item a child of `view`; the last banner found under `host` is
+/// reused. A call that finds no message deletes every banner of `host`, and
+/// destroying `host` does too. Keep the returned QPointer, never a raw copy:
+/// it becomes null once its banner is gone. Returns the banner shown, or null.
+PALOMIR_QT_API QPointer<MessageViewController> updateMessageView(QObject* host, QQuickItem* view,
+                                                        Palomir::MessageViewLocation location, qreal yDistance,
                                                         const std::optional<Configuration>& configuration);
 
 /// As above with the configuration the shared client holds. Call on the GUI
 /// thread.
-PALOMIR_QT_API MessageViewController* updateMessageView(QObject* host, QQuickItem* view,
-                                                        MessageViewLocation location, qreal yDistance);
+PALOMIR_QT_API QPointer<MessageViewController> updateMessageView(QObject* host, QQuickItem* view,
+                                                        Palomir::MessageViewLocation location, qreal yDistance);
 
 /// Records the insets of `view` that banners keep clear of.
 PALOMIR_QT_API void setSafeAreaMargins(QQuickItem* view, QMarginsF margins);

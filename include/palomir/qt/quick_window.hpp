@@ -48,7 +48,8 @@ public:
     ~RootViewController() override;
 
     /// Shows a Presentable screen; fades it in and slides it up when
-    /// animated. `completion` runs on the GUI thread after the animation (or,
+    /// animated. `completion` runs once, on the GUI thread, when the animation
+    /// ends, also when a dismissal or a new presentation cuts it short (or,
     /// without animation, on the next turn of the event loop). A screen that
     /// is not Presentable is not shown and its completion is not called.
     void present(std::shared_ptr<ConfigurableViewController> screen, bool animated,
