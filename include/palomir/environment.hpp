@@ -1,5 +1,9 @@
 #pragma once
 
+/// @file
+/// Where the library keeps files, and what it learns of the user's locale and
+/// the device.
+
 #include <filesystem>
 #include <optional>
 #include <string>
@@ -16,10 +20,11 @@ PALOMIR_API std::filesystem::path cachesDirectory();
 /// Palomir is first used, since the default does not exist there.
 PALOMIR_API void setCachesDirectory(std::filesystem::path directory);
 
+/// A locale as the library reports it to the backend.
 struct LocaleInfo {
-    std::string identifier;                 // "de_CH", "en", "C"
-    std::optional<std::string> languageCode;  // "de"
-    std::optional<std::string> regionCode;    // "CH"
+    std::string identifier; ///< "de_CH", "en", "C"
+    std::optional<std::string> languageCode; ///< "de"
+    std::optional<std::string> regionCode; ///< "CH"
 };
 
 /// The user's languages in order of preference ("de-CH", "en"), from
@@ -32,11 +37,13 @@ PALOMIR_API void setLocaleOverride(std::vector<std::string> languages, LocaleInf
 /// Goes back to reading the languages and locale from the environment.
 PALOMIR_API void clearLocaleOverride();
 
+/// The machine and system, as named in the user agent.
 struct DeviceInfo {
-    std::string machine;    // uname machine, "x86_64"
-    std::string osName;     // uname sysname, "Linux"
-    std::string osRelease;  // uname release, "6.1.0-18-amd64"
+    std::string machine; ///< uname machine, "x86_64"
+    std::string osName; ///< uname sysname, "Linux"
+    std::string osRelease; ///< uname release, "6.1.0-18-amd64"
 };
+/// Read once, then fixed for the process; the reference stays valid forever.
 PALOMIR_API const DeviceInfo& deviceInfo();
 
 }  // namespace palomir
