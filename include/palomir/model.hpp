@@ -1,5 +1,8 @@
 #pragma once
 
+/// @file
+/// The data model: the records the backend sends and the client submits.
+
 // The records that the backend sends and receives, with their strict JSON
 // decoding (decode<T>, decodeJson<T> from palomir/decoding.hpp) and encoding
 // (encode overloads). Every record is a plain value.
@@ -33,19 +36,25 @@ using Date = std::chrono::sys_time<std::chrono::milliseconds>;
 /// upper-case 'T' and 'Z', ranges checked, leap years honoured); formatting
 /// writes UTC with "Z". Independent of locale, calendar and time zone.
 struct PALOMIR_API PlRFC3339Formatter {
+    /// The instant, or nothing for text not in the form.
     std::optional<Date> parse(std::string_view text) const;
+    /// The UTC form with "Z".
     std::string format(Date date) const;
 };
 
 /// The shared formatter: plRFC3339.parse(text), plRFC3339.format(date).
 inline constexpr PlRFC3339Formatter plRFC3339{};
 
+/// @{
+/// The same as plRFC3339.parse and plRFC3339.format, as plain functions.
 PALOMIR_API std::optional<Date> plRFC3339Parse(std::string_view text);
 PALOMIR_API std::string plRFC3339Format(Date date);
+/// @}
 
 // ---------------------------------------------------------------------------
 // Check-in schedule
 
+/// The events on which the backend wants the host to check in.
 enum class CheckinEvent { launch, foreground };
 
 /// The wire string ("launch", "foreground").
@@ -53,10 +62,12 @@ PALOMIR_API std::string_view toString(CheckinEvent event);
 /// Exact match only (letter case counts).
 PALOMIR_API std::optional<CheckinEvent> checkinEventFromString(std::string_view text);
 
+/// When the host should check in next: at an instant, on events, or both.
 struct NextCheckin {
-    std::optional<Date> automaticallyAt;
-    std::vector<CheckinEvent> onEvent;
+    std::optional<Date> automaticallyAt;  ///< The instant of the next timed check-in; nothing for none.
+    std::vector<CheckinEvent> onEvent;  ///< The events to check in on, in the backend's order.
 
+    /// Member by member.
     friend bool operator==(const NextCheckin&, const NextCheckin&) = default;
 };
 
@@ -66,52 +77,60 @@ struct NextCheckin {
 /// Components from 0.0 to 1.0. Decoded from a hexadecimal string; encoded as
 /// an object {"red","green","blue","alpha"} (which is not decodable again).
 struct PALOMIR_API Color {
-    double red = 0.0;
-    double green = 0.0;
-    double blue = 0.0;
-    double alpha = 0.0;
+    double red = 0.0;  ///< Red, 0.0 to 1.0.
+    double green = 0.0;  ///< Green, 0.0 to 1.0.
+    double blue = 0.0;  ///< Blue, 0.0 to 1.0.
+    double alpha = 0.0;  ///< Opacity, 0.0 (transparent) to 1.0.
 
     /// "#RGB", "#RRGGBB", "#RRGGBBAA" (the "#" optional, surrounding white
     /// space ignored). Anything malformed gives transparent black; never fails.
     static Color fromHex(std::string_view text);
 
+    /// Component by component, exactly.
     friend bool operator==(const Color&, const Color&) = default;
 };
 
+/// A linear gradient between points in the unit square of the area it fills.
 struct ColorGradient {
+    /// A point of the unit square: (0, 0) top left, (1, 1) bottom right.
     struct Point {
-        double x = 0.0;
-        double y = 0.0;
+        double x = 0.0;  ///< Horizontal, 0.0 to 1.0.
+        double y = 0.0;  ///< Vertical, 0.0 to 1.0.
+        /// Same coordinates.
         friend bool operator==(const Point&, const Point&) = default;
     };
 
-    std::vector<Color> colors;
-    Point startPoint;
-    Point endPoint;
+    std::vector<Color> colors;  ///< Evenly spaced from start to end.
+    Point startPoint;  ///< Where the first colour lies.
+    Point endPoint;  ///< Where the last colour lies.
 
+    /// Member by member.
     friend bool operator==(const ColorGradient&, const ColorGradient&) = default;
 };
 
+/// The colours the screens are drawn in.
 struct Theme {
-    Color textColor;
-    Color backgroundColor;
-    std::optional<ColorGradient> backgroundGradient;
-    std::optional<Color> innerBackgroundColor;
-    std::optional<Color> actionTextColor;
-    std::optional<Color> actionButtonColor;
+    Color textColor;  ///< Text on the screens.
+    Color backgroundColor;  ///< The screens' background, unless a gradient is given.
+    std::optional<ColorGradient> backgroundGradient;  ///< Drawn instead of the background colour when present.
+    std::optional<Color> innerBackgroundColor;  ///< Panels inside a screen; the background colour when absent.
+    std::optional<Color> actionTextColor;  ///< The action button's text.
+    std::optional<Color> actionButtonColor;  ///< The action button.
 
+    /// Member by member.
     friend bool operator==(const Theme&, const Theme&) = default;
 };
 
 // ---------------------------------------------------------------------------
 // Notes
 
+/// One note about what is new, shown on the notes screen or with a lockdown.
 struct PALOMIR_API Note {
-    Uuid identifier{std::array<std::uint8_t, 16>{}};
-    std::string title;
-    std::optional<std::string> subtitle;
-    std::string content;
-    std::optional<Url> image;
+    Uuid identifier{std::array<std::uint8_t, 16>{}};  ///< Identifies the note across check-ins.
+    std::string title;  ///< Always present.
+    std::optional<std::string> subtitle;  ///< Shown under the title when present.
+    std::string content;  ///< The body text.
+    std::optional<Url> image;  ///< An image to show with the note.
 
     /// Multi-line text for logs (the identifier is left out).
     std::string description() const;
@@ -120,35 +139,46 @@ struct PALOMIR_API Note {
 // ---------------------------------------------------------------------------
 // Lockdown
 
+/// How strict a lockdown is: a hard one cannot be closed by the user, a soft one can.
 enum class LockdownType { hard, soft };
 
+/// The wire string ("hard", "soft").
 PALOMIR_API std::string_view toString(LockdownType type);
+/// Exact match only; nothing for any other text.
 PALOMIR_API std::optional<LockdownType> lockdownTypeFromString(std::string_view text);
 
+/// What the backend says about blocking the app or asking for an update.
 struct Lockdown {
-    bool active = false;
-    std::optional<LockdownType> type;
-    std::string latestVersion;
-    std::optional<std::string> title;
-    std::optional<Url> titleImage;
-    std::optional<std::string> subtitle;
-    std::optional<Url> actionURL;
-    std::optional<std::string> actionTitle;
-    std::optional<std::string> dismissTitle;
-    std::optional<std::vector<Note>> notes;
+    bool active = false;  ///< Whether the lockdown is in force.
+    std::optional<LockdownType> type;  ///< Its strictness; an active lockdown without one is treated as soft.
+    std::string latestVersion;  ///< The host version the backend considers current; informational.
+    std::optional<std::string> title;  ///< The screen's heading.
+    std::optional<Url> titleImage;  ///< An image above the heading.
+    std::optional<std::string> subtitle;  ///< Text under the heading.
+    std::optional<Url> actionURL;  ///< Opened by the action button (an app store page, a web page).
+    std::optional<std::string> actionTitle;  ///< The action button's label.
+    std::optional<std::string> dismissTitle;  ///< The close button's label (soft lockdowns).
+    std::optional<std::vector<Note>> notes;  ///< Notes shown on the lockdown screen.
 };
 
 /// Either lockedDown(type) or open.
 class PALOMIR_API LockdownResult {
 public:
+    /// @{
+    /// The two outcomes.
     static LockdownResult lockedDown(LockdownType type) { return LockdownResult(type); }
     static LockdownResult open() { return LockdownResult(std::nullopt); }
 
+    /// @}
+
+    /// Whether a lockdown is in force.
     bool isLockedDown() const { return _type.has_value(); }
+    /// The opposite of isLockedDown().
     bool isOpen() const { return !_type.has_value(); }
     /// The kind of lockdown in force; nothing when open.
     std::optional<LockdownType> type() const { return _type; }
 
+    /// Same outcome and type.
     friend bool operator==(const LockdownResult&, const LockdownResult&) = default;
 
 private:
@@ -163,62 +193,74 @@ PALOMIR_API LockdownResult evaluate(const Lockdown& lockdown);
 // ---------------------------------------------------------------------------
 // Services
 
+/// A service's health, from best to worst; states the backend names that this version does not know decode as unknown.
 enum class ServiceState { ok, warning, error, disabled, unknown };
 
+/// The wire string ("ok", "warning", ...).
 PALOMIR_API std::string_view toString(ServiceState state);
 /// Strict: an unknown string gives nothing. (Decoding from JSON is tolerant
 /// and turns unknown strings into ServiceState::unknown.)
 PALOMIR_API std::optional<ServiceState> serviceStateFromString(std::string_view text);
 
 /// Severity order ok < warning < error < disabled < unknown.
+/// @{
 PALOMIR_API bool operator<(ServiceState a, ServiceState b);
 PALOMIR_API bool operator<=(ServiceState a, ServiceState b);
 PALOMIR_API bool operator>(ServiceState a, ServiceState b);
 PALOMIR_API bool operator>=(ServiceState a, ServiceState b);
 
-struct ServiceMessage {
-    std::optional<std::string> title;
-    std::optional<std::string> description;
-    std::optional<std::string> dismiss;
-    std::optional<Url> url;
-    std::optional<std::string> urlTitle;
-    std::optional<Color> backgroundColorLight;
-    std::optional<Color> backgroundColorDark;
+/// @}
 
+/// The banner a service asks for while it is degraded.
+struct ServiceMessage {
+    std::optional<std::string> title;  ///< The banner's heading.
+    std::optional<std::string> description;  ///< The banner's text.
+    std::optional<std::string> dismiss;  ///< The close button's label.
+    std::optional<Url> url;  ///< Opened by the banner's link.
+    std::optional<std::string> urlTitle;  ///< The link's label.
+    std::optional<Color> backgroundColorLight;  ///< Background in light appearance.
+    std::optional<Color> backgroundColorDark;  ///< Background in dark appearance.
+
+    /// Member by member.
     friend bool operator==(const ServiceMessage&, const ServiceMessage&) = default;
 };
 
+/// One backend service and its status.
 struct Service {
-    std::string name;
-    std::string identifier;
-    std::optional<Url> url;
-    bool available = false;
-    ServiceState state = ServiceState::unknown;
-    bool triggersMessage = false;
-    std::optional<ServiceMessage> message;
-    std::optional<Url> image;
+    std::string name;  ///< For people.
+    std::string identifier;  ///< For service(identifier) and the notifications.
+    std::optional<Url> url;  ///< The service's page.
+    bool available = false;  ///< Whether the service can be used at all.
+    ServiceState state = ServiceState::unknown;  ///< Its health.
+    bool triggersMessage = false;  ///< Whether its message should be shown as a banner.
+    std::optional<ServiceMessage> message;  ///< The banner to show.
+    std::optional<Url> image;  ///< An icon.
 
+    /// Member by member.
     friend bool operator==(const Service&, const Service&) = default;
 };
 
+/// The backend's answer to a services fetch.
 struct ServicesResponse {
-    std::vector<Service> services;
+    std::vector<Service> services;  ///< In the backend's order.
 };
 
+/// The backend's answer to a single service fetch.
 struct ServiceResponse {
-    Service service;
+    Service service;  ///< The service asked for.
 };
 
 // ---------------------------------------------------------------------------
 // Configuration
 
+/// The backend's answer to a check-in: what the host should show and when to check in again.
 struct PALOMIR_API Configuration {
-    std::string version;
-    std::optional<NextCheckin> nextCheckin;
-    Theme theme;
-    std::vector<Note> notes;
-    Lockdown lockdown;
-    std::optional<std::vector<Service>> services;
+    std::string version;  ///< Identifies this configuration.
+    std::optional<NextCheckin> nextCheckin;  ///< When to check in next; nothing leaves it to the host.
+    Theme theme;  ///< The screens' colours.
+    std::vector<Note> notes;  ///< What is new, for the notes screen.
+    Lockdown lockdown;  ///< Whether the app is blocked or asked to update.
+    std::optional<std::vector<Service>> services;  ///< The backend's services, when it lists them.
 
     /// The services whose triggersMessage is set, in listed order.
     std::vector<Service> messageServices() const;
@@ -231,9 +273,9 @@ struct PALOMIR_API Configuration {
 
 /// A file held in memory, to be attached to feedback.
 struct PALOMIR_API Attachment {
-    std::string filename;
-    std::string contentType;
-    std::vector<std::uint8_t> data;
+    std::string filename;  ///< The name the backend stores it under.
+    std::string contentType;  ///< Its media type; "" when unknown.
+    std::vector<std::uint8_t> data;  ///< The bytes, held in memory.
 
     /// Without a content type, it is derived from the file name's extension
     /// (mimeTypeForExtension), "" when unknown.
@@ -252,39 +294,43 @@ PALOMIR_API std::string mimeTypeForExtension(std::string_view extension);
 /// Something that supplies files to attach to a feedback.
 class PALOMIR_API AttachmentProvider {
 public:
+    /// Providers are shared with the feedback that asks them.
     virtual ~AttachmentProvider();
+    /// The files to attach, read when a feedback that names this provider is submitted.
     virtual std::vector<Attachment> feedbackAttachments() = 0;
 };
 
 /// The announcement of one file before its bytes are uploaded.
 struct DirectUpload {
-    std::string filename;
-    std::int64_t byteSize = 0;
-    std::string checksum;
-    std::string contentType;
+    std::string filename;  ///< The file's name.
+    std::int64_t byteSize = 0;  ///< The number of bytes.
+    std::string checksum;  ///< Base64 of the bytes' MD5 digest, for the storage to verify.
+    std::string contentType;  ///< The media type.
     /// Kept beside the record for the upload step; never written to JSON.
     std::optional<std::vector<std::uint8_t>> data;
 };
 
+/// Where the backend wants the bytes of an announced file.
 struct DirectUploadResponse {
     /// Where and how to upload the bytes.
     struct DirectUpload {
-        std::string url;
-        std::map<std::string, std::string> headers;
+        std::string url;  ///< Where to PUT the bytes.
+        std::map<std::string, std::string> headers;  ///< Headers to send exactly as given, and no others.
     };
 
-    std::int64_t identifier = 0;
-    std::string key;
-    std::string filename;
-    std::string signedID;
-    DirectUpload directUpload;
+    std::int64_t identifier = 0;  ///< The backend's number for the file.
+    std::string key;  ///< The storage key.
+    std::string filename;  ///< The file's name as stored.
+    std::string signedID;  ///< Names the file in the feedback that attaches it.
+    DirectUpload directUpload;  ///< The upload target.
 };
 
+/// A feedback entry as submitted and as the backend returns it.
 struct Feedback {
-    std::string title;
-    std::string message;
-    std::string submittedBy;
-    std::optional<std::vector<std::string>> files;
+    std::string title;  ///< A short summary.
+    std::string message;  ///< The text, cut to 1000 characters.
+    std::string submittedBy;  ///< Who sent it (an e-mail address or a name).
+    std::optional<std::vector<std::string>> files;  ///< The signed identifiers of the uploaded attachments.
 };
 
 // ---------------------------------------------------------------------------
@@ -311,6 +357,7 @@ PALOMIR_DECLARE_DECODING(DirectUploadResponse);
 PALOMIR_DECLARE_DECODING(Feedback);
 
 /// Required members are always written; absent optionals are left out.
+/// @{
 PALOMIR_API nlohmann::json encode(Date date);
 PALOMIR_API nlohmann::json encode(CheckinEvent event);
 PALOMIR_API nlohmann::json encode(const NextCheckin& value);
@@ -331,5 +378,6 @@ PALOMIR_API nlohmann::json encode(const DirectUpload& value);
 PALOMIR_API nlohmann::json encode(const DirectUploadResponse::DirectUpload& value);
 PALOMIR_API nlohmann::json encode(const DirectUploadResponse& value);
 PALOMIR_API nlohmann::json encode(const Feedback& value);
+/// @}
 
 }  // namespace palomir
