@@ -1,5 +1,5 @@
 #!/usr/bin/env bash
-# consume.sh <installed|subdirectory|pkg-config|readme> <palomir build dir> <palomir source dir> <work dir>
+# consume.sh <installed|subdirectory|pkg-config> <palomir build dir> <palomir source dir> <work dir>
 # Builds the minimal host the way an embedding project would, then runs it.
 set -euo pipefail
 mode=$1 build=$2 source=$3 work=$4
@@ -8,9 +8,12 @@ rm -rf "$work" && mkdir -p "$work"
 case "$mode" in
   installed)
     cmake --install "$build" --prefix "$work/prefix" >/dev/null
-    cmake -S "$source/tests/consumer/installed" -B "$work/build" -G Ninja \
-      -DCMAKE_PREFIX_PATH="$work/prefix" -DPALOMIR_EXAMPLE="$example" >/dev/null
-    cmake --build "$work/build" >/dev/null
+    mkdir "$work/readme"  # each ```c and ```cpp block of README.md becomes a source file
+    awk -v dir="$work/readme" '/^```(c|cpp)$/ { n++; file = sprintf("%s/%02d.%s", dir, n, substr($0, 4)); next }
+      /^```/ { file = "" } file != "" { print > file }' "$source/README.md"
+    cmake -S "$source/tests/consumer/installed" -B "$work/build" -G Ninja -DCMAKE_PREFIX_PATH="$work/prefix" \
+      -DPALOMIR_EXAMPLE="$example" -DREADME_BLOCKS="$work/readme" >/dev/null
+    cmake --build "$work/build" -j2 >/dev/null
     LD_LIBRARY_PATH="$work/prefix/lib:${LD_LIBRARY_PATH:-}" "$work/build/host"
     ;;
   subdirectory)
@@ -29,18 +32,5 @@ case "$mode" in
     # shellcheck disable=SC2046
     c++ -o "$work/host" "$example" $(pkg-config --cflags --libs palomir)
     LD_LIBRARY_PATH="$work/prefix/lib:${LD_LIBRARY_PATH:-}" "$work/host"
-    ;;
-  readme)
-    # Each ```c and ```cpp block of README.md becomes a source file of its own.
-    cmake --install "$build" --prefix "$work/prefix" >/dev/null
-    mkdir -p "$work/snippets"
-    awk -v dir="$work/snippets" '
-      /^```(c|cpp)$/ { ext = substr($0, 4); n++; file = sprintf("%s/readme_%02d.%s", dir, n, ext); next }
-      /^```/ { file = ""; next }
-      file != "" { print > file }' "$source/README.md"
-    cmake -S "$source/tests/consumer/readme" -B "$work/build" -G Ninja \
-      -DCMAKE_PREFIX_PATH="$work/prefix" -DSNIPPET_DIR="$work/snippets" >/dev/null
-    cmake --build "$work/build" -j2
-    echo "built $(ls "$work/snippets" | wc -l) README blocks"
     ;;
 esac
