@@ -64,8 +64,10 @@ PALOMIR_API std::optional<CheckinEvent> checkinEventFromString(std::string_view 
 
 /// When the host should check in next: at an instant, on events, or both.
 struct NextCheckin {
-    std::optional<Date> automaticallyAt;  ///< The instant of the next timed check-in; nothing for none.
-    std::vector<CheckinEvent> onEvent;  ///< The events to check in on, in the backend's order.
+    /// The instant of the next timed check-in; nothing for none.
+    std::optional<Date> automaticallyAt;
+    /// The events to check in on, in the backend's order.
+    std::vector<CheckinEvent> onEvent;
 
     /// Member by member.
     friend bool operator==(const NextCheckin&, const NextCheckin&) = default;
@@ -77,10 +79,14 @@ struct NextCheckin {
 /// Components from 0.0 to 1.0. Decoded from a hexadecimal string; encoded as
 /// an object {"red","green","blue","alpha"} (which is not decodable again).
 struct PALOMIR_API Color {
-    double red = 0.0;  ///< Red, 0.0 to 1.0.
-    double green = 0.0;  ///< Green, 0.0 to 1.0.
-    double blue = 0.0;  ///< Blue, 0.0 to 1.0.
-    double alpha = 0.0;  ///< Opacity, 0.0 (transparent) to 1.0.
+    /// Red, 0.0 to 1.0.
+    double red = 0.0;
+    /// Green, 0.0 to 1.0.
+    double green = 0.0;
+    /// Blue, 0.0 to 1.0.
+    double blue = 0.0;
+    /// Opacity, 0.0 (transparent) to 1.0.
+    double alpha = 0.0;
 
     /// "#RGB", "#RRGGBB", "#RRGGBBAA" (the "#" optional, surrounding white
     /// space ignored). Anything malformed gives transparent black; never fails.
@@ -94,15 +100,20 @@ struct PALOMIR_API Color {
 struct ColorGradient {
     /// A point of the unit square: (0, 0) top left, (1, 1) bottom right.
     struct Point {
-        double x = 0.0;  ///< Horizontal, 0.0 to 1.0.
-        double y = 0.0;  ///< Vertical, 0.0 to 1.0.
+        /// Horizontal, 0.0 to 1.0.
+        double x = 0.0;
+        /// Vertical, 0.0 to 1.0.
+        double y = 0.0;
         /// Same coordinates.
         friend bool operator==(const Point&, const Point&) = default;
     };
 
-    std::vector<Color> colors;  ///< Evenly spaced from start to end.
-    Point startPoint;  ///< Where the first colour lies.
-    Point endPoint;  ///< Where the last colour lies.
+    /// Evenly spaced from start to end.
+    std::vector<Color> colors;
+    /// Where the first colour lies.
+    Point startPoint;
+    /// Where the last colour lies.
+    Point endPoint;
 
     /// Member by member.
     friend bool operator==(const ColorGradient&, const ColorGradient&) = default;
@@ -110,12 +121,18 @@ struct ColorGradient {
 
 /// The colours the screens are drawn in.
 struct Theme {
-    Color textColor;  ///< Text on the screens.
-    Color backgroundColor;  ///< The screens' background, unless a gradient is given.
-    std::optional<ColorGradient> backgroundGradient;  ///< Drawn instead of the background colour when present.
-    std::optional<Color> innerBackgroundColor;  ///< Panels inside a screen; the background colour when absent.
-    std::optional<Color> actionTextColor;  ///< The action button's text.
-    std::optional<Color> actionButtonColor;  ///< The action button.
+    /// Text on the screens.
+    Color textColor;
+    /// The screens' background, unless a gradient is given.
+    Color backgroundColor;
+    /// Drawn instead of the background colour when present.
+    std::optional<ColorGradient> backgroundGradient;
+    /// Panels inside a screen; the background colour when absent.
+    std::optional<Color> innerBackgroundColor;
+    /// The action button's text.
+    std::optional<Color> actionTextColor;
+    /// The action button.
+    std::optional<Color> actionButtonColor;
 
     /// Member by member.
     friend bool operator==(const Theme&, const Theme&) = default;
@@ -126,11 +143,16 @@ struct Theme {
 
 /// One note about what is new, shown on the notes screen or with a lockdown.
 struct PALOMIR_API Note {
-    Uuid identifier{std::array<std::uint8_t, 16>{}};  ///< Identifies the note across check-ins.
-    std::string title;  ///< Always present.
-    std::optional<std::string> subtitle;  ///< Shown under the title when present.
-    std::string content;  ///< The body text.
-    std::optional<Url> image;  ///< An image to show with the note.
+    /// Identifies the note across check-ins.
+    Uuid identifier{std::array<std::uint8_t, 16>{}};
+    /// Always present.
+    std::string title;
+    /// Shown under the title when present.
+    std::optional<std::string> subtitle;
+    /// The body text.
+    std::string content;
+    /// An image to show with the note.
+    std::optional<Url> image;
 
     /// Multi-line text for logs (the identifier is left out).
     std::string description() const;
@@ -149,16 +171,26 @@ PALOMIR_API std::optional<LockdownType> lockdownTypeFromString(std::string_view 
 
 /// What the backend says about blocking the app or asking for an update.
 struct Lockdown {
-    bool active = false;  ///< Whether the lockdown is in force.
-    std::optional<LockdownType> type;  ///< Its strictness; an active lockdown without one is treated as soft.
-    std::string latestVersion;  ///< The host version the backend considers current; informational.
-    std::optional<std::string> title;  ///< The screen's heading.
-    std::optional<Url> titleImage;  ///< An image above the heading.
-    std::optional<std::string> subtitle;  ///< Text under the heading.
-    std::optional<Url> actionURL;  ///< Opened by the action button (an app store page, a web page).
-    std::optional<std::string> actionTitle;  ///< The action button's label.
-    std::optional<std::string> dismissTitle;  ///< The close button's label (soft lockdowns).
-    std::optional<std::vector<Note>> notes;  ///< Notes shown on the lockdown screen.
+    /// Whether the lockdown is in force.
+    bool active = false;
+    /// Its strictness; an active lockdown without one is treated as soft.
+    std::optional<LockdownType> type;
+    /// The host version the backend considers current; informational.
+    std::string latestVersion;
+    /// The screen's heading.
+    std::optional<std::string> title;
+    /// An image above the heading.
+    std::optional<Url> titleImage;
+    /// Text under the heading.
+    std::optional<std::string> subtitle;
+    /// Opened by the action button (an app store page, a web page).
+    std::optional<Url> actionURL;
+    /// The action button's label.
+    std::optional<std::string> actionTitle;
+    /// The close button's label (soft lockdowns).
+    std::optional<std::string> dismissTitle;
+    /// Notes shown on the lockdown screen.
+    std::optional<std::vector<Note>> notes;
 };
 
 /// Either lockedDown(type) or open.
@@ -213,13 +245,20 @@ PALOMIR_API bool operator>=(ServiceState a, ServiceState b);
 
 /// The banner a service asks for while it is degraded.
 struct ServiceMessage {
-    std::optional<std::string> title;  ///< The banner's heading.
-    std::optional<std::string> description;  ///< The banner's text.
-    std::optional<std::string> dismiss;  ///< The close button's label.
-    std::optional<Url> url;  ///< Opened by the banner's link.
-    std::optional<std::string> urlTitle;  ///< The link's label.
-    std::optional<Color> backgroundColorLight;  ///< Background in light appearance.
-    std::optional<Color> backgroundColorDark;  ///< Background in dark appearance.
+    /// The banner's heading.
+    std::optional<std::string> title;
+    /// The banner's text.
+    std::optional<std::string> description;
+    /// The close button's label.
+    std::optional<std::string> dismiss;
+    /// Opened by the banner's link.
+    std::optional<Url> url;
+    /// The link's label.
+    std::optional<std::string> urlTitle;
+    /// Background in light appearance.
+    std::optional<Color> backgroundColorLight;
+    /// Background in dark appearance.
+    std::optional<Color> backgroundColorDark;
 
     /// Member by member.
     friend bool operator==(const ServiceMessage&, const ServiceMessage&) = default;
@@ -227,14 +266,22 @@ struct ServiceMessage {
 
 /// One backend service and its status.
 struct Service {
-    std::string name;  ///< For people.
-    std::string identifier;  ///< For service(identifier) and the notifications.
-    std::optional<Url> url;  ///< The service's page.
-    bool available = false;  ///< Whether the service can be used at all.
-    ServiceState state = ServiceState::unknown;  ///< Its health.
-    bool triggersMessage = false;  ///< Whether its message should be shown as a banner.
-    std::optional<ServiceMessage> message;  ///< The banner to show.
-    std::optional<Url> image;  ///< An icon.
+    /// For people.
+    std::string name;
+    /// For service(identifier) and the notifications.
+    std::string identifier;
+    /// The service's page.
+    std::optional<Url> url;
+    /// Whether the service can be used at all.
+    bool available = false;
+    /// Its health.
+    ServiceState state = ServiceState::unknown;
+    /// Whether its message should be shown as a banner.
+    bool triggersMessage = false;
+    /// The banner to show.
+    std::optional<ServiceMessage> message;
+    /// An icon.
+    std::optional<Url> image;
 
     /// Member by member.
     friend bool operator==(const Service&, const Service&) = default;
@@ -242,12 +289,14 @@ struct Service {
 
 /// The backend's answer to a services fetch.
 struct ServicesResponse {
-    std::vector<Service> services;  ///< In the backend's order.
+    /// In the backend's order.
+    std::vector<Service> services;
 };
 
 /// The backend's answer to a single service fetch.
 struct ServiceResponse {
-    Service service;  ///< The service asked for.
+    /// The service asked for.
+    Service service;
 };
 
 // ---------------------------------------------------------------------------
@@ -255,12 +304,18 @@ struct ServiceResponse {
 
 /// The backend's answer to a check-in: what the host should show and when to check in again.
 struct PALOMIR_API Configuration {
-    std::string version;  ///< Identifies this configuration.
-    std::optional<NextCheckin> nextCheckin;  ///< When to check in next; nothing leaves it to the host.
-    Theme theme;  ///< The screens' colours.
-    std::vector<Note> notes;  ///< What is new, for the notes screen.
-    Lockdown lockdown;  ///< Whether the app is blocked or asked to update.
-    std::optional<std::vector<Service>> services;  ///< The backend's services, when it lists them.
+    /// Identifies this configuration.
+    std::string version;
+    /// When to check in next; nothing leaves it to the host.
+    std::optional<NextCheckin> nextCheckin;
+    /// The screens' colours.
+    Theme theme;
+    /// What is new, for the notes screen.
+    std::vector<Note> notes;
+    /// Whether the app is blocked or asked to update.
+    Lockdown lockdown;
+    /// The backend's services, when it lists them.
+    std::optional<std::vector<Service>> services;
 
     /// The services whose triggersMessage is set, in listed order.
     std::vector<Service> messageServices() const;
@@ -273,9 +328,12 @@ struct PALOMIR_API Configuration {
 
 /// A file held in memory, to be attached to feedback.
 struct PALOMIR_API Attachment {
-    std::string filename;  ///< The name the backend stores it under.
-    std::string contentType;  ///< Its media type; "" when unknown.
-    std::vector<std::uint8_t> data;  ///< The bytes, held in memory.
+    /// The name the backend stores it under.
+    std::string filename;
+    /// Its media type; "" when unknown.
+    std::string contentType;
+    /// The bytes, held in memory.
+    std::vector<std::uint8_t> data;
 
     /// Without a content type, it is derived from the file name's extension
     /// (mimeTypeForExtension), "" when unknown.
@@ -302,10 +360,14 @@ public:
 
 /// The announcement of one file before its bytes are uploaded.
 struct DirectUpload {
-    std::string filename;  ///< The file's name.
-    std::int64_t byteSize = 0;  ///< The number of bytes.
-    std::string checksum;  ///< Base64 of the bytes' MD5 digest, for the storage to verify.
-    std::string contentType;  ///< The media type.
+    /// The file's name.
+    std::string filename;
+    /// The number of bytes.
+    std::int64_t byteSize = 0;
+    /// Base64 of the bytes' MD5 digest, for the storage to verify.
+    std::string checksum;
+    /// The media type.
+    std::string contentType;
     /// Kept beside the record for the upload step; never written to JSON.
     std::optional<std::vector<std::uint8_t>> data;
 };
@@ -314,23 +376,34 @@ struct DirectUpload {
 struct DirectUploadResponse {
     /// Where and how to upload the bytes.
     struct DirectUpload {
-        std::string url;  ///< Where to PUT the bytes.
-        std::map<std::string, std::string> headers;  ///< Headers to send exactly as given, and no others.
+        /// Where to PUT the bytes.
+        std::string url;
+        /// Headers to send exactly as given, and no others.
+        std::map<std::string, std::string> headers;
     };
 
-    std::int64_t identifier = 0;  ///< The backend's number for the file.
-    std::string key;  ///< The storage key.
-    std::string filename;  ///< The file's name as stored.
-    std::string signedID;  ///< Names the file in the feedback that attaches it.
-    DirectUpload directUpload;  ///< The upload target.
+    /// The backend's number for the file.
+    std::int64_t identifier = 0;
+    /// The storage key.
+    std::string key;
+    /// The file's name as stored.
+    std::string filename;
+    /// Names the file in the feedback that attaches it.
+    std::string signedID;
+    /// The upload target.
+    DirectUpload directUpload;
 };
 
 /// A feedback entry as submitted and as the backend returns it.
 struct Feedback {
-    std::string title;  ///< A short summary.
-    std::string message;  ///< The text, cut to 1000 characters.
-    std::string submittedBy;  ///< Who sent it (an e-mail address or a name).
-    std::optional<std::vector<std::string>> files;  ///< The signed identifiers of the uploaded attachments.
+    /// A short summary.
+    std::string title;
+    /// The text, cut to 1000 characters.
+    std::string message;
+    /// Who sent it (an e-mail address or a name).
+    std::string submittedBy;
+    /// The signed identifiers of the uploaded attachments.
+    std::optional<std::vector<std::string>> files;
 };
 
 // ---------------------------------------------------------------------------
