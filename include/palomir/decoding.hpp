@@ -17,8 +17,10 @@ namespace palomir {
 /// the offending member ("lockdown.notes[1].identifier"; "" for the document
 /// itself), the reason says what was wrong with it.
 struct PALOMIR_API DecodingError {
-    std::string keyPath;  ///< Dotted path to the member, with [index] for array elements.
-    std::string reason;   ///< What was wrong, for people rather than programs.
+    /// Dotted path to the member, with [index] for array elements.
+    std::string keyPath;
+    /// What was wrong, for people rather than programs.
+    std::string reason;
 
     /// keyPath + ": " + reason; the reason alone for the document itself.
     std::string message() const;
@@ -29,8 +31,10 @@ struct PALOMIR_API DecodingError {
 
 /// Why a value has no JSON form (only dynamic values can fail to encode).
 struct PALOMIR_API EncodingError {
-    std::string keyPath;  ///< Dotted path to the member, with [index] for array elements.
-    std::string reason;   ///< What was wrong, for people rather than programs.
+    /// Dotted path to the member, with [index] for array elements.
+    std::string keyPath;
+    /// What was wrong, for people rather than programs.
+    std::string reason;
 
     /// keyPath + ": " + reason; the reason alone for the document itself.
     std::string message() const;
@@ -51,8 +55,8 @@ Result<T, DecodingError> decode(const nlohmann::json& json);
 template <class T>
 Result<T, DecodingError> decodeJson(std::string_view text);
 
-/// Declares the decode and decodeJson specialisations that a record provides
-/// (used by the library's own headers).
+// Declares the decode and decodeJson specialisations that a record provides.
+/// Used by the library's own headers to declare what each record provides.
 #define PALOMIR_DECLARE_DECODING(T)                                                        \
     template <>                                                                            \
     PALOMIR_API Result<T, DecodingError> decode<T>(const nlohmann::json& json);            \
