@@ -13,13 +13,15 @@ namespace palomir {
 /// A successful outcome, converted to any Result whose T it builds.
 template <class T>
 struct Ok {
-    T value;  ///< The value, moved into the Result.
+    /// The value, moved into the Result.
+    T value;
 };
 
 /// A failed outcome, converted to any Result whose E it builds.
 template <class E>
 struct Err {
-    E error;  ///< The error, moved into the Result.
+    /// The error, moved into the Result.
+    E error;
 };
 
 /// Lets `Ok{value}` name no type.
