@@ -16,12 +16,11 @@ namespace palomir {
 /// A transport-level failure of one exchange.
 class PALOMIR_API RequestError {
 public:
-    /// What went wrong.
-    enum class Kind {
-        networkError,  ///< The transport failed (DNS, TLS, pinning, timeout, reset).
-        badStatus,     ///< The server answered with a status outside 200-299.
-        noResponse     ///< The exchange ended without an HTTP response.
-    };
+    /// What went wrong: `networkError`, the transport failed (DNS, TLS,
+    /// pinning, timeout, reset); `badStatus`, the server answered with a
+    /// status outside 200-299; `noResponse`, the exchange ended without an
+    /// HTTP response.
+    enum class Kind { networkError, badStatus, noResponse };
 
     /// @{
     /// One constructor per kind, taking what that kind carries.
@@ -53,18 +52,30 @@ private:
 /// Everything a backend operation can report.
 class PALOMIR_API APIError {
 public:
-    /// What went wrong; each kind's description is given after it.
+    /// What went wrong, and the description each kind gives:
+    /// - `requestFailed`: the exchange failed; "Request failed: " + the RequestError's.
+    /// - `decodingResponseFailure`: the answer was not the expected document;
+    ///   "Failed to decode response: " + body + "\nerror:" + reason.
+    /// - `encodingFailed`: the request body had no JSON form; "Encoding failed: " + reason.
+    /// - `errorResponse`: the backend answered with error messages; "Error response "
+    ///   + the messages joined with ", ".
+    /// - `apolloError`: a failure from another layer, described by its own text (possibly none).
+    /// - `notImplemented`: "Not implemented".
+    /// - `invalidURL`: the request URL could not be made from the base URL; "Invalid URL".
+    /// - `invalidAppToken`: the app token cannot go into a URL path; "Invalid app token".
+    /// - `invalidUserToken`: "Invalid app user token".
+    /// - `emptyResponse`: a success status with no body; "Empty response".
     enum class Kind {
-        requestFailed,            ///< The exchange failed: "Request failed: " + the RequestError's.
-        decodingResponseFailure,  ///< The answer was not the expected document: "Failed to decode response: " + body + "\nerror:" + reason.
-        encodingFailed,           ///< The request body had no JSON form: "Encoding failed: " + reason.
-        errorResponse,            ///< The backend answered with error messages: "Error response " + the messages joined with ", ".
-        apolloError,              ///< A failure from another layer, described by its own text (possibly none).
-        notImplemented,           ///< "Not implemented".
-        invalidURL,               ///< The request URL could not be made from the base URL: "Invalid URL".
-        invalidAppToken,          ///< The app token cannot go into a URL path: "Invalid app token".
-        invalidUserToken,         ///< "Invalid app user token".
-        emptyResponse,            ///< A success status with no body: "Empty response".
+        requestFailed,
+        decodingResponseFailure,
+        encodingFailed,
+        errorResponse,
+        apolloError,
+        notImplemented,
+        invalidURL,
+        invalidAppToken,
+        invalidUserToken,
+        emptyResponse,
     };
 
     /// @{
@@ -115,12 +126,11 @@ private:
 /// The client core's error.
 class PALOMIR_API PalomirError {
 public:
-    /// What went wrong.
-    enum class Kind {
-        requestFailed,         ///< The backend operation failed; apiError() says how.
-        missingCredentials,    ///< No app credentials were set before the operation.
-        failedToCreateAppInfo  ///< The host's bundle lacks its identifier or version.
-    };
+    /// What went wrong: `requestFailed`, the backend operation failed
+    /// (apiError() says how); `missingCredentials`, no app credentials were
+    /// set before the operation; `failedToCreateAppInfo`, the host's bundle
+    /// lacks its identifier or version.
+    enum class Kind { requestFailed, missingCredentials, failedToCreateAppInfo };
 
     /// @{
     /// One constructor per kind.
