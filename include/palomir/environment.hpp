@@ -22,9 +22,12 @@ PALOMIR_API void setCachesDirectory(std::filesystem::path directory);
 
 /// A locale as the library reports it to the backend.
 struct LocaleInfo {
-    std::string identifier; ///< "de_CH", "en", "C"
-    std::optional<std::string> languageCode; ///< "de"
-    std::optional<std::string> regionCode; ///< "CH"
+    /// The POSIX form, as in the environment.
+    std::string identifier;                 // "de_CH", "en", "C"
+    /// The ISO 639 language, when the identifier names one.
+    std::optional<std::string> languageCode;  // "de"
+    /// The ISO 3166 region, when the identifier names one.
+    std::optional<std::string> regionCode;    // "CH"
 };
 
 /// The user's languages in order of preference ("de-CH", "en"), from
@@ -39,9 +42,12 @@ PALOMIR_API void clearLocaleOverride();
 
 /// The machine and system, as named in the user agent.
 struct DeviceInfo {
-    std::string machine; ///< uname machine, "x86_64"
-    std::string osName; ///< uname sysname, "Linux"
-    std::string osRelease; ///< uname release, "6.1.0-18-amd64"
+    /// The hardware name.
+    std::string machine;    // uname machine, "x86_64"
+    /// The system's name.
+    std::string osName;     // uname sysname, "Linux"
+    /// The system's release.
+    std::string osRelease;  // uname release, "6.1.0-18-amd64"
 };
 /// Read once, then fixed for the process; the reference stays valid forever.
 PALOMIR_API const DeviceInfo& deviceInfo();
