@@ -13,7 +13,7 @@ case "$mode" in
       /^```/ { file = "" } file != "" { print > file }' "$source/README.md"
     cmake -S "$source/tests/consumer/installed" -B "$work/build" -G Ninja -DCMAKE_PREFIX_PATH="$work/prefix" \
       -DPALOMIR_EXAMPLE="$example" -DREADME_BLOCKS="$work/readme" >/dev/null
-    cmake --build "$work/build" -j2 >/dev/null
+    cmake --build "$work/build" -j2
     LD_LIBRARY_PATH="$work/prefix/lib:${LD_LIBRARY_PATH:-}" "$work/build/host"
     ;;
   subdirectory)
