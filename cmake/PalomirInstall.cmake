@@ -24,3 +24,8 @@ install(FILES "${PROJECT_BINARY_DIR}/palomirConfig.cmake" "${PROJECT_BINARY_DIR}
 
 configure_file("${CMAKE_CURRENT_LIST_DIR}/palomir.pc.in" "${PROJECT_BINARY_DIR}/palomir.pc" @ONLY)
 install(FILES "${PROJECT_BINARY_DIR}/palomir.pc" DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
+
+# Whoever redistributes the package needs its licence and the notices of
+# what it links.
+install(FILES "${PROJECT_SOURCE_DIR}/LICENSE" "${PROJECT_SOURCE_DIR}/THIRD-PARTY-NOTICES.md"
+  DESTINATION ${CMAKE_INSTALL_DATAROOTDIR}/doc/palomir)

@@ -1,5 +1,8 @@
 #pragma once
 
+/// @file
+/// Dynamic JSON values: free-form metadata and members of no fixed shape.
+
 // JSON values of no fixed shape (free-form metadata, schema-less members).
 // AnyCodable can be decoded and encoded, AnyDecodable only decoded and
 // AnyEncodable only encoded; all three carry the same AnyValue. Values are
@@ -23,7 +26,9 @@
 namespace palomir {
 
 class AnyValue;
+/// The elements of a list value, in order.
 using AnyList = std::vector<AnyValue>;
+/// The members of a map value, by key.
 using AnyMap = std::map<std::string, AnyValue>;
 
 /// The kinds a dynamic value can be, in the order of AnyValue::Storage.
@@ -40,12 +45,16 @@ enum class AnyKind {
 /// element, maps key by key.
 class PALOMIR_API AnyValue {
 public:
+    /// One alternative per AnyKind, in the same order.
     using Storage = std::variant<std::monostate, bool,
                                  std::int8_t, std::int16_t, std::int32_t, std::int64_t,
                                  std::uint8_t, std::uint16_t, std::uint32_t, std::uint64_t,
                                  float, double,
                                  std::string, Date, Url, AnyList, AnyMap>;
 
+    /// @{
+    /// A value of the kind the constructor names, holding `v`. Numbers keep
+    /// their width, so int32(1) and int64(1) are different values.
     static AnyValue null() { return AnyValue(Storage(std::monostate{})); }
     static AnyValue boolean(bool v) { return AnyValue(Storage(v)); }
     static AnyValue int8(std::int8_t v) { return AnyValue(Storage(v)); }
@@ -63,14 +72,19 @@ public:
     static AnyValue url(Url v) { return AnyValue(Storage(std::move(v))); }
     static AnyValue list(AnyList v) { return AnyValue(Storage(std::move(v))); }
     static AnyValue map(AnyMap v) { return AnyValue(Storage(std::move(v))); }
+    /// @}
 
+    /// Which alternative the value holds.
     AnyKind kind() const { return static_cast<AnyKind>(_storage.index()); }
+    /// Whether it is the JSON null.
     bool isNull() const { return kind() == AnyKind::null; }
+    /// The variant itself, for std::visit; borrowed from the value.
     const Storage& storage() const { return _storage; }
     /// The stored value when it is of type T (e.g. get<std::int64_t>()).
     template <class T>
     const T* get() const { return std::get_if<T>(&_storage); }
 
+    /// Same kind and equal contents.
     friend bool operator==(const AnyValue& a, const AnyValue& b) { return a._storage == b._storage; }
 
 private:
@@ -87,6 +101,8 @@ public:
     /// The dynamic value.
     AnyValue value;
 
+    /// @{
+    /// A wrapper holding the AnyValue of the same name.
     static Self null() { return Self(AnyValue::null()); }
     static Self boolean(bool v) { return Self(AnyValue::boolean(v)); }
     static Self int8(std::int8_t v) { return Self(AnyValue::int8(v)); }
@@ -102,40 +118,53 @@ public:
     static Self string(std::string v) { return Self(AnyValue::string(std::move(v))); }
     static Self date(Date v) { return Self(AnyValue::date(v)); }
     static Self url(Url v) { return Self(AnyValue::url(std::move(v))); }
+    /// A list of the items' values, in order.
     static Self list(std::vector<Self> items) {
         AnyList list;
         list.reserve(items.size());
         for (auto& item : items) list.push_back(std::move(item.value));
         return Self(AnyValue::list(std::move(list)));
     }
+    /// A map of the members' values.
     static Self map(std::map<std::string, Self> members) {
         AnyMap map;
         for (auto& [key, member] : members) map.emplace(key, std::move(member.value));
         return Self(AnyValue::map(std::move(map)));
     }
 
+    /// @}
+
+    /// The kind of the wrapped value.
     AnyKind kind() const { return value.kind(); }
 
+    /// The wrapped values are equal.
     friend bool operator==(const Self& a, const Self& b) { return a.value == b.value; }
 
 protected:
+    /// Wraps `v`; only the named constructors and the wrappers call it.
     explicit AnyWrapper(AnyValue v) : value(std::move(v)) {}
 };
 
 }  // namespace detail
 
+/// A dynamic value that is decoded and encoded (round-trips through JSON).
 class AnyCodable : public detail::AnyWrapper<AnyCodable> {
 public:
+    /// Wraps `v`.
     explicit AnyCodable(AnyValue v) : AnyWrapper(std::move(v)) {}
 };
 
+/// A dynamic value that is only encoded, such as the host's metadata.
 class AnyEncodable : public detail::AnyWrapper<AnyEncodable> {
 public:
+    /// Wraps `v`.
     explicit AnyEncodable(AnyValue v) : AnyWrapper(std::move(v)) {}
 };
 
+/// A dynamic value that is only decoded from a backend document.
 class AnyDecodable : public detail::AnyWrapper<AnyDecodable> {
 public:
+    /// Wraps `v`.
     explicit AnyDecodable(AnyValue v) : AnyWrapper(std::move(v)) {}
 };
 
@@ -149,8 +178,10 @@ PALOMIR_DECLARE_DECODING(AnyDecodable);
 /// Every width writes as a JSON number, dates in the plRFC3339 form, URLs as
 /// their absolute text. A non-finite float or double has no JSON form and
 /// fails with "AnyEncodable value cannot be encoded".
+/// @{
 PALOMIR_API Result<nlohmann::json, EncodingError> encode(const AnyValue& value);
 PALOMIR_API Result<nlohmann::json, EncodingError> encode(const AnyCodable& value);
 PALOMIR_API Result<nlohmann::json, EncodingError> encode(const AnyEncodable& value);
+/// @}
 
 }  // namespace palomir

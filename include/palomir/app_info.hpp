@@ -1,5 +1,9 @@
 #pragma once
 
+/// @file
+/// The description of the host application, the library and the device that
+/// travels with every check-in and feedback.
+
 #include <map>
 #include <optional>
 #include <string>
@@ -18,10 +22,13 @@ namespace palomir {
 
 /// Why an AppInfo could not be made from a bundle.
 enum class AppInfoError {
+    /// The bundle has no "CFBundleIdentifier" text.
     missingBundleIdentifier,
+    /// The bundle has no "CFBundleShortVersionString" or "CFBundleVersion" text.
     missingBundleVersion,
     /// Reserved: Palomir's own bundle is always found.
     missingFrameworkBundle,
+    /// The library's own bundle has no "CFBundleVersion" (a broken build).
     missingSDKBundleVersion,
 };
 
@@ -33,6 +40,7 @@ PALOMIR_API std::string_view toString(AppInfoError error);
 struct PALOMIR_API AppInfo {
     /// "CFBundleDisplayName" of the host app.
     std::optional<std::string> name;
+    /// "CFBundleIdentifier" of the host app.
     std::string bundleIdentifier;
     /// "CFBundleShortVersionString".
     std::string version;
@@ -40,6 +48,7 @@ struct PALOMIR_API AppInfo {
     std::string build;
     /// "CFBundleVersion" of Palomir's own bundle.
     std::string sdkVersion;
+    /// The user's languages, most preferred first, as BCP 47 tags.
     std::vector<std::string> preferredLanguages;
     /// Free-form values the host wants the backend to see.
     std::optional<std::map<std::string, AnyEncodable>> metadata;
@@ -59,8 +68,10 @@ struct PALOMIR_API AppInfo {
     /// They must be set before the first request (or userAgent() call): the
     /// user agent is computed once, and later changes do not reach it.
     static void setAdditionalUserAgentFields(std::vector<std::string> fields);
+    /// The fields set by setAdditionalUserAgentFields(); callable from any thread.
     static std::vector<std::string> additionalUserAgentFields();
 
+    /// Field by field.
     friend bool operator==(const AppInfo&, const AppInfo&) = default;
 };
 

@@ -1,5 +1,8 @@
 #pragma once
 
+/// @file
+/// Bundles: the host application's description and the library's resources.
+
 #include <cstdint>
 #include <filesystem>
 #include <optional>
@@ -23,7 +26,11 @@ namespace palomir {
 /// resources compiled into the library.
 class PALOMIR_API Bundle {
 public:
+    /// An empty bundle: no information, no resources.
     Bundle() = default;
+    /// A bundle described by `info` (a JSON object) whose resources are read
+    /// from `resourceDirectory` when given, then, with `withEmbedded`, from
+    /// the resources compiled into the library.
     Bundle(nlohmann::json info, std::optional<std::filesystem::path> resourceDirectory, bool withEmbedded = false);
 
     /// The host application's bundle.
@@ -39,6 +46,7 @@ public:
     /// An empty path restores the default (Palomir.bundle beside the library).
     static void setPalomirResourceDirectory(std::filesystem::path directory);
 
+    /// The information dictionary; borrowed from the bundle.
     const nlohmann::json& info() const { return _info; }
     /// "CFBundleIdentifier" of the info dictionary, when it is text.
     std::optional<std::string> identifier() const;
@@ -58,6 +66,7 @@ public:
     /// `defaultValue`.
     std::string localizedString(std::string_view key, std::string_view defaultValue = {}) const;
 
+    /// The directory resources are read from before the compiled-in ones, if any.
     const std::optional<std::filesystem::path>& resourceDirectory() const { return _resourceDirectory; }
 
 private:

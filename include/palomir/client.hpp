@@ -1,5 +1,8 @@
 #pragma once
 
+/// @file
+/// Palomir, the client a host talks to.
+
 #include <filesystem>
 #include <functional>
 #include <memory>
@@ -33,19 +36,24 @@ namespace palomir {
 /// (`lockdownIfNeeded`) runs on the main queue.
 class PALOMIR_API Palomir final : public AttachmentProvider {
 public:
+    /// Called exactly once, asynchronously, on the queue the caller passed.
     template <class T, class E = Error>
     using Completion = std::function<void(Result<T, E>)>;
+    /// The services and the answer's "Cache-Control" max-age.
     using ServicesResult = std::pair<std::vector<Service>, MaxAge>;
+    /// One service and the answer's max-age.
     using ServiceResult = std::pair<Service, MaxAge>;
 
     /// Notification names, posted on `notificationCenter()` with a `Service`
     /// or a `std::vector<Service>` as the object. `systemServicesUpdated` has
     /// the same text as `systemServiceUpdated`, so an observer of either
     /// receives both kinds of post.
+    /// @{
     static constexpr std::string_view serviceUpdated = "serviceUpdated";
     static constexpr std::string_view servicesUpdated = "servicesUpdated";
     static constexpr std::string_view systemServiceUpdated = "systemServiceUpdated";
     static constexpr std::string_view systemServicesUpdated = "systemServiceUpdated";
+    /// @}
 
     /// Where a service message banner is anchored in the host's screen (see
     /// palomir::qt::updateMessageView); `top` is 0 and `bottom` 1.
@@ -57,29 +65,48 @@ public:
     Palomir(const Palomir&) = delete;
     Palomir& operator=(const Palomir&) = delete;
 
+    /// Where service fetches are announced; lives as long as the client (for ever).
     NotificationCenter& notificationCenter() { return *_notificationCenter; }
 
+    /// The app credentials set last, if any.
     std::optional<AppCredentials> appCredentials() const;
     /// Rebuilds the API client; the user credentials of the previous client
     /// are kept. Nothing clears them but setting no app credentials.
     void setAppCredentials(std::optional<AppCredentials> credentials);
+    /// The user credentials of the current API client, or null.
     std::shared_ptr<UserCredentials> userCredentials() const;
     /// Rebuilds the API client. Without app credentials the value is
     /// discarded: user credentials live only inside an API client.
     void setUserCredentials(std::shared_ptr<UserCredentials> credentials);
+    /// @{
+    /// The app description sent with check-ins and feedback. Unset, it is made
+    /// from the main bundle on first need; set, it replaces that.
     std::optional<AppInfo> appInfo() const;
     void setAppInfo(std::optional<AppInfo> info);
+    /// @}
+    /// @{
+    /// The API client operations go through; null without app credentials.
+    /// Setting one replaces what the credentials and backend built.
     std::shared_ptr<APIClient> client() const;
     void setClient(std::shared_ptr<APIClient> client);
+    /// @}
 
+    /// @{
+    /// The configuration of the last successful check-in (a copy), which
+    /// checkin() answers from while it is fresh.
     std::optional<Configuration> configuration() const;
     void setConfiguration(std::optional<Configuration> configuration);
+    /// @}
+    /// The services of the last successful services() fetch (a copy).
     std::optional<std::vector<Service>> services() const;
+    /// The system services of the last successful fetch (a copy).
     std::optional<std::vector<Service>> systemServices() const;
+    /// The client's serial queue, on which feedback submissions run one at a time.
     std::shared_ptr<DispatchQueue> queue() const { return _queue; }
     /// Screens presented by `lockdownIfNeeded`, in order; never shrinks.
     std::vector<std::shared_ptr<ConfigurableViewController>> viewControllers() const;
 
+    /// The logger every component writes to.
     std::shared_ptr<Logger> logger() const;
     /// API clients built later use the new logger; earlier ones keep theirs.
     void setLogger(std::shared_ptr<Logger> logger);
@@ -87,6 +114,7 @@ public:
     /// Points the client at another backend (staging, the local sandbox) and
     /// rebuilds the API client. Not in effect for exchanges under way.
     void setBackend(BackendOptions options);
+    /// The backend set last, or the default one.
     BackendOptions backend() const;
 
     /// The held configuration while its next timed check-in lies in the
@@ -103,10 +131,17 @@ public:
                           std::function<void(DismissAction)> dismissCallback,
                           std::function<void(LockdownResult)> completion);
 
+    /// Fetches the user's services, stores them, posts servicesUpdated
+    /// with the list and serviceUpdated with each, then completes. Fails with
+    /// missing credentials before
+    /// any request when no app credentials are set.
     void services(std::shared_ptr<DispatchQueue> queue, Completion<ServicesResult> completion = {});
+    /// Fetches one service by identifier and posts serviceUpdated with it.
     void service(const std::string& identifier, std::shared_ptr<DispatchQueue> queue,
                  Completion<ServiceResult> completion = {});
+    /// As services(), for the system's services; posts systemServicesUpdated.
     void systemServices(std::shared_ptr<DispatchQueue> queue, Completion<ServicesResult> completion = {});
+    /// As service(), for one system service; posts systemServiceUpdated.
     void systemService(const std::string& identifier, std::shared_ptr<DispatchQueue> queue,
                        Completion<ServiceResult> completion = {});
 
@@ -124,8 +159,10 @@ public:
 
     /// One attachment per log file of the client's file logger.
     std::vector<Attachment> feedbackAttachments() override;
+    /// The log files on disk, oldest first; they may still grow.
     std::vector<std::filesystem::path> logFiles() const;
 
+    /// Internal state.
     struct Impl;
 
 private:

@@ -1,5 +1,8 @@
 #pragma once
 
+/// @file
+/// Who the app and its user are, as every backend request is signed and sent.
+
 #include <functional>
 #include <memory>
 #include <optional>
@@ -14,9 +17,12 @@ namespace palomir {
 /// The host app's token and secret: the token names the app in request paths
 /// and, with the secret, signs every request. The secret is never sent.
 struct AppCredentials {
+    /// Names the app; the consumer key of the signature.
     std::string token;
+    /// Signs requests; stays on the device.
     std::string secret;
 
+    /// Token and secret equal.
     friend bool operator==(const AppCredentials&, const AppCredentials&) = default;
 };
 
@@ -29,8 +35,10 @@ PALOMIR_API std::optional<std::string> normalizedUserAuthHeader(const std::optio
 /// Shared as std::shared_ptr<UserCredentials>; null means no user.
 class PALOMIR_API UserCredentials {
 public:
+    /// Receives the header value, or nothing for no user.
     using Completion = std::function<void(std::optional<std::string>)>;
 
+    /// Shared by the client and the requests waiting for an answer.
     virtual ~UserCredentials();
 
     /// Calls `completion` exactly once, on any thread, possibly later, with
@@ -38,19 +46,26 @@ public:
     virtual void authHeader(Completion completion) const = 0;
 
 protected:
+    /// For implementations.
     UserCredentials() = default;
+    /// Implementations may be copied.
     UserCredentials(const UserCredentials&) = default;
+    /// Implementations may be assigned.
     UserCredentials& operator=(const UserCredentials&) = default;
 };
 
 /// A fixed token, answered at once.
 class PALOMIR_API StaticUserCredentials final : public UserCredentials {
 public:
+    /// Answers with normalizedUserAuthHeader(token).
     explicit StaticUserCredentials(std::string token) : _token(std::move(token)) {}
 
+    /// The token as given; borrowed from this object.
     const std::string& token() const { return _token; }
+    /// Answers inside the call, on the calling thread.
     void authHeader(Completion completion) const override;
 
+    /// Same token.
     friend bool operator==(const StaticUserCredentials& a, const StaticUserCredentials& b) {
         return a._token == b._token;
     }
@@ -66,11 +81,16 @@ private:
 /// that asked.
 class PALOMIR_API ClosureUserCredentials final : public UserCredentials {
 public:
+    /// What the closure calls with the token, from any thread; only the first call counts.
     using Callback = std::function<void(std::optional<std::string>)>;
+    /// Asked once per request, from any thread; it should not block.
     using Closure = std::function<void(Callback)>;
 
+    /// Asks `closure` for every request; its token is normalised as with
+    /// normalizedUserAuthHeader().
     explicit ClosureUserCredentials(Closure closure) : _closure(std::move(closure)) {}
 
+    /// The closure as given; borrowed from this object.
     const Closure& closure() const { return _closure; }
     void authHeader(Completion completion) const override;
 

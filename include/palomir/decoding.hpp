@@ -1,5 +1,8 @@
 #pragma once
 
+/// @file
+/// Strict JSON decoding of the data model, and the errors of decoding and encoding.
+
 #include <string>
 #include <string_view>
 
@@ -14,23 +17,29 @@ namespace palomir {
 /// the offending member ("lockdown.notes[1].identifier"; "" for the document
 /// itself), the reason says what was wrong with it.
 struct PALOMIR_API DecodingError {
+    /// Dotted path to the member, with [index] for array elements.
     std::string keyPath;
+    /// What was wrong, for people rather than programs.
     std::string reason;
 
     /// keyPath + ": " + reason; the reason alone for the document itself.
     std::string message() const;
 
+    /// Same path and reason.
     friend bool operator==(const DecodingError&, const DecodingError&) = default;
 };
 
 /// Why a value has no JSON form (only dynamic values can fail to encode).
 struct PALOMIR_API EncodingError {
+    /// Dotted path to the member, with [index] for array elements.
     std::string keyPath;
+    /// What was wrong, for people rather than programs.
     std::string reason;
 
     /// keyPath + ": " + reason; the reason alone for the document itself.
     std::string message() const;
 
+    /// Same path and reason.
     friend bool operator==(const EncodingError&, const EncodingError&) = default;
 };
 
@@ -47,6 +56,7 @@ template <class T>
 Result<T, DecodingError> decodeJson(std::string_view text);
 
 // Declares the decode and decodeJson specialisations that a record provides.
+/// Used by the library's own headers to declare what each record provides.
 #define PALOMIR_DECLARE_DECODING(T)                                                        \
     template <>                                                                            \
     PALOMIR_API Result<T, DecodingError> decode<T>(const nlohmann::json& json);            \

@@ -1,5 +1,8 @@
 #pragma once
 
+/// @file
+/// Queues: where completions, notifications and screen work run.
+
 #include <chrono>
 #include <cstddef>
 #include <functional>
@@ -15,14 +18,17 @@ namespace palomir {
 /// when called from the queue itself.
 class PALOMIR_API DispatchQueue {
 public:
+    /// One item of work; it runs once.
     using Work = std::function<void()>;
 
+    /// Queues are shared; work already queued keeps its queue alive.
     virtual ~DispatchQueue();
 
     /// Enqueues work; returns at once.
     virtual void async(Work work) = 0;
     /// True while the calling thread is running work of this queue.
     virtual bool isCurrent() const = 0;
+    /// The name given at creation, for logs and debuggers; borrowed from the queue.
     virtual const std::string& label() const = 0;
 
     /// A serial queue with its own worker thread: work runs one item at a
@@ -37,12 +43,17 @@ public:
 /// waits in the queue for `drain`.
 class PALOMIR_API MainQueue final : public DispatchQueue {
 public:
+    /// Hands one item to the host's event loop; called from any thread.
     using Poster = std::function<void(Work)>;
 
+    /// The one main queue of the process; never destroyed.
     static std::shared_ptr<MainQueue> shared();
 
+    /// Queues work for the UI thread; returns at once, from any thread.
     void async(Work work) override;
+    /// True on the thread that drains the queue or runs the poster's items.
     bool isCurrent() const override;
+    /// The main queue's name, for logs.
     const std::string& label() const override;
 
     /// Hands every pending and future item to `poster`. An empty poster unbinds.
@@ -54,7 +65,9 @@ public:
     /// Returns whether `done` became true.
     bool runUntil(const std::function<bool()>& done, std::chrono::milliseconds timeout);
 
+    /// Internal: made by shared() only.
     struct State;
+    /// Internal: use shared().
     explicit MainQueue(std::shared_ptr<State> state);
 
 private:
@@ -68,12 +81,16 @@ PALOMIR_API std::shared_ptr<DispatchQueue> mainQueue();
 /// done; wait blocks until the count returns to zero.
 class PALOMIR_API DispatchGroup {
 public:
+    /// A group with a count of zero.
     DispatchGroup();
+    /// Keep the group alive while work it counts may still call leave().
     ~DispatchGroup();
     DispatchGroup(const DispatchGroup&) = delete;
     DispatchGroup& operator=(const DispatchGroup&) = delete;
 
+    /// Counts one more piece of outstanding work.
     void enter();
+    /// Marks one piece as done; each call must match an earlier enter().
     void leave();
     /// Blocks until every enter has been matched by a leave.
     void wait();

@@ -1,5 +1,9 @@
 #pragma once
 
+/// @file
+/// The errors completions carry. Every error is a value: copyable, comparable,
+/// safe to keep and to pass between threads.
+
 #include <optional>
 #include <string>
 #include <utility>
@@ -12,12 +16,20 @@ namespace palomir {
 /// A transport-level failure of one exchange.
 class PALOMIR_API RequestError {
 public:
+    /// What went wrong: `networkError`, the transport failed (DNS, TLS,
+    /// pinning, timeout, reset); `badStatus`, the server answered with a
+    /// status outside 200-299; `noResponse`, the exchange ended without an
+    /// HTTP response.
     enum class Kind { networkError, badStatus, noResponse };
 
+    /// @{
+    /// One constructor per kind, taking what that kind carries.
     static RequestError networkError(std::string errorText);
     static RequestError badStatus(int status);
     static RequestError noResponse();
+    /// @}
 
+    /// Which failure this is; the accessors below say which kind fills them.
     Kind kind() const { return _kind; }
     /// The transport's own rendering of the failure (networkError only).
     const std::string& networkErrorText() const { return _text; }
@@ -27,6 +39,7 @@ public:
     /// "Network error: …", "Bad status: 304", "No response".
     std::string localizedDescription() const;
 
+    /// Same kind and same details.
     friend bool operator==(const RequestError&, const RequestError&) = default;
 
 private:
@@ -39,6 +52,19 @@ private:
 /// Everything a backend operation can report.
 class PALOMIR_API APIError {
 public:
+    /// What went wrong, and the description each kind gives:
+    /// - `requestFailed`: the exchange failed; "Request failed: " + the RequestError's.
+    /// - `decodingResponseFailure`: the answer was not the expected document;
+    ///   "Failed to decode response: " + body + "\nerror:" + reason.
+    /// - `encodingFailed`: the request body had no JSON form; "Encoding failed: " + reason.
+    /// - `errorResponse`: the backend answered with error messages; "Error response "
+    ///   + the messages joined with ", ".
+    /// - `apolloError`: a failure from another layer, described by its own text (possibly none).
+    /// - `notImplemented`: "Not implemented".
+    /// - `invalidURL`: the request URL could not be made from the base URL; "Invalid URL".
+    /// - `invalidAppToken`: the app token cannot go into a URL path; "Invalid app token".
+    /// - `invalidUserToken`: "Invalid app user token".
+    /// - `emptyResponse`: a success status with no body; "Empty response".
     enum class Kind {
         requestFailed,
         decodingResponseFailure,
@@ -52,6 +78,8 @@ public:
         emptyResponse,
     };
 
+    /// @{
+    /// One constructor per kind, taking what that kind carries.
     static APIError requestFailed(RequestError error);
     /// `body` is the response body as text (empty when it is not UTF-8);
     /// `error` the decoder's rendering of what went wrong.
@@ -64,12 +92,17 @@ public:
     static APIError invalidAppToken();
     static APIError invalidUserToken();
     static APIError emptyResponse();
+    /// @}
 
+    /// Which failure this is; the accessors below say which kind fills them.
     Kind kind() const { return _kind; }
     /// The wrapped transport failure (requestFailed only).
     const std::optional<RequestError>& requestError() const { return _requestError; }
+    /// The response body as text (decodingResponseFailure only).
     const std::string& body() const { return _body; }
+    /// The reason (decodingResponseFailure, encodingFailed, apolloError).
     const std::string& underlyingError() const { return _error; }
+    /// The backend's messages (errorResponse only; nothing when it sent none).
     const std::optional<std::vector<std::string>>& messages() const { return _messages; }
 
     /// The description, when the error has one (an apolloError with an
@@ -78,6 +111,7 @@ public:
     /// The description, or "" when there is none.
     std::string localizedDescription() const;
 
+    /// Same kind and same details.
     friend bool operator==(const APIError&, const APIError&) = default;
 
 private:
@@ -92,19 +126,30 @@ private:
 /// The client core's error.
 class PALOMIR_API PalomirError {
 public:
+    /// What went wrong: `requestFailed`, the backend operation failed
+    /// (apiError() says how); `missingCredentials`, no app credentials were
+    /// set before the operation; `failedToCreateAppInfo`, the host's bundle
+    /// lacks its identifier or version.
     enum class Kind { requestFailed, missingCredentials, failedToCreateAppInfo };
 
+    /// @{
+    /// One constructor per kind.
     static PalomirError requestFailed(APIError error);
     static PalomirError missingCredentials();
     static PalomirError failedToCreateAppInfo();
+    /// @}
 
+    /// Which failure this is.
     Kind kind() const { return _kind; }
+    /// The backend's error (requestFailed only).
     const std::optional<APIError>& apiError() const { return _apiError; }
 
     /// "Request failed: …", "Missing app token and/or secret", "Failed to create app info".
     std::string errorDescription() const;
+    /// The same text as errorDescription().
     std::string localizedDescription() const { return errorDescription(); }
 
+    /// Same kind and same details.
     friend bool operator==(const PalomirError&, const PalomirError&) = default;
 
 private:
@@ -122,15 +167,21 @@ namespace palomir {
 /// for the two local conditions.
 class PALOMIR_API Error {
 public:
+    /// Wraps a backend error.
     explicit Error(APIError error) : _api(std::move(error)) {}
+    /// Wraps a local error.
     explicit Error(PalomirError error) : _palomir(std::move(error)) {}
 
+    /// The backend error, or null; borrowed from this Error.
     const APIError* apiError() const { return _api ? &*_api : nullptr; }
+    /// The local error, or null; borrowed from this Error. Exactly one of the two is set.
     const PalomirError* palomirError() const { return _palomir ? &*_palomir : nullptr; }
+    /// The wrapped error's description: the text to show or log.
     std::string localizedDescription() const {
         return _api ? _api->localizedDescription() : _palomir->localizedDescription();
     }
 
+    /// The same wrapped error.
     friend bool operator==(const Error&, const Error&) = default;
 
 private:

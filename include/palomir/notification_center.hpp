@@ -1,5 +1,8 @@
 #pragma once
 
+/// @file
+/// Name-based notifications: how the client announces fetched services.
+
 #include <any>
 #include <cstdint>
 #include <functional>
@@ -14,8 +17,12 @@
 
 namespace palomir {
 
+/// One post, as an observer receives it.
 struct Notification {
+    /// The name it was posted under.
     std::string name;
+    /// What the poster attached; for the client's notifications a Service or a
+    /// std::vector<Service>. Empty when nothing was attached.
     std::any object;
 };
 
@@ -24,13 +31,17 @@ struct Notification {
 /// Thread-safe. Observers without a queue run on the posting thread.
 class PALOMIR_API NotificationCenter {
 public:
+    /// Called once per matching post, with a notification that is valid for the call only.
     using Observer = std::function<void(const Notification&)>;
 
     /// Identifies one registration, for removal.
     class Token {
     public:
+        /// A token that identifies no registration.
         Token() = default;
+        /// Whether it came from addObserver().
         bool valid() const { return _id != 0; }
+        /// Equal when they identify the same registration.
         friend bool operator==(const Token&, const Token&) = default;
 
     private:
@@ -39,7 +50,9 @@ public:
         std::uint64_t _id = 0;
     };
 
+    /// An empty center; the client owns one, Palomir::notificationCenter().
     NotificationCenter();
+    /// Releases the observers; a post already queued may still reach its observer.
     ~NotificationCenter();
     NotificationCenter(const NotificationCenter&) = delete;
     NotificationCenter& operator=(const NotificationCenter&) = delete;
@@ -49,6 +62,9 @@ public:
     /// After this returns, the observer is not called for later posts. Safe
     /// to call from inside an observer.
     void removeObserver(const Token& token);
+    /// Calls every observer of `name`: those without a queue at once on this
+    /// thread, the others asynchronously on their queue. Observers added while
+    /// the post is under way are not called by it.
     void post(std::string_view name, std::any object = {});
 
 private:

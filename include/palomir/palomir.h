@@ -44,6 +44,8 @@
  */
 #ifndef PALOMIR_PALOMIR_H
 #define PALOMIR_PALOMIR_H
+/// @file
+/// The C interface of libpalomir; the rules above hold for every function.
 
 #include <stdbool.h>
 #include <stddef.h>
@@ -137,11 +139,13 @@ typedef enum PLServiceState {
     PL_SERVICE_STATE_UNKNOWN = 4
 } PLServiceState;
 
+/** @{ */
 /** Integer to enumeration for bindings that carry plain integers. Return
     false, leaving `*out` untouched, when `value` names no case (or `out` is
     NULL). */
 PL_API bool pl_dismiss_action_from_int(int value, PLDismissAction* out) PL_NOEXCEPT;
 PL_API bool pl_lockdown_result_from_int(int value, PLLockdownResult* out) PL_NOEXCEPT;
+/** @} */
 
 /* ========================================================================= */
 /* Queues                                                                    */
@@ -193,12 +197,14 @@ PL_API void pl_main_work_discard(PLMainWork* work) PL_NOEXCEPT;
     counted, so it may be read from any thread. */
 typedef struct PLConfiguration PLConfiguration;
 
+/** @{ */
 /** Decodes a configuration from the backend's JSON form. Owned by the caller
     (pl_configuration_release). Fails with PL_ERROR_INVALID_JSON when the text
     is not JSON or not a valid configuration; the description names the
     offending member. */
 PL_API PLConfiguration* pl_configuration_from_json(const char* json, PLError** error) PL_NOEXCEPT;
 PL_API PLConfiguration* pl_configuration_from_json_n(const char* json, size_t length, PLError** error) PL_NOEXCEPT;
+/** @} */
 /** Another reference to the same configuration; the caller releases it.
     Returns `configuration` (NULL for NULL). */
 PL_API PLConfiguration* pl_configuration_retain(const PLConfiguration* configuration) PL_NOEXCEPT;
@@ -209,6 +215,7 @@ PL_API void pl_configuration_release(PLConfiguration* configuration) PL_NOEXCEPT
     objects), owned by the caller: free with pl_string_free. NULL for NULL. */
 PL_API char* pl_configuration_copy_json(const PLConfiguration* configuration) PL_NOEXCEPT;
 
+/** The configuration's version text; borrowed from the handle. NULL for NULL. */
 PL_API const char* pl_configuration_version(const PLConfiguration* configuration) PL_NOEXCEPT;
 
 /** Whether the configuration names a next check-in. When it does and
@@ -216,11 +223,15 @@ PL_API const char* pl_configuration_version(const PLConfiguration* configuration
     `*unix_ms` (if not NULL) receives it in milliseconds since 1970 UTC
     (0 without an instant). */
 PL_API bool pl_configuration_next_checkin(const PLConfiguration* configuration, bool* has_date, int64_t* unix_ms) PL_NOEXCEPT;
-/** The events on which the backend wants a check-in. */
+/** The events on which the backend wants a check-in: their count, and the
+    one at `index` into `*out` (false when out of range). */
+/** @{ */
 PL_API size_t pl_configuration_next_checkin_event_count(const PLConfiguration* configuration) PL_NOEXCEPT;
 PL_API bool pl_configuration_next_checkin_event_at(const PLConfiguration* configuration, size_t index,
                                                    PLCheckinEvent* out) PL_NOEXCEPT;
+/** @} */
 
+/** @{ */
 /** Notes. Title and content are always present; subtitle and image URL may
     be NULL. */
 PL_API size_t pl_configuration_note_count(const PLConfiguration* configuration) PL_NOEXCEPT;
@@ -228,6 +239,7 @@ PL_API const char* pl_configuration_note_title(const PLConfiguration* configurat
 PL_API const char* pl_configuration_note_subtitle(const PLConfiguration* configuration, size_t index) PL_NOEXCEPT;
 PL_API const char* pl_configuration_note_content(const PLConfiguration* configuration, size_t index) PL_NOEXCEPT;
 PL_API const char* pl_configuration_note_image(const PLConfiguration* configuration, size_t index) PL_NOEXCEPT;
+/** @} */
 
 /**
  * The lockdown reading of this configuration, fixed when the handle is made:
@@ -244,6 +256,7 @@ PL_API const char* pl_configuration_note_image(const PLConfiguration* configurat
 PL_API PLLockdownResult pl_configuration_lockdown(const PLConfiguration* configuration) PL_NOEXCEPT;
 /** Whether the lockdown is active (whatever its type). */
 PL_API bool pl_configuration_lockdown_active(const PLConfiguration* configuration) PL_NOEXCEPT;
+/** @{ */
 /** The lockdown's texts; latest version is always present, the others may be NULL. */
 PL_API const char* pl_configuration_lockdown_latest_version(const PLConfiguration* configuration) PL_NOEXCEPT;
 PL_API const char* pl_configuration_lockdown_title(const PLConfiguration* configuration) PL_NOEXCEPT;
@@ -251,12 +264,17 @@ PL_API const char* pl_configuration_lockdown_subtitle(const PLConfiguration* con
 PL_API const char* pl_configuration_lockdown_action_url(const PLConfiguration* configuration) PL_NOEXCEPT;
 PL_API const char* pl_configuration_lockdown_action_title(const PLConfiguration* configuration) PL_NOEXCEPT;
 PL_API const char* pl_configuration_lockdown_dismiss_title(const PLConfiguration* configuration) PL_NOEXCEPT;
+/** @} */
 
-/** The services listed in the configuration (0 when it lists none). */
+/** @{ */
+/** The services listed in the configuration (0 when it lists none), and the
+    name, identifier and state of the one at `index` (NULL or false when out
+    of range). Texts are borrowed from the handle. */
 PL_API size_t pl_configuration_service_count(const PLConfiguration* configuration) PL_NOEXCEPT;
 PL_API const char* pl_configuration_service_name(const PLConfiguration* configuration, size_t index) PL_NOEXCEPT;
 PL_API const char* pl_configuration_service_identifier(const PLConfiguration* configuration, size_t index) PL_NOEXCEPT;
 PL_API bool pl_configuration_service_state(const PLConfiguration* configuration, size_t index, PLServiceState* out) PL_NOEXCEPT;
+/** @} */
 /** The identifier of the service whose message the banner shows (the first
     message-triggering service in the worst state), or NULL when none. */
 PL_API const char* pl_configuration_worst_service_identifier(const PLConfiguration* configuration) PL_NOEXCEPT;
@@ -277,10 +295,14 @@ PL_API PLAttachment* pl_attachment_create(const char* filename, const char* cont
     last path component, its content type derived from the extension. Fails
     with PL_ERROR_FILE when the file cannot be read. Owned by the caller. */
 PL_API PLAttachment* pl_attachment_create_from_file(const char* path, PLError** error) PL_NOEXCEPT;
+/** Gives the attachment back. NULL is ignored. */
 PL_API void pl_attachment_release(PLAttachment* attachment) PL_NOEXCEPT;
 
+/** The file name and the content type, borrowed from the handle. */
+/** @{ */
 PL_API const char* pl_attachment_filename(const PLAttachment* attachment) PL_NOEXCEPT;
 PL_API const char* pl_attachment_content_type(const PLAttachment* attachment) PL_NOEXCEPT;
+/** @} */
 /** The bytes, borrowed (NULL when there are none); `*length` (if not NULL)
     receives their count. */
 PL_API const void* pl_attachment_bytes(const PLAttachment* attachment, size_t* length) PL_NOEXCEPT;
@@ -340,6 +362,7 @@ PL_API void pl_user_token_reply(PLUserTokenReply* reply, const char* token) PL_N
  */
 PL_API void pl_set_user_credentials(PLUserTokenProvider provider, void* context, void (*release_context)(void* context)) PL_NOEXCEPT;
 
+/** @{ */
 /** Sets the free-form metadata sent with the app's description, from a JSON
     object (text keys, any JSON values); "null" removes it. Fails with
     PL_ERROR_INVALID_JSON for a text that is not JSON or not an object or
@@ -347,6 +370,7 @@ PL_API void pl_set_user_credentials(PLUserTokenProvider provider, void* context,
     description to attach it to. */
 PL_API bool pl_set_app_info_metadata_json(const char* json, PLError** error) PL_NOEXCEPT;
 PL_API bool pl_set_app_info_metadata_json_n(const char* json, size_t length, PLError** error) PL_NOEXCEPT;
+/** @} */
 
 /* ========================================================================= */
 /* Operations                                                                */

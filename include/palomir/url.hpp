@@ -1,5 +1,8 @@
 #pragma once
 
+/// @file
+/// URLs as the data model and the requests carry them.
+
 #include <optional>
 #include <string>
 #include <string_view>
@@ -16,9 +19,13 @@ namespace palomir {
 /// RFC 3986 never allows unescaped ("<>\"{}|\\^`) are refused, not escaped.
 class PALOMIR_API Url {
 public:
+    /// One name=value pair of a query.
     struct QueryItem {
+        /// Percent-decoded.
         std::string name;
+        /// Percent-decoded; nothing for a bare "name" without "=".
         std::optional<std::string> value;
+        /// Names and values equal.
         friend bool operator==(const QueryItem&, const QueryItem&) = default;
     };
 
@@ -28,9 +35,14 @@ public:
     /// The text as given (and validated).
     const std::string& absoluteString() const { return _text; }
 
+    /// The scheme ("https"); references returned by these accessors
+    /// are borrowed from the Url.
     const std::string& scheme() const { return _scheme; }
+    /// The user name of the authority, when given.
     const std::optional<std::string>& user() const { return _user; }
+    /// The password of the authority, when given.
     const std::optional<std::string>& password() const { return _password; }
+    /// The host as written; an IPv6 literal keeps its brackets.
     const std::string& host() const { return _host; }
     /// The port written in the URL, if any (no scheme default is filled in).
     std::optional<int> port() const { return _port; }
@@ -38,6 +50,7 @@ public:
     const std::string& path() const { return _path; }
     /// The path as written (still percent-encoded).
     const std::string& rawPath() const { return _rawPath; }
+    /// The text after "?" as written, when there is a "?".
     const std::optional<std::string>& query() const { return _query; }
     /// Query items in order, names and values percent-decoded ("+" kept).
     std::vector<QueryItem> queryItems() const;
@@ -47,6 +60,7 @@ public:
     /// Extension of the last path component without the dot ("" when none).
     std::string pathExtension() const;
 
+    /// Equal texts: no normalisation, so "HTTPS://a" and "https://a" differ.
     friend bool operator==(const Url& a, const Url& b) { return a._text == b._text; }
 
 private:

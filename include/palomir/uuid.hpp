@@ -1,5 +1,8 @@
 #pragma once
 
+/// @file
+/// Identifiers for notes, feedback and uploads.
+
 #include <array>
 #include <cstdint>
 #include <optional>
@@ -19,11 +22,15 @@ public:
     /// either case elsewhere. Anything else gives nothing.
     static std::optional<Uuid> parse(std::string_view text);
 
+    /// Takes the 16 bytes as they are, without checking version or variant bits.
     explicit Uuid(const std::array<std::uint8_t, 16>& bytes) : _bytes(bytes) {}
 
+    /// The canonical upper-case form, "E621E1F8-C36C-495A-93FC-0C247A3E6E5F".
     std::string text() const;
+    /// The 16 bytes in network order; borrowed from this object.
     const std::array<std::uint8_t, 16>& bytes() const { return _bytes; }
 
+    /// Byte for byte.
     friend bool operator==(const Uuid&, const Uuid&) = default;
 
 private:

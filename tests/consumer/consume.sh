@@ -8,9 +8,12 @@ rm -rf "$work" && mkdir -p "$work"
 case "$mode" in
   installed)
     cmake --install "$build" --prefix "$work/prefix" >/dev/null
-    cmake -S "$source/tests/consumer/installed" -B "$work/build" -G Ninja \
-      -DCMAKE_PREFIX_PATH="$work/prefix" -DPALOMIR_EXAMPLE="$example" >/dev/null
-    cmake --build "$work/build" >/dev/null
+    mkdir "$work/readme"  # each ```c and ```cpp block of README.md becomes a source file
+    awk -v dir="$work/readme" '/^```(c|cpp)$/ { n++; file = sprintf("%s/%02d.%s", dir, n, substr($0, 4)); next }
+      /^```/ { file = "" } file != "" { print > file }' "$source/README.md"
+    cmake -S "$source/tests/consumer/installed" -B "$work/build" -G Ninja -DCMAKE_PREFIX_PATH="$work/prefix" \
+      -DPALOMIR_EXAMPLE="$example" -DREADME_BLOCKS="$work/readme" >/dev/null
+    cmake --build "$work/build" -j2
     LD_LIBRARY_PATH="$work/prefix/lib:${LD_LIBRARY_PATH:-}" "$work/build/host"
     ;;
   subdirectory)

@@ -1,5 +1,7 @@
 #pragma once
 
+/// @file
+
 #include <QtQml/QQmlEngine>
 
 #include "palomir/qt/export.hpp"

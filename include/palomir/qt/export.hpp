@@ -1,5 +1,7 @@
 #pragma once
 
+/// @file
+
 // PALOMIR_QT_API marks what libpalomir-qt exports.
 #if defined(PALOMIR_QT_STATIC)
 #define PALOMIR_QT_API

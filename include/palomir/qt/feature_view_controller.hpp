@@ -1,5 +1,7 @@
 #pragma once
 
+/// @file
+
 #include <QtCore/QMetaObject>
 #include <QtCore/QObject>
 #include <QtCore/QPointer>
@@ -35,11 +37,16 @@ public:
     void setConfig(std::optional<Configuration> config) override;
     void dismiss(bool animated, std::function<void()> completion) override;
 
+    /// @{
+    /// The screen's items, for hosts that restyle them or look inside;
+    /// owned by the screen's item tree and valid while the screen exists.
     QQuickItem* stackView() const { return _stackView; }
     QQuickItem* closeButton() const { return _closeButton; }
     const std::vector<std::shared_ptr<NoteView>>& noteViews() const { return _noteViews; }
+    /// @}
 
 public Q_SLOTS:
+    /// What the close button does: dismisses the screen, animated.
     void didPressCloseButton();
 
 private:

@@ -1,5 +1,7 @@
 #pragma once
 
+/// @file
+
 #include <QtCore/QObject>
 #include <QtCore/QPointer>
 #include <QtQuick/QQuickItem>
@@ -37,6 +39,9 @@ public:
     void dismiss(bool animated, std::function<void()> completion) override;
     void setDismissCallback(std::function<void(DismissAction)> callback) override;
 
+    /// @{
+    /// The screen's items, for hosts that restyle them or look inside;
+    /// owned by the screen's item tree and valid while the screen exists.
     QQuickItem* backgroundView() const { return _backgroundView; }
     QQuickItem* headerView() const { return _headerView; }
     QQuickItem* contentView() const { return _contentView; }
@@ -46,11 +51,15 @@ public:
     QQuickItem* titleImageView() const { return _titleImageView; }
     QQuickItem* actionButton() const { return _actionButton; }
     QQuickItem* closeButton() const { return _closeButton; }
+    /// @}
     /// The gradient drawn behind everything, when the theme has one.
     QQuickItem* backgroundGradientLayer() const { return _backgroundGradientLayer; }
+    /// @{
+    /// The scrolling area, the stack of notes in it and their views.
     QQuickItem* scrollView() const { return _scrollView; }
     QQuickItem* stackView() const { return _stackView; }
     const std::vector<std::shared_ptr<NoteView>>& noteViews() const { return _noteViews; }
+    /// @}
 
 public Q_SLOTS:
     /// Dismisses the screen (animated), then reports `close`.

@@ -1,5 +1,7 @@
 #pragma once
 
+/// @file
+
 #include <QtCore/QMarginsF>
 #include <QtCore/QObject>
 #include <QtCore/QPointer>
@@ -28,18 +30,26 @@ public:
     /// Duration of the expand and collapse animation, in milliseconds.
     static constexpr int toggleDuration = 100;
 
+    /// A banner owned by `parent` (as a QObject child). Use on the GUI thread
+    /// only.
     explicit MessageViewController(QObject* parent = nullptr);
     ~MessageViewController() override;
 
+    /// The banner's root item; owned by the controller.
     QQuickItem* view() const { return _root; }
 
+    /// The message shown, if any.
     const std::optional<ServiceMessage>& message() const { return _message; }
     /// Renders the message; the card's colour is chosen now, for the
     /// appearance in effect now.
     void setMessage(ServiceMessage message);
 
+    /// @{
+    /// Whether the banner sits at the top or the bottom of its view; setting
+    /// it re-anchors the banner.
     Palomir::MessageViewLocation location() const { return _location; }
     void setLocation(Palomir::MessageViewLocation location);
+    /// @}
 
     /// The appearance to colour for; `unspecified` (the default) follows the
     /// application's palette.
@@ -47,6 +57,9 @@ public:
     /// The appearance in effect: never `unspecified`.
     UserInterfaceStyle userInterfaceStyle() const;
 
+    /// @{
+    /// The banner's items, for hosts that restyle them or look inside;
+    /// owned by the banner's item tree and valid while the banner exists.
     QQuickItem* roundedCornersView() const { return _roundedCornersView; }
     QQuickItem* expandingStackView() const { return _expandingStackView; }
     QQuickItem* titleLabel() const { return _titleLabel; }
@@ -54,6 +67,7 @@ public:
     QQuickItem* descriptionLabel() const { return _descriptionLabel; }
     QQuickItem* moreInfoButton() const { return _moreInfoButton; }
     QQuickItem* descriptionContainer() const { return _descriptionContainer; }
+    /// @}
     /// Whether the chevron currently points up.
     bool chevronFlipped() const { return _chevronFlipped; }
 

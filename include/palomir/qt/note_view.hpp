@@ -1,5 +1,7 @@
 #pragma once
 
+/// @file
+
 #include <QtCore/QObject>
 #include <QtCore/QPointer>
 #include <QtQuick/QQuickItem>
@@ -33,8 +35,10 @@ public:
     explicit NoteView(QQuickItem* root);
     ~NoteView() override;
 
+    /// The note's root item; owned by this view.
     QQuickItem* view() const { return _root; }
 
+    /// The note last applied.
     std::optional<Note> note;
 
     /// Fills the labels from the note (hiding those whose text is empty) and
@@ -42,6 +46,9 @@ public:
     /// there. Load failures are printed, never reported.
     void apply(const Note& note);
 
+    /// @{
+    /// The note view's items, for hosts that restyle them or look inside;
+    /// owned by the note view's item tree and valid while the note view exists.
     QQuickItem* titleLabel() const { return _titleLabel; }
     QQuickItem* titleContainer() const { return _titleContainer; }
     QQuickItem* subtitleLabel() const { return _subtitleLabel; }
@@ -50,6 +57,7 @@ public:
     QQuickItem* contentContainer() const { return _contentContainer; }
     QQuickItem* imageView() const { return _imageView; }
     QQuickItem* backgroundView() const { return _backgroundView; }
+    /// @}
 
 private:
     friend std::shared_ptr<NoteView> createNoteView(NoteStyle style);

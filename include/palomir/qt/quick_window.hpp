@@ -1,5 +1,7 @@
 #pragma once
 
+/// @file
+
 #include <QtCore/QMarginsF>
 #include <QtCore/QPointer>
 #include <QtQuick/QQuickItem>
@@ -44,6 +46,8 @@ public:
     /// Length of the present and dismiss animations, in milliseconds.
     static constexpr int animationDuration = 250;
 
+    /// Presents screens over `host` (normally the window's content item), which
+    /// it does not own; it stops presenting once the host is destroyed.
     explicit RootViewController(QQuickItem* host);
     ~RootViewController() override;
 
@@ -63,8 +67,10 @@ public:
     /// rounded corners, home indicator); handed to every presented screen's
     /// root item as safeAreaTop/Left/Bottom/Right.
     void setSafeAreaMargins(QMarginsF margins);
+    /// The insets set last.
     QMarginsF safeAreaMargins() const { return _safeArea; }
 
+    /// The item screens are shown over; null once it is gone.
     QQuickItem* host() const { return _host; }
     /// The screens shown now, in order of presentation.
     std::vector<std::shared_ptr<Presentable>> presented() const;
@@ -80,6 +86,7 @@ private:
 /// The host's QQuickWindow as the lockdown flow sees it.
 class PALOMIR_QT_API QuickWindow final : public Window {
 public:
+    /// Wraps the host's window without owning it; use on the GUI thread.
     explicit QuickWindow(QQuickWindow* window);
 
     /// Nothing once the window is gone.
@@ -89,6 +96,7 @@ public:
 
     /// The same controller as rootViewController(), typed.
     std::shared_ptr<RootViewController> root();
+    /// The wrapped window; null once it is gone.
     QQuickWindow* window() const { return _window; }
 
 private:

@@ -1,5 +1,7 @@
 #pragma once
 
+/// @file
+
 #include <QtCore/QFlags>
 #include <QtCore/QMarginsF>
 #include <QtCore/QObject>
@@ -28,14 +30,19 @@ PALOMIR_QT_API void pinEdges(QQuickItem* item, Edges edges, QQuickItem* other, Q
 /// 5.0 until set otherwise and is applied to the button's background at once.
 class PALOMIR_QT_API RoundButton : public QObject {
     Q_OBJECT
+    /// The corner radius, in pixels.
     Q_PROPERTY(qreal cornerRadius READ cornerRadius WRITE setCornerRadius)
 public:
     /// Adopts `button` (a QtQuick.Controls button, or any item with a
     /// `background` item or a `radius` of its own). Owned by the button.
     explicit RoundButton(QQuickItem* button);
 
+    /// @{
+    /// The corner radius, in pixels; setting it applies it at once.
     qreal cornerRadius() const { return _cornerRadius; }
     void setCornerRadius(qreal radius);
+    /// @}
+    /// The adopted button.
     QQuickItem* button() const { return _button; }
 
 private:
