@@ -85,7 +85,7 @@ private:
 };
 
 /// Appends formatted lines to a file of its own under
-/// <caches>/<label>/Logs/palomir-<prefix>-<yyyy-MM-dd-HH-mm-ss>.log.
+/// `<caches>/<label>/Logs/palomir-<prefix>-<yyyy-MM-dd-HH-mm-ss>.log`.
 /// `log` returns at once: lines wait in memory for one process-wide writer
 /// thread. Beyond 4 MiB of waiting text lines are dropped, and the file then
 /// gets "dropped N log lines" (level error) where they would have been.
