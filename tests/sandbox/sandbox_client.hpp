@@ -10,6 +10,7 @@
 #include <string>
 
 #include "api/oauth.hpp"
+#include "platform/crypto.hpp"
 #include "sandbox.hpp"
 
 namespace palomir::sandbox::testing {
@@ -23,6 +24,8 @@ struct Signing {
     std::optional<std::string> signedURL = std::nullopt;
     /// Send this Authorization value as it stands.
     std::optional<std::string> authorization = std::nullopt;
+    /// A fresh one when absent.
+    std::optional<std::string> nonce = std::nullopt;
     bool sign = true;
 };
 
@@ -42,9 +45,9 @@ struct Reply {
 class SandboxClient {
 public:
     explicit SandboxClient(const Sandbox& sandbox, std::string host = "localhost")
-        : SandboxClient(sandbox.port(), sandbox.caFile(), std::move(host)) {}
-    SandboxClient(int port, std::filesystem::path caFile, std::string host = "localhost")
-        : _port(port), _caFile(std::move(caFile)), _host(std::move(host)) {}
+        : SandboxClient(sandbox.port(), sandbox.caFile(), sandbox.adminToken(), std::move(host)) {}
+    SandboxClient(int port, std::filesystem::path caFile, std::string adminToken, std::string host = "localhost")
+        : _port(port), _caFile(std::move(caFile)), _host(std::move(host)), _adminToken(std::move(adminToken)) {}
 
     std::chrono::milliseconds readTimeout{10000};
 
@@ -59,7 +62,9 @@ public:
         client.set_read_timeout(readTimeout);
 
         std::string url = "https://" + _host + ":" + std::to_string(_port) + target;
-        if (signing.authorization)
+        if (target.starts_with("/_sandbox/"))
+            headers.emplace("X-Sandbox-Token", _adminToken);
+        else if (signing.authorization)
             headers.emplace("Authorization", *signing.authorization);
         else if (signing.sign)
             headers.emplace("Authorization", authorization(signing.signedURL.value_or(url), method, signing));
@@ -95,13 +100,19 @@ private:
     static std::string authorization(const std::string& url, const std::string& method, const Signing& signing) {
         auto now = std::chrono::duration_cast<std::chrono::seconds>(std::chrono::system_clock::now().time_since_epoch());
         return OAuth::calculateSignature(*Url::parse(url), method, {}, OAuthCredentials{signing.token, signing.secret},
-                                         std::nullopt, "2F1E5C4B-8D7A-4A3B-9C2D-1E0F9A8B7C6D",
+                                         std::nullopt, signing.nonce.value_or(freshNonce()),
                                          now.count() + signing.clockOffset);
+    }
+    static std::string freshNonce() {
+        std::vector<std::uint8_t> bytes(16);
+        crypto::randomBytes(bytes);
+        return crypto::base64Encode(bytes);
     }
 
     int _port;
     std::filesystem::path _caFile;
     std::string _host;
+    std::string _adminToken;
 };
 
 }  // namespace palomir::sandbox::testing

