@@ -1,17 +1,13 @@
 #!/usr/bin/env python3
-"""Drives the sandbox's dashboard in headless Chromium while the library talks to the sandbox.
-
-usage: dashboard_test.py SANDBOX LIBRARY_CLIENT SCENARIO [PREVIEW]
-With PALOMIR_DASHBOARD_SCREENSHOT set, saves a picture of the page there at the end.
-"""
-import json, os, shutil, ssl, subprocess, sys, tempfile, time, urllib.error, urllib.request
+"""usage: dashboard_test.py SANDBOX LIBRARY_CLIENT SCENARIO: the dashboard in headless Chromium."""
+import itertools, json, os, pathlib, shutil, socket, ssl, subprocess, sys, tempfile, time, urllib.error, urllib.request
 
 SKIPPED = 77  # ctest's SKIP_RETURN_CODE
 TOKEN = "browser-test-token"
 TITLE = "<img src=x onerror=alert(1)>"
 
 
-def main(sandbox, client, scenario, preview=None):
+def main(sandbox, client, scenario):
     chromium, driver_path = shutil.which("chromium"), shutil.which("chromedriver")
     try:
         from selenium import webdriver
@@ -19,13 +15,14 @@ def main(sandbox, client, scenario, preview=None):
         from selenium.webdriver.common.by import By
         from selenium.webdriver.support.ui import Select, WebDriverWait
     except ImportError:
-        chromium = None
+        driver_path = None
     if not chromium or not driver_path:
         print("SKIPPED: needs chromium, chromium-driver and python3-selenium (scripts/setup installs them)")
         return SKIPPED
     with tempfile.TemporaryDirectory(prefix="palomir-dashboard-") as directory:
-        command = [sandbox, "--quiet", "--data-dir", directory + "/data", "--scenario", scenario, "--admin-token", TOKEN]
-        server = subprocess.Popen(command + (["--preview", preview] if preview else []), stdout=subprocess.PIPE, text=True)
+        command = [sandbox, "--quiet", "--data-dir", directory + "/data", "--scenario", scenario, "--admin-token", TOKEN,
+                   "--fault", "services=status:502*1"]
+        server = subprocess.Popen(command, stdout=subprocess.PIPE, text=True)
         options = webdriver.ChromeOptions()
         options.binary_location = chromium
         for flag in ["--headless", "--no-sandbox", "--disable-gpu", "--disable-quic", "--no-first-run",
@@ -35,7 +32,9 @@ def main(sandbox, client, scenario, preview=None):
         options.accept_insecure_certs = True  # the sandbox's CA is trusted by the library only
         browser = None
         try:
-            port = next(int(line.split()[1]) for line in server.stdout if line.strip().startswith("port:"))
+            banner = [line.strip() for line in itertools.takewhile(lambda l: not l.startswith("A new CA"), server.stdout)]
+            assert "app secret:  sandbox-secret" in banner
+            port = next(int(line.split()[1]) for line in banner if line.startswith("port:"))
             site, ca = f"https://localhost:{port}", directory + "/data/bundle/ca.pem"
             tls = ssl.create_default_context(cafile=ca)
 
@@ -62,6 +61,7 @@ def main(sandbox, client, scenario, preview=None):
 
             browser.get(f"{site}/?token={TOKEN}")
             assert library("checkin") == 0
+            assert "services status:502*1" in element("faults").text  # as given on the command line
             wait.until(lambda _: any("PUT /api/checkin/sandbox-token 200 valid (path-without-slash)" in r for r in rows()))
 
             # A bad key is named and the served scenario stays.
@@ -74,6 +74,9 @@ def main(sandbox, client, scenario, preview=None):
             wait.until(lambda _: "Not saved: configuration.notes[1].identifier: not a valid UUID" in
                        element("scenario-message").text)
             assert fetch(f"/_sandbox/scenario?token={TOKEN}")[1] == before
+            Select(element("scenario-files")).select_by_value("hard-lockdown")
+            element("scenario-switch").click()
+            wait.until(lambda _: "Now serving hard-lockdown" in element("scenario-message").text)
 
             # A fault armed on the page reaches the library's next request, once.
             Select(element("fault-route")).select_by_value("checkin")
@@ -86,9 +89,8 @@ def main(sandbox, client, scenario, preview=None):
             assert library("checkin") == 0
 
             # A feedback's title is shown as text; its attachment downloads whole.
-            attachment = os.urandom(3000) + b"\x00\xff"
-            with open(directory + "/capture.bin", "wb") as file:
-                file.write(attachment)
+            attachment = os.urandom(3000)
+            pathlib.Path(directory + "/capture.bin").write_bytes(attachment)
             assert library("feedback", TITLE, directory + "/capture.bin") == 0
             wait.until(lambda _: browser.find_elements(By.CSS_SELECTOR, ".feedback-title"))
             assert browser.find_element(By.CSS_SELECTOR, ".feedback-title").text == TITLE
@@ -97,12 +99,19 @@ def main(sandbox, client, scenario, preview=None):
             link = browser.find_element(By.CSS_SELECTOR, "#feedback a.download").get_attribute("href")
             assert fetch(link[len(site):]) == (200, attachment)
 
-            if os.environ.get("PALOMIR_DASHBOARD_SCREENSHOT"):
-                if preview:
-                    element("preview-make").click()
-                    wait.until(lambda _: browser.find_elements(By.CSS_SELECTOR, "#preview-images img"))
-                    time.sleep(1)
+            if os.environ.get("PALOMIR_DASHBOARD_SCREENSHOT"):  # the README's picture
                 browser.save_screenshot(os.environ["PALOMIR_DASHBOARD_SCREENSHOT"])
+            # SIGTERM ends it at once, though a connection that never spoke holds a thread for seconds.
+            idle = socket.create_connection(("127.0.0.1", port))
+            started = time.monotonic()
+            server.terminate()
+            assert server.wait(timeout=30) == 0 and time.monotonic() - started < 1
+            # The CA kept in the data directory serves the next start.
+            authority = pathlib.Path(ca).read_text()
+            server = subprocess.Popen(command, stdout=subprocess.PIPE, text=True)
+            list(itertools.takewhile(lambda l: not l.startswith("  data:"), server.stdout))
+            server.terminate()
+            assert "A new CA" not in server.communicate()[0] and pathlib.Path(ca).read_text() == authority
             print("dashboard: all checks passed")
             return 0
         finally:

@@ -5,12 +5,12 @@
 
 #include <httplib.h>
 
+#include <atomic>
 #include <chrono>
 #include <optional>
 #include <string>
 
 #include "api/oauth.hpp"
-#include "platform/crypto.hpp"
 #include "sandbox.hpp"
 
 namespace palomir::sandbox::testing {
@@ -45,9 +45,7 @@ struct Reply {
 class SandboxClient {
 public:
     explicit SandboxClient(const Sandbox& sandbox, std::string host = "localhost")
-        : SandboxClient(sandbox.port(), sandbox.caFile(), sandbox.adminToken(), std::move(host)) {}
-    SandboxClient(int port, std::filesystem::path caFile, std::string adminToken, std::string host = "localhost")
-        : _port(port), _caFile(std::move(caFile)), _host(std::move(host)), _adminToken(std::move(adminToken)) {}
+        : _port(sandbox.port()), _caFile(sandbox.caFile()), _host(std::move(host)), _adminToken(sandbox.adminToken()) {}
 
     std::chrono::milliseconds readTimeout{10000};
 
@@ -100,19 +98,15 @@ private:
     static std::string authorization(const std::string& url, const std::string& method, const Signing& signing) {
         auto now = std::chrono::duration_cast<std::chrono::seconds>(std::chrono::system_clock::now().time_since_epoch());
         return OAuth::calculateSignature(*Url::parse(url), method, {}, OAuthCredentials{signing.token, signing.secret},
-                                         std::nullopt, signing.nonce.value_or(freshNonce()),
+                                         std::nullopt, signing.nonce.value_or("n" + std::to_string(++nonces)),
                                          now.count() + signing.clockOffset);
-    }
-    static std::string freshNonce() {
-        std::vector<std::uint8_t> bytes(16);
-        crypto::randomBytes(bytes);
-        return crypto::base64Encode(bytes);
     }
 
     int _port;
     std::filesystem::path _caFile;
     std::string _host;
     std::string _adminToken;
+    static inline std::atomic<int> nonces = 0;
 };
 
 }  // namespace palomir::sandbox::testing

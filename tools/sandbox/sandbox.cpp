@@ -880,7 +880,8 @@ void Sandbox::State::handle(const httplib::Request& request, httplib::Response& 
     std::string nonce;
     std::int64_t nonceTimestamp = 0;
 
-    const bool observer = path == "/" || startsWith("/_sandbox/");
+    // A browser's own asks (the favicon) are not the client's traffic either.
+    const bool observer = path == "/" || path == "/favicon.ico" || startsWith("/_sandbox/");
     if (observer) {
         std::string given = request.has_param("token") ? request.get_param_value("token")
                                                        : request.get_header_value("X-Sandbox-Token");
@@ -893,6 +894,8 @@ void Sandbox::State::handle(const httplib::Request& request, httplib::Response& 
             };
         else if (path == "/")
             answerRoute = [] { return dashboardAsset("index.html"); };
+        else if (path == "/favicon.ico")
+            answerRoute = [] { return errorAnswer(404, "No icon"); };
         else
             answerRoute = [&] { return admin(request); };
     } else if (startsWith("/uploads/") && request.method == "PUT") {
