@@ -184,9 +184,14 @@ function attachmentLine(upload) {
   return el("li", {}, ...parts);
 }
 
+let shownFeedback = "";
+
 async function loadFeedback() {
   const [status, answer] = await call("GET", "/_sandbox/feedback");
-  if (status !== 200) return;
+  // Redrawn only on change, so that a link is not replaced under the pointer.
+  const text = JSON.stringify(answer);
+  if (status !== 200 || text === shownFeedback) return;
+  shownFeedback = text;
   const items = answer.feedback.slice().reverse().map((feedback) =>
     el("div", { className: "feedback" },
        el("h3", { className: "feedback-title" }, feedback.title),
