@@ -1151,8 +1151,8 @@ Result<bool, std::string> Sandbox::start() {
 void Sandbox::stop() {
     State& state = *_state;
     if (!state.server) return;
-    state.stopping = true;
-    state.server->stop();
+    // After interrupt() the listener is already closed.
+    if (!state.stopping.exchange(true)) state.server->stop();
     if (state.thread.joinable()) state.thread.join();
     state.server.reset();
 }
