@@ -30,7 +30,7 @@ public:
 
     Connection connection() const override {
         return Connection{_sandbox->baseURL(), _sandbox->caFile(), _sandbox->bundleDirectory(), _options.appToken,
-                          _options.appSecret};
+                          _options.appSecret, _sandbox->adminToken()};
     }
     std::string description() const override {
         return "in-process sandbox on port " + std::to_string(_sandbox->port());
@@ -125,6 +125,7 @@ private:
         const std::string url = _adminBase + "/_sandbox/" + route;
         std::string received;
         curl_slist* headers = curl_slist_append(nullptr, "Content-Type: application/json");
+        headers = curl_slist_append(headers, ("X-Sandbox-Token: " + _connection.adminToken).c_str());
         curl_easy_setopt(curl.get(), CURLOPT_URL, url.c_str());
         curl_easy_setopt(curl.get(), CURLOPT_CUSTOMREQUEST, method.c_str());
         if (method != "GET") curl_easy_setopt(curl.get(), CURLOPT_POSTFIELDS, body.c_str());

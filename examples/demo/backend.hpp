@@ -41,6 +41,8 @@ struct Connection {
     std::filesystem::path bundleDirectory;
     std::string token;
     std::string secret;
+    /// What the sandbox's admin routes require.
+    std::string adminToken;
 };
 
 class Backend {

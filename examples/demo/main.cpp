@@ -590,8 +590,11 @@ int main(int argc, char** argv) {
                       ->default_val("sandbox-token");
     CLI::Option* secret = cli.add_option("--secret", options.remote.secret, "The sandbox's app secret")
                        ->default_val("sandbox-secret");
-    baseURL->needs(ca)->needs(bundle);
-    for (CLI::Option* option : {ca, bundle, token, secret}) option->needs(baseURL);
+    CLI::Option* adminToken =
+        cli.add_option("--admin-token", options.remote.adminToken,
+                       "The admin token palomir-sandbox printed, which its admin routes require");
+    baseURL->needs(ca)->needs(bundle)->needs(adminToken);
+    for (CLI::Option* option : {ca, bundle, token, secret, adminToken}) option->needs(baseURL);
     CLI11_PARSE(cli, argc, argv);
 
     for (const char* name : {"notes-only", "outage", "soft-lockdown", "hard-lockdown"}) {

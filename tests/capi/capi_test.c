@@ -314,12 +314,17 @@ static char* sandbox_admin(const char* route) {
     char* text = NULL;
     size_t size = 0;
     FILE* body = open_memstream(&text, &size);
+    char token[160];
+    snprintf(token, sizeof token, "X-Sandbox-Token: %s", getenv("PALOMIR_SANDBOX_ADMIN_TOKEN"));
+    struct curl_slist* headers = curl_slist_append(NULL, token);
     CURL* curl = curl_easy_init();
     curl_easy_setopt(curl, CURLOPT_URL, url);
     curl_easy_setopt(curl, CURLOPT_CAINFO, ca_file);
+    curl_easy_setopt(curl, CURLOPT_HTTPHEADER, headers);
     curl_easy_setopt(curl, CURLOPT_WRITEDATA, body);
     CHECK(curl_easy_perform(curl) == CURLE_OK);
     curl_easy_cleanup(curl);
+    curl_slist_free_all(headers);
     fclose(body);
     return text;
 }

@@ -3,7 +3,8 @@
 
 usage: run_against_sandbox.py SANDBOX SCENARIO [--expect TEXT]... -- COMMAND...
 In COMMAND, {base_url}, {ca_file}, {bundle_dir}, {token} and {secret} are
-replaced with the running sandbox's values. Passes when the command exits 0
+replaced with the running sandbox's values; PALOMIR_SANDBOX_ADMIN_TOKEN in its
+environment holds the token of the sandbox's admin routes. Passes when the command exits 0
 and printed every expected text.
 """
 import os
@@ -27,7 +28,9 @@ def main(argv):
             values = {"token": "sandbox-token", "secret": "sandbox-secret"}
             for line in server.stdout:
                 key, _, value = line.strip().partition(":")
-                if key == "port":
+                if key == "admin token":
+                    values["admin_token"] = value.strip()
+                elif key == "port":
                     values["base_url"] = f"https://localhost:{value.strip()}/api"
                 elif key == "CA":
                     values["ca_file"] = value.strip()
@@ -36,7 +39,8 @@ def main(argv):
             if "base_url" not in values:
                 print("palomir-sandbox did not start", file=sys.stderr)
                 return 1
-            environment = dict(os.environ, XDG_CACHE_HOME=os.path.join(directory, "caches"))
+            environment = dict(os.environ, XDG_CACHE_HOME=os.path.join(directory, "caches"),
+                               PALOMIR_SANDBOX_ADMIN_TOKEN=values.get("admin_token", ""))
             result = subprocess.run([part.format(**values) for part in command], capture_output=True, text=True,
                                     timeout=90, env=environment)
             sys.stdout.write(result.stdout)

@@ -13,7 +13,6 @@ using namespace std::chrono_literals;
 using Json = nlohmann::json;
 using testing::Reply;
 using testing::SandboxClient;
-using testing::Signing;
 
 const std::string kCheckin = "/api/checkin/sandbox-token";
 
@@ -99,39 +98,12 @@ INSTANTIATE_TEST_SUITE_P(
         FaultCase{"FaultOnAnotherRouteLeavesThisOneAlone", "feedback=drop", kCheckin, 200, ""}),
     [](const auto& info) { return info.param.name; });
 
-TEST(SandboxFaultTest, AdminRoutesSetCountedFaultsAndClearThem) {
-    Sandbox sandbox(SandboxOptions{.logRequests = false});
-    ASSERT_TRUE(sandbox.start().hasValue());
-    SandboxClient client(sandbox);
-    const Signing admin{.sign = false};
-    // A counted fault applies to that many requests only.
-    Reply set = client.send("POST", "/_sandbox/faults", R"({"faults": ["services=status:500*2"]})", admin);
-    EXPECT_EQ(set.body, R"({"faults":{"services":"status:500*2"}})");
-    EXPECT_EQ(client.send("GET", "/api/services/").status, 500);
-    EXPECT_EQ(client.send("GET", "/api/system_services/").status, 500);
-    EXPECT_EQ(client.send("GET", "/api/services/").status, 200);
-    EXPECT_TRUE(sandbox.faults().empty());
-
-    EXPECT_EQ(client.send("POST", "/_sandbox/faults", R"({"route": "*", "fault": "status:418"})", admin).status, 200);
-    EXPECT_EQ(client.checkin().status, 418);
-    EXPECT_EQ(client.send("DELETE", "/_sandbox/faults", "", admin).status, 200);
-    EXPECT_EQ(client.checkin().status, 200);
-
-    Reply refused = client.send("POST", "/_sandbox/faults", R"({"faults": ["checkin=slow"]})", admin);
-    EXPECT_EQ(refused.status, 422);
-    EXPECT_EQ(refused.body, R"({"errors":["unknown fault kind: slow"]})");
-}
-
 TEST(SandboxFaultTest, RefusedSettingsSayWhatIsWrong) {
     const std::vector<std::pair<std::string, std::string>> cases = {
         {"checkin", "fault checkin: expected route=kind[:argument], as in checkin=delay:500"},
         {"login=drop", "unknown fault route: login"},
         {"checkin=delay", "fault delay: needs milliseconds, as in delay:500"},
-        {"checkin=delay:soon", "fault delay:soon: milliseconds must be a whole number"},
         {"checkin=status:42", "fault status:42: the status code must be from 100 to 599"},
-        {"checkin=drop:5", "fault drop:5: takes no argument"},
-        {"checkin=drip:0", "fault drip:0: the drip interval must be at least 1 ms"},
-        {"checkin=oversized:0", "fault oversized:0: the size must be from 1 to 1024 MB"},
         {"checkin=drop*0", "fault drop*0: the count after '*' must be a positive number"},
         {"checkin=redirect", "fault redirect: needs the address to send the client to, as in redirect:http://example.com/"}};
     for (const auto& [text, error] : cases) {

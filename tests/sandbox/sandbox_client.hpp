@@ -5,6 +5,7 @@
 
 #include <httplib.h>
 
+#include <atomic>
 #include <chrono>
 #include <optional>
 #include <string>
@@ -23,6 +24,8 @@ struct Signing {
     std::optional<std::string> signedURL = std::nullopt;
     /// Send this Authorization value as it stands.
     std::optional<std::string> authorization = std::nullopt;
+    /// A fresh one when absent.
+    std::optional<std::string> nonce = std::nullopt;
     bool sign = true;
 };
 
@@ -42,9 +45,7 @@ struct Reply {
 class SandboxClient {
 public:
     explicit SandboxClient(const Sandbox& sandbox, std::string host = "localhost")
-        : SandboxClient(sandbox.port(), sandbox.caFile(), std::move(host)) {}
-    SandboxClient(int port, std::filesystem::path caFile, std::string host = "localhost")
-        : _port(port), _caFile(std::move(caFile)), _host(std::move(host)) {}
+        : _port(sandbox.port()), _caFile(sandbox.caFile()), _host(std::move(host)), _adminToken(sandbox.adminToken()) {}
 
     std::chrono::milliseconds readTimeout{10000};
 
@@ -59,7 +60,9 @@ public:
         client.set_read_timeout(readTimeout);
 
         std::string url = "https://" + _host + ":" + std::to_string(_port) + target;
-        if (signing.authorization)
+        if (target.starts_with("/_sandbox/"))
+            headers.emplace("X-Sandbox-Token", _adminToken);
+        else if (signing.authorization)
             headers.emplace("Authorization", *signing.authorization);
         else if (signing.sign)
             headers.emplace("Authorization", authorization(signing.signedURL.value_or(url), method, signing));
@@ -95,13 +98,15 @@ private:
     static std::string authorization(const std::string& url, const std::string& method, const Signing& signing) {
         auto now = std::chrono::duration_cast<std::chrono::seconds>(std::chrono::system_clock::now().time_since_epoch());
         return OAuth::calculateSignature(*Url::parse(url), method, {}, OAuthCredentials{signing.token, signing.secret},
-                                         std::nullopt, "2F1E5C4B-8D7A-4A3B-9C2D-1E0F9A8B7C6D",
+                                         std::nullopt, signing.nonce.value_or("n" + std::to_string(++nonces)),
                                          now.count() + signing.clockOffset);
     }
 
     int _port;
     std::filesystem::path _caFile;
     std::string _host;
+    std::string _adminToken;
+    static inline std::atomic<int> nonces = 0;
 };
 
 }  // namespace palomir::sandbox::testing

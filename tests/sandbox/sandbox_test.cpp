@@ -1,13 +1,10 @@
 #include <gtest/gtest.h>
 
-#include <cstdio>
-#include <fstream>
-#include <fcntl.h>
-#include <signal.h>
 #include <sys/wait.h>
-#include <unistd.h>
-#include <set>
-#include <thread>
+
+#include <cstdio>
+#include <ctime>
+#include <fstream>
 
 #include "palomir/model.hpp"
 #include "palomir_test/tls.hpp"
@@ -54,23 +51,11 @@ protected:
     }
     void SetUp() override { start(); }
 
-    /// Announces `bytes` under the given checksum; returns the answer.
-    Json announce(const std::string& filename, std::size_t size, const std::string& checksum) {
-        Json blob{{"blob",
-                   {{"filename", filename},
-                    {"byte_size", size},
-                    {"checksum", checksum},
-                    {"content_type", "text/plain"}}}};
-        Reply announced = client->send("POST", "/api/direct_uploads", blob.dump());
-        EXPECT_EQ(announced.status, 200) << announced.body;
-        return Json::parse(announced.body);
-    }
-
-    Json upload(const std::string& filename, const std::string& bytes) {
-        std::string checksum = crypto::base64Encode(crypto::md5(crypto::asBytes(bytes)));
-        Json answer = announce(filename, bytes.size(), checksum);
-        EXPECT_EQ(putBytes(answer, bytes).status, 204);
-        return answer;
+    /// Announces a text file of `size` bytes under `checksum`; the answer.
+    Json announce(std::size_t size, const std::string& checksum) {
+        Json blob{{"blob", {{"filename", "main.log"}, {"byte_size", size}, {"checksum", checksum},
+                            {"content_type", "text/plain"}}}};
+        return Json::parse(client->send("POST", "/api/direct_uploads", blob.dump()).body);
     }
 
     Reply putBytes(const Json& announcement, const std::string& bytes) {
@@ -88,8 +73,6 @@ protected:
 // The client helper trusts only the CA the sandbox made and wrote beside the
 // localhost certificate.
 TEST_F(SandboxTest, AcceptsACorrectSignatureWithinTheClockToleranceAndLogsTheRequest) {
-    EXPECT_EQ(sandbox->baseURL(), "https://localhost:" + std::to_string(sandbox->port()) + "/api");
-    EXPECT_EQ(sandbox->certificateFile(), sandbox->bundleDirectory() / "localhost.crt");
     Reply reply = client->send("PUT", "/api/checkin/sandbox-token", R"({"app_info": {}})", {},
                                {{"X-Authorization-User", "user-42"}});
     EXPECT_EQ(reply.status, 200) << reply.body;
@@ -105,8 +88,21 @@ TEST_F(SandboxTest, AcceptsACorrectSignatureWithinTheClockToleranceAndLogsTheReq
     EXPECT_EQ(requests[0].header("Content-Type"), "application/json, application/json");
     EXPECT_EQ(requests[0].body, R"({"app_info": {}})");
 
-    // The signature is checked over the address the client used.
+    // The signature is checked over the address the client used; the
+    // library signs a path without its trailing slash.
     EXPECT_EQ(SandboxClient(*sandbox, "127.0.0.1").send("GET", "/api/services/?page=2").status, 200);
+    EXPECT_EQ(sandbox->requests()[1].signatureForm, "path-without-slash");
+    // General OAuth 1.0 tools sign the path as sent (RFC 5849), made here by hand.
+    const std::string stamp = std::to_string(std::time(nullptr)), port = std::to_string(sandbox->port());
+    const std::string base = "GET&https%3A%2F%2Flocalhost%3A" + port + "%2Fapi%2Fservices%2F&oauth_consumer_key%3D"
+                             "sandbox-token%26oauth_nonce%3Drfc%26oauth_signature_method%3DHMAC-SHA1%26oauth_"
+                             "timestamp%3D" + stamp + "%26oauth_version%3D1.0";
+    const std::string rfc = R"(OAuth oauth_consumer_key="sandbox-token", oauth_nonce="rfc", oauth_signature=")" +
+                            OAuth::rfc3986encode(crypto::base64Encode(crypto::hmacSha1("sandbox-secret&", base))) +
+                            R"(", oauth_signature_method="HMAC-SHA1", oauth_timestamp=")" + stamp +
+                            R"(", oauth_version="1.0")";
+    EXPECT_EQ(client->send("GET", "/api/services/", "", Signing{.authorization = rfc}).status, 200);
+    EXPECT_EQ(sandbox->requests()[2].signatureForm, "path-as-sent");
     // Clocks may differ by up to five minutes.
     EXPECT_EQ(client->checkin(Signing{.clockOffset = -295}).status, 200);
     EXPECT_EQ(client->checkin(Signing{.clockOffset = 295}).status, 200);
@@ -130,7 +126,6 @@ TEST_P(RequestRefusal, AnswersWithTheReason) {
     const Refusal& c = GetParam();
     Reply reply = client->send(c.body.empty() ? "GET" : "PUT", c.target, c.body, c.signing, c.headers);
     EXPECT_EQ(reply.status, c.status);
-    EXPECT_EQ(reply.header("Content-Type"), "application/json");
     EXPECT_EQ(Json::parse(reply.body), (Json{{"errors", {c.error}}}));
     ASSERT_EQ(sandbox->requests().size(), 1u);
     EXPECT_EQ(sandbox->requests()[0].signature, c.verdict);
@@ -160,6 +155,19 @@ INSTANTIATE_TEST_SUITE_P(
                 {{"Content-Type", "text/plain"}}}),
     [](const auto& info) { return info.param.name; });
 
+// libcurl sends a request again, headers and all, when the reused connection
+// it went out on turned out dead; only an answered nonce is spent.
+TEST_F(SandboxTest, RefusesANonceAlreadyAnsweredButNotOneLeftWithoutAnswer) {
+    sandbox->setFault(Route::checkin, Fault::parse("drop*1").value());
+    const Signing same{.nonce = "once"};
+    EXPECT_EQ(client->checkin(same).status, 0);
+    EXPECT_EQ(client->checkin(same).status, 200);
+    Reply replayed = client->checkin(same);
+    EXPECT_EQ(replayed.status, 401);
+    EXPECT_EQ(replayed.body, R"({"errors":["Nonce already used"]})");
+    EXPECT_EQ(sandbox->requests().back().signature, "replay");
+}
+
 TEST(SandboxCertificateTest, ServesGivenPemFilesAndWritesTheirLeafForPinning) {
     palomir_test::TempDir directory;
     auto pki = palomir_test::TestPki::make("Given");
@@ -186,45 +194,6 @@ TEST(SandboxCertificateTest, ServesGivenPemFilesAndWritesTheirLeafForPinning) {
     EXPECT_EQ(refused.error(), (directory / "root.pem").string() + ": no PEM private key found");
 }
 
-TEST(SandboxProgramTest, ServesUntilInterruptedWithFaultsFromTheCommandLine) {
-    palomir_test::TempDir directory;
-    const std::string program = PALOMIR_SANDBOX_PROGRAM;
-    const std::string data = directory.path().string(), scenario = (kScenarios / "outage.json").string();
-    int out = ::open((directory / "out.txt").c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
-    ASSERT_GE(out, 0);
-    pid_t pid = ::fork();
-    if (pid == 0) {
-        ::dup2(out, 1);
-        ::execl(program.c_str(), program.c_str(), "--quiet", "--data-dir", data.c_str(), "--scenario",
-                scenario.c_str(), "--fault", "services=status:502*1", static_cast<char*>(nullptr));
-        ::_exit(127);
-    }
-    ::close(out);
-    ASSERT_GT(pid, 0);
-
-    // It prints the port it picked once it listens.
-    std::string printed;
-    for (int i = 0; i < 1000 && printed.find("data:") == std::string::npos; ++i) {
-        std::this_thread::sleep_for(std::chrono::milliseconds(10));
-        printed = readText(directory / "out.txt");
-    }
-    auto portLine = printed.find("port:");
-    ASSERT_NE(portLine, std::string::npos) << printed;
-    EXPECT_NE(printed.find("fault:       services=status:502*1"), std::string::npos) << printed;
-
-    SandboxClient client(std::stoi(printed.substr(portLine + 5)), directory / "bundle" / "ca.pem");
-    EXPECT_EQ(client.send("GET", "/api/services/").status, 502);
-    Reply served = client.send("GET", "/api/services/");
-    EXPECT_EQ(served.status, 200);
-    EXPECT_EQ(Json::parse(served.body)["services"].size(), 4u);
-
-    ::kill(pid, SIGTERM);
-    int status = 0;
-    ASSERT_EQ(::waitpid(pid, &status, 0), pid);
-    EXPECT_TRUE(WIFEXITED(status));
-    EXPECT_EQ(WEXITSTATUS(status), 0);
-}
-
 class ExampleScenario : public SandboxTest, public ::testing::WithParamInterface<std::string> {
 protected:
     void SetUp() override { start(SandboxOptions{.scenarioFile = kScenarios / (GetParam() + ".json")}); }
@@ -237,7 +206,6 @@ TEST_P(ExampleScenario, ServesItsDocumentsAsTheClientDecodesThemAndPassesTheChec
 
     Reply checkin = client->checkin();
     ASSERT_EQ(checkin.status, 200) << checkin.body;
-    ASSERT_TRUE(decodeJson<Configuration>(checkin.body).hasValue());
     Json served = Json::parse(checkin.body);
     if (file.contains("next_checkin_after_seconds")) {
         auto due = plRFC3339Parse(served["next_checkin"]["automatically_at"].get<std::string>());
@@ -256,15 +224,6 @@ TEST_P(ExampleScenario, ServesItsDocumentsAsTheClientDecodesThemAndPassesTheChec
         ASSERT_TRUE(decoded.hasValue()) << decoded.error().message();
         EXPECT_EQ(decoded.value().services.size(), file[key].size());
 
-        for (const auto& service : file[key]) {
-            std::string identifier = service["identifier"];
-            Reply single = client->send("GET", std::string(path) + identifier);
-            ASSERT_EQ(single.status, 200) << single.body;
-            EXPECT_EQ(single.header("Cache-Control"), "max-age=60");
-            auto one = decodeJson<ServiceResponse>(single.body);
-            ASSERT_TRUE(one.hasValue());
-            EXPECT_EQ(one.value().service.identifier, identifier);
-        }
         Reply unknown = client->send("GET", std::string(path) + "no-such-service");
         EXPECT_EQ(unknown.status, 404);
         EXPECT_EQ(unknown.body, R"({"errors":["Unknown service: no-such-service"]})");
@@ -279,145 +238,48 @@ INSTANTIATE_TEST_SUITE_P(Sandbox, ExampleScenario,
                              return name;
                          });
 
-// The outage example is there to show service messages in several states.
-TEST(SandboxScenarioTest, OutageHasServicesInSeveralStatesWithLightAndDarkColours) {
-    std::set<ServiceState> states;
-    const Json file = Json::parse(readText(kScenarios / "outage.json"));
-    for (const auto& entry : file["services"]) {
-        auto service = decode<Service>(entry);
-        ASSERT_TRUE(service.hasValue());
-        states.insert(service.value().state);
-        if (service.value().triggersMessage) {
-            ASSERT_TRUE(service.value().message.has_value());
-            EXPECT_TRUE(service.value().message->backgroundColorLight.has_value());
-            EXPECT_TRUE(service.value().message->backgroundColorDark.has_value());
-        }
-    }
-    EXPECT_GE(states.size(), 3u);
-}
-
-struct BadScenario {
-    std::string name;
-    std::string json;
-    std::string error;
-    friend void PrintTo(const BadScenario& value, std::ostream* out) { *out << value.name; }
-};
-
-class ScenarioRefusal : public SandboxTest, public ::testing::WithParamInterface<BadScenario> {};
-
-TEST_P(ScenarioRefusal, NamesTheKeyPathAndKeepsTheCurrentScenario) {
-    auto before = sandbox->scenario().configuration;
-    auto result = sandbox->setScenarioJson(GetParam().json);
-    ASSERT_TRUE(result.hasError());
-    EXPECT_EQ(result.error(), GetParam().error);
-    EXPECT_EQ(sandbox->scenario().configuration, before);
-
-    Reply posted = client->send("POST", "/_sandbox/scenario", GetParam().json, kUnsigned);
-    EXPECT_EQ(posted.status, 422);
-    EXPECT_EQ(Json::parse(posted.body), (Json{{"errors", {GetParam().error}}}));
-
+// The page's editor shows the same errors through the admin route.
+TEST_F(SandboxTest, RefusesABadScenarioNamingTheKeyPathAndKeepsTheCurrentOne) {
+    const std::vector<std::pair<std::string, std::string>> cases = {
+        {R"({"configuration": {"version": "1", "theme": {"text_color": "#fff", "background_color": "#000"},
+             "notes": [], "lockdown": {"active": false, "latest_version": "1"}},
+             "system_services": [{"name": "B", "identifier": "b", "is_available": true, "state": null,
+                                  "triggers_message": false}]})",
+         "system_services[0].state: expected a string, found null"},
+        {R"({"services": []})", "configuration: missing required key"}};
+    const auto before = sandbox->scenario().configuration;
     palomir_test::TempDir directory;
-    std::ofstream(directory / "bad.json") << GetParam().json;
-    auto [status, output] = checkCommand(directory / "bad.json");
-    EXPECT_NE(status, 0);
-    EXPECT_EQ(output, (directory / "bad.json").string() + ": " + GetParam().error + "\n");
+    for (const auto& [json, error] : cases) {
+        auto result = sandbox->setScenarioJson(json);
+        ASSERT_TRUE(result.hasError());
+        EXPECT_EQ(result.error(), error);
+        std::ofstream(directory / "bad.json") << json;
+        EXPECT_EQ(checkCommand(directory / "bad.json"),
+                  std::make_pair(1, (directory / "bad.json").string() + ": " + error + "\n"));
+    }
+    EXPECT_EQ(sandbox->scenario().configuration, before);
 }
 
-INSTANTIATE_TEST_SUITE_P(
-    Sandbox, ScenarioRefusal,
-    ::testing::Values(
-        BadScenario{"NoteIdentifier",
-                    R"({"configuration": {"version": "1", "theme": {"text_color": "#fff", "background_color": "#000"},
-                        "notes": [{"identifier": "not-a-uuid", "title": "t", "content": "c"}],
-                        "lockdown": {"active": false, "latest_version": "1"}}})",
-                    "configuration.notes[0].identifier: not a valid UUID"},
-        BadScenario{"ServiceState",
-                    R"({"configuration": {"version": "1", "theme": {"text_color": "#fff", "background_color": "#000"},
-                        "notes": [], "lockdown": {"active": false, "latest_version": "1"}},
-                        "system_services": [{"name": "A", "identifier": "a", "is_available": true, "state": "ok",
-                                             "triggers_message": false},
-                                            {"name": "B", "identifier": "b", "is_available": true, "state": null,
-                                             "triggers_message": false}]})",
-                    "system_services[1].state: expected a string, found null"},
-        BadScenario{"NoConfiguration", R"({"services": []})", "configuration: missing required key"}),
-    [](const auto& info) { return info.param.name; });
-
-TEST_F(SandboxTest, SwitchesScenarioAtRunTimeByNameThroughTheAdminRoute) {
-    start(SandboxOptions{.scenarioFile = kScenarios / "notes-only.json"});
-    EXPECT_FALSE(Json::parse(client->checkin().body)["lockdown"]["active"].get<bool>());
-
-    Reply posted = client->send("POST", "/_sandbox/scenario", R"({"name": "hard-lockdown"})", kUnsigned);
-    EXPECT_EQ(posted.status, 200) << posted.body;
-    auto configuration = decodeJson<Configuration>(client->checkin().body);
-    ASSERT_TRUE(configuration.hasValue());
-    EXPECT_EQ(configuration.value().lockdown.type, LockdownType::hard);
-    EXPECT_TRUE(configuration.value().theme.backgroundGradient.has_value());
-
-    sandbox->reset();
-    EXPECT_EQ(sandbox->scenario().name, "notes-only");
-}
-
-TEST_F(SandboxTest, TakesUploadsMatchingTheirAnnouncementAndRecordsFeedbackWithItsFiles) {
+TEST_F(SandboxTest, TakesOnlyUploadsMatchingTheirAnnouncementAndFeedbackNamingThem) {
     Json forged{{"feedback", {{"title", "t"}, {"message", "m"}, {"submitted_by", "s"}, {"files", {"forged"}}}},
                 {"app_info", Json::object()}};
     Reply unknown = client->send("POST", "/api/feedback", forged.dump());
     EXPECT_EQ(unknown.status, 422);
     EXPECT_EQ(unknown.body, R"({"errors":["Unknown file: forged"]})");
-    EXPECT_TRUE(sandbox->recordedFeedback().empty());
 
-    Json log = upload("main.log", "abc");
-    EXPECT_EQ(log["filename"], "main.log");
-    EXPECT_EQ(log["direct_upload"]["headers"],
-              (Json{{"Content-Type", "text/plain"}, {"Content-MD5", "kAFQmDzST7DWlj99KOF/cg=="}}));
-    const std::string own = "https://localhost:" + std::to_string(sandbox->port()) + "/";
-    EXPECT_EQ(log["direct_upload"]["url"].get<std::string>().rfind(own, 0), 0u);
-    auto decoded = decode<DirectUploadResponse>(log);
-    ASSERT_TRUE(decoded.hasValue());
-    // The byte upload is not signed; the announcement is.
-    EXPECT_EQ(sandbox->requests()[2].signature, "unsigned");
-
-    Json refused = announce("a.txt", 3, "kAFQmDzST7DWlj99KOF/cg==");
-    Reply wrongBytes = putBytes(refused, "abd");
-    EXPECT_EQ(wrongBytes.status, 422);
-    EXPECT_EQ(wrongBytes.body, R"({"errors":["Checksum mismatch"]})");
-    Reply wrongSize = putBytes(refused, "abcd");
-    EXPECT_EQ(wrongSize.status, 422);
-    EXPECT_EQ(wrongSize.body, R"({"errors":["Size mismatch: announced 3 bytes, received 4"]})");
+    const std::string md5 = "kAFQmDzST7DWlj99KOF/cg==";  // of "abc"
+    Json log = announce(3, md5);
+    EXPECT_EQ(log["direct_upload"]["headers"], (Json{{"Content-Type", "text/plain"}, {"Content-MD5", md5}}));
+    EXPECT_EQ(putBytes(log, "abd").body, R"({"errors":["Checksum mismatch"]})");
+    EXPECT_EQ(putBytes(log, "abcd").body, R"({"errors":["Size mismatch: announced 3 bytes, received 4"]})");
+    EXPECT_EQ(sandbox->recordedUploads()[0].problem, "Size mismatch: announced 3 bytes, received 4");
+    EXPECT_EQ(putBytes(log, "abc").status, 204);
+    EXPECT_TRUE(sandbox->recordedUploads()[0].uploaded);
+    // Only the announcement is signed.
+    EXPECT_EQ(sandbox->requests()[4].signature, "unsigned");
     Reply badBlob = client->send("POST", "/api/direct_uploads", R"({"blob": {"filename": "a.txt"}})");
     EXPECT_EQ(badBlob.status, 422);
     EXPECT_EQ(badBlob.body, R"({"errors":["blob.byte_size: missing required key"]})");
-    auto uploads = sandbox->recordedUploads();
-    ASSERT_EQ(uploads.size(), 2u);
-    EXPECT_TRUE(uploads[0].uploaded);
-    EXPECT_EQ(uploads[0].signedID, decoded.value().signedID);
-    EXPECT_FALSE(uploads[1].uploaded);
-
-    Json note = upload("full_message.txt", std::string(1500, 'x'));
-    Json body{{"feedback",
-               {{"title", "Sync stopped"},
-                {"message", "My notes no longer sync since this morning."},
-                {"submitted_by", "ada@example.com"},
-                {"files", {note["signed_id"], log["signed_id"]}}}},
-              {"app_info", {{"app_version", "3.4.0"}}}};
-    Reply reply = client->send("POST", "/api/feedback", body.dump());
-    ASSERT_EQ(reply.status, 201) << reply.body;
-    EXPECT_EQ(Json::parse(reply.body), body["feedback"]);
-
-    auto recorded = sandbox->recordedFeedback();
-    ASSERT_EQ(recorded.size(), 1u);
-    EXPECT_EQ(recorded[0].title, "Sync stopped");
-    EXPECT_EQ(recorded[0].submittedBy, "ada@example.com");
-    EXPECT_EQ(recorded[0].appInfo, body["app_info"]);
-    ASSERT_EQ(recorded[0].attachments.size(), 2u);
-    EXPECT_EQ(recorded[0].attachments[0].filename, "full_message.txt");
-    EXPECT_EQ(recorded[0].attachments[1].filename, "main.log");
-    Json stored = Json::parse(readText(recorded[0].directory / "feedback.json"));
-    EXPECT_EQ(stored["message"], "My notes no longer sync since this morning.");
-    EXPECT_EQ(readText(stored["attachments"][0]["file"].get<std::string>()), std::string(1500, 'x'));
-    EXPECT_EQ(readText(recorded[0].directory / "2-main.log"), "abc");
-
-    Reply listed = client->send("GET", "/_sandbox/feedback", {}, kUnsigned);
-    EXPECT_EQ(Json::parse(listed.body)["feedback"][0]["title"], "Sync stopped");
 }
 
 }  // namespace

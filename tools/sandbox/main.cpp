@@ -4,6 +4,8 @@
 #include <signal.h>
 
 #include <cstdio>
+#include <cstdlib>
+#include <filesystem>
 #include <iostream>
 
 #include "sandbox.hpp"
@@ -28,7 +30,8 @@ int main(int argc, char** argv) {
     CLI::App app{
         "palomir-sandbox: a local HTTPS backend for Palomir clients.\n"
         "Serves the API under https://localhost:<port>/api with OAuth signature checks, scenarios and\n"
-        "faults on demand. Admin routes (unsigned): GET /_sandbox/requests, /_sandbox/uploads,\n"
+        "faults on demand, and a dashboard at https://localhost:<port>/?token=<admin token>. Admin routes\n"
+        "(unsigned; they need the admin token as ?token= or the X-Sandbox-Token header): GET /_sandbox/requests, /_sandbox/uploads,\n"
         "/_sandbox/feedback, /_sandbox/scenario, /_sandbox/faults; POST /_sandbox/scenario\n"
         "({\"path\": FILE} | {\"name\": NAME} | a scenario document), POST /_sandbox/faults\n"
         "({\"faults\": [\"route=kind[:arg]\", ...], \"clear\": true}), DELETE /_sandbox/faults,\n"
@@ -48,6 +51,13 @@ int main(int argc, char** argv) {
         ->default_val(options.appToken);
     app.add_option("--secret", options.appSecret, "App secret that signatures are checked against")
         ->default_val(options.appSecret);
+    app.add_option("--admin-token", options.adminToken,
+                   "Token the dashboard and the admin routes require (default: a random one, printed at start)");
+    std::string previewProgram;
+    app.add_option("--preview", previewProgram,
+                   "The palomir-preview program that draws the dashboard's screen images (default: the one beside "
+                   "palomir-sandbox)")
+        ->check(CLI::ExistingFile);
     app.add_option("--scenario", scenarioFile,
                    "Scenario file to serve at start: {\"configuration\": {...}, \"services\": [...], "
                    "\"system_services\": [...]}. Its directory is where POST /_sandbox/scenario looks up names")
@@ -95,6 +105,7 @@ int main(int argc, char** argv) {
     options.keyFile = keyFile;
     options.caCertificateFile = caFile;
     options.logRequests = !quiet;
+    options.previewProgram = previewProgram;
     for (const auto& text : faultSettings) {
         auto setting = parseFaultSetting(text);
         if (setting.hasError()) {
@@ -118,19 +129,39 @@ int main(int argc, char** argv) {
         return 1;
     }
     std::cout << "palomir-sandbox listening on " << sandbox.baseURL() << "\n"
+              << "  dashboard:   " << sandbox.dashboardURL() << "\n"
+              << "  admin token: " << sandbox.adminToken() << "\n"
               << "  port:        " << sandbox.port() << "\n"
               << "  app token:   " << options.appToken << "\n"
+              << "  app secret:  " << options.appSecret << "\n"
               << "  scenario:    " << sandbox.scenario().name << "\n"
               << "  pinned cert: " << sandbox.certificateFile().string() << "\n"
               << "  CA:          " << sandbox.caFile().string() << "\n"
               << "  data:        " << sandbox.dataDirectory().string() << "\n";
     for (const auto& [route, fault] : sandbox.faults())
         std::cout << "  fault:       " << toString(route) << "=" << fault.description() << "\n";
+    if (sandbox.madeLastingAuthority())
+        std::cout << "\nA new CA was made and is kept in " << dataDirectory
+                  << "/authority for later starts. To open the dashboard without a warning, trust it once:\n"
+                  << "  Chromium/Chrome: Settings > Privacy and security > Security > Manage certificates >\n"
+                  << "    Authorities > Import " << sandbox.caFile().string() << " (trust for websites)\n"
+                  << "  Firefox: Settings > Privacy & Security > Certificates > View Certificates > Authorities >\n"
+                  << "    Import " << sandbox.caFile().string() << "\n"
+                  << "  or: certutil -d sql:$HOME/.pki/nssdb -A -t C,, -n palomir-sandbox -i "
+                  << sandbox.caFile().string() << "\n";
     std::cout << std::flush;
 
     int received = 0;
     sigwait(&signals, &received);
     std::cerr << "palomir-sandbox: stopping\n";
-    sandbox.stop();
-    return 0;
+    // Requests in flight end and are logged; idle keep-alive connections
+    // would hold a full stop() for their time-out, and nothing of theirs is
+    // worth keeping.
+    sandbox.interrupt();
+    std::fflush(stderr);
+    if (dataDirectory.empty()) {
+        std::error_code error;
+        std::filesystem::remove_all(sandbox.dataDirectory(), error);
+    }
+    std::_Exit(0);
 }

@@ -4,14 +4,21 @@
 #include <openssl/pem.h>
 #include <openssl/ssl.h>
 #include <openssl/x509.h>
+#include <fcntl.h>
 #include <poll.h>
 #include <signal.h>
+#include <spawn.h>
+#include <sys/wait.h>
+#include <unistd.h>
 #include <stdlib.h>
 #include <strings.h>
 #include <sys/socket.h>
 
 #include <atomic>
+#include <ctime>
+#include <condition_variable>
 #include <cstdio>
+#include <cstring>
 #include <fstream>
 #include <mutex>
 #include <sstream>
@@ -20,6 +27,7 @@
 #include "palomir/model.hpp"
 #include "palomir_test/tls.hpp"
 #include "platform/crypto.hpp"
+#include "dashboard.hpp"
 #include "signature.hpp"
 
 namespace palomir::sandbox {
@@ -149,6 +157,30 @@ Result<std::shared_ptr<EVP_PKEY>, std::string> loadKey(const fs::path& path) {
     return Ok{std::shared_ptr<EVP_PKEY>(key, EVP_PKEY_free)};
 }
 
+Answer dashboardAsset(const std::string& name) {
+    for (std::size_t i = 0; i < kDashboardFileCount; ++i) {
+        if (kDashboardFiles[i].name != name) continue;
+        Answer answer;
+        answer.body = kDashboardFiles[i].content;
+        answer.contentType = kDashboardFiles[i].contentType;
+        // The page only ever runs its own script, whatever text it shows.
+        answer.headers.emplace_back("Content-Security-Policy",
+                                    "default-src 'none'; script-src 'self'; style-src 'self'; img-src 'self'; "
+                                    "connect-src 'self'; form-action 'none'; frame-ancestors 'none'");
+        answer.headers.emplace_back("Cache-Control", "no-store");
+        return answer;
+    }
+    return errorAnswer(404, "No dashboard file " + name);
+}
+
+fs::path programBesideThisOne(const std::string& name) {
+    std::error_code error;
+    fs::path self = fs::read_symlink("/proc/self/exe", error);
+    if (error) return {};
+    fs::path candidate = self.parent_path() / name;
+    return ::access(candidate.c_str(), X_OK) == 0 ? candidate : fs::path();
+}
+
 }  // namespace
 
 std::string SandboxRequest::header(std::string_view name) const {
@@ -160,8 +192,15 @@ std::string SandboxRequest::header(std::string_view name) const {
 Json toJson(const SandboxRequest& request) {
     Json headers = Json::array();
     for (const auto& [name, value] : request.headers) headers.push_back(Json::array({name, value}));
-    return Json{{"method", request.method},       {"target", request.target},       {"headers", headers},
-                {"body", request.body},           {"status", request.status},       {"signature", request.signature},
+    return Json{{"id", request.identifier},
+                {"received_at", plRFC3339Format(request.receivedAt)},
+                {"method", request.method},
+                {"target", request.target},
+                {"headers", headers},
+                {"body", request.body},
+                {"status", request.status},
+                {"signature", request.signature},
+                {"signature_form", request.signatureForm},
                 {"fault", request.fault}};
 }
 
@@ -174,6 +213,7 @@ Json toJson(const RecordedUpload& upload) {
                 {"checksum", upload.checksum},
                 {"content_type", upload.contentType},
                 {"uploaded", upload.uploaded},
+                {"problem", upload.problem},
                 {"file", upload.file.string()}};
 }
 
@@ -204,6 +244,18 @@ struct Sandbox::State {
     std::vector<RecordedFeedback> feedback;
     std::int64_t nextUploadId = 1;
     std::int64_t nextFeedbackId = 1;
+    std::int64_t nextRequestId = 1;
+    // Nonces of answered requests, with their timestamps; one older than the
+    // timestamp window cannot come back without being refused as stale, so
+    // it is forgotten.
+    std::map<std::string, std::int64_t> nonces;
+    std::size_t noncesAfterLastPrune = 0;
+    // Requests being handled, so that an interruption can wait for them.
+    int inFlight = 0;
+    std::condition_variable idle;
+    std::string adminToken;
+    bool madeLastingAuthority = false;
+    std::mutex previewMutex;
 
     fs::path dataDirectory;
     fs::path bundleDirectory;
@@ -230,6 +282,8 @@ struct Sandbox::State {
     Answer upload(const httplib::Request& request, const std::string& key);
     Answer feedbackRoute(const httplib::Request& request);
     Answer admin(const httplib::Request& request);
+    Answer preview();
+    bool rememberNonce(const std::string& nonce, std::int64_t timestamp);
 
     std::optional<Fault> takeFault(Route route);
     bool sleepUnlessStopping(std::chrono::milliseconds duration) const;
@@ -307,12 +361,42 @@ Result<bool, std::string> Sandbox::State::prepareDirectories() {
 Result<bool, std::string> Sandbox::State::prepareCertificates() {
     if (options.certificateFile.empty() != options.keyFile.empty())
         return Err{std::string("a certificate needs its key, and a key its certificate")};
-    if (options.certificateFile.empty()) {
+    // A data directory the developer named keeps the CA, so that a browser
+    // told once to trust it keeps trusting the sandbox across starts.
+    const fs::path kept = ownsDataDirectory ? fs::path() : dataDirectory / "authority";
+    auto reuse = [&]() -> bool {
+        if (kept.empty()) return false;
+        auto loaded = loadChain(kept / "chain.pem");
+        auto loadedKey = loadKey(kept / "key.pem");
+        auto ca = readFile(kept / "ca.pem");
+        if (loaded.hasError() || loadedKey.hasError() || !ca) return false;
+        // Renewed a day before the certificate runs out.
+        std::time_t tomorrow = std::time(nullptr) + 86400;
+        if (X509_cmp_time(X509_get0_notAfter(loaded.value().front().x509()), &tomorrow) <= 0) return false;
+        if (X509_check_private_key(loaded.value().front().x509(), loadedKey.value().get()) != 1) return false;
+        chain = std::move(loaded).value();
+        key = std::move(loadedKey).value();
+        caPem = *ca;
+        return true;
+    };
+    if (options.certificateFile.empty() && !reuse()) {
         auto pki = palomir_test::TestPki::make("Palomir Sandbox");
         chain = {pki.leaf, pki.intermediate};
         key = std::shared_ptr<EVP_PKEY>(pki.leaf.key(), [keep = pki.leaf](EVP_PKEY*) {});
         caPem = pki.root.pem();
-    } else {
+        if (!kept.empty()) {
+            try {
+                fs::create_directories(kept);
+                palomir_test::writePem(kept / "chain.pem", pki.chain());
+                pki.leaf.writeKeyPem(kept / "key.pem");
+                fs::permissions(kept / "key.pem", fs::perms::owner_read | fs::perms::owner_write);
+                pki.root.writePem(kept / "ca.pem");
+                madeLastingAuthority = true;
+            } catch (const std::exception& e) {
+                return Err{"cannot keep the CA in " + kept.string() + ": " + e.what()};
+            }
+        }
+    } else if (!options.certificateFile.empty()) {
         auto loaded = loadChain(options.certificateFile);
         if (loaded.hasError()) return Err{loaded.error()};
         auto loadedKey = loadKey(options.keyFile);
@@ -437,13 +521,21 @@ Answer Sandbox::State::upload(const httplib::Request& request, const std::string
         if (found == uploads.end()) return errorAnswer(404, "Unknown upload: " + key);
         announced = *found;
     }
-    if (static_cast<std::int64_t>(request.body.size()) != announced.byteSize)
-        return errorAnswer(422, "Size mismatch: announced " + std::to_string(announced.byteSize) + " bytes, received " +
-                                    std::to_string(request.body.size()));
     std::string checksum = crypto::base64Encode(crypto::md5(crypto::asBytes(request.body)));
-    if (checksum != announced.checksum) return errorAnswer(422, "Checksum mismatch");
-    if (request.has_header("Content-MD5") && request.get_header_value("Content-MD5") != announced.checksum)
-        return errorAnswer(422, "Content-MD5 does not match the announced checksum");
+    std::string problem;
+    if (static_cast<std::int64_t>(request.body.size()) != announced.byteSize)
+        problem = "Size mismatch: announced " + std::to_string(announced.byteSize) + " bytes, received " +
+                  std::to_string(request.body.size());
+    else if (checksum != announced.checksum)
+        problem = "Checksum mismatch";
+    else if (request.has_header("Content-MD5") && request.get_header_value("Content-MD5") != announced.checksum)
+        problem = "Content-MD5 does not match the announced checksum";
+    if (!problem.empty()) {
+        std::lock_guard lock(mutex);
+        for (auto& u : uploads)
+            if (u.key == key) u.problem = problem;
+        return errorAnswer(422, problem);
+    }
 
     fs::path file = dataDirectory / "uploads" / key / safeFileName(announced.filename);
     if (!writeFile(file, request.body)) return errorAnswer(500, "Cannot store the upload");
@@ -452,6 +544,7 @@ Answer Sandbox::State::upload(const httplib::Request& request, const std::string
         if (u.key == key) {
             u.uploaded = true;
             u.file = file;
+            u.problem.clear();
         }
     Answer answer;
     answer.status = 204;
@@ -528,10 +621,73 @@ Answer Sandbox::State::admin(const httplib::Request& request) {
     };
 
     if (request.method == "GET" && what == "requests") {
+        // ?since=ID lists only newer ones (the page polls); ?summary leaves
+        // out headers and bodies, which the page fetches one at a time.
+        std::int64_t since = 0;
+        if (request.has_param("since")) since = std::atoll(request.get_param_value("since").c_str());
+        const bool summary = request.has_param("summary");
         Json list = Json::array();
         std::lock_guard lock(mutex);
-        for (const auto& r : requests) list.push_back(toJson(r));
+        for (const auto& r : requests) {
+            if (r.identifier <= since) continue;
+            Json entry = toJson(r);
+            if (summary) {
+                entry.erase("headers");
+                entry.erase("body");
+                entry["user_authorization"] = !r.header("X-Authorization-User").empty();
+            }
+            list.push_back(std::move(entry));
+        }
         return jsonAnswer(200, Json{{"requests", list}});
+    }
+    if (request.method == "GET" && what.rfind("requests/", 0) == 0) {
+        std::int64_t id = std::atoll(what.c_str() + std::string("requests/").size());
+        std::lock_guard lock(mutex);
+        for (const auto& r : requests)
+            if (r.identifier == id) return jsonAnswer(200, toJson(r));
+        return errorAnswer(404, "No request " + std::to_string(id));
+    }
+    if (request.method == "GET" && what.rfind("uploads/", 0) == 0) {
+        std::int64_t id = std::atoll(what.c_str() + std::string("uploads/").size());
+        RecordedUpload found;
+        {
+            std::lock_guard lock(mutex);
+            for (const auto& u : uploads)
+                if (u.identifier == id && u.uploaded) found = u;
+        }
+        auto bytes = found.uploaded ? readFile(found.file) : std::nullopt;
+        if (!bytes) return errorAnswer(404, "No uploaded bytes for upload " + std::to_string(id));
+        // Opened in the page's origin, an uploaded file must not run script.
+        const bool inline_ = request.has_param("inline");
+        const bool viewable = found.contentType.rfind("image/", 0) == 0 && found.contentType != "image/svg+xml";
+        Answer answer;
+        answer.body = std::move(*bytes);
+        answer.contentType = !inline_ ? "application/octet-stream" : viewable ? found.contentType : "text/plain";
+        answer.headers.emplace_back("Content-Disposition", std::string(inline_ ? "inline" : "attachment") +
+                                                               "; filename=\"" + safeFileName(found.filename) + "\"");
+        answer.headers.emplace_back("Content-Security-Policy", "sandbox");
+        return answer;
+    }
+    if (request.method == "GET" && what == "scenarios") {
+        Json names = Json::array();
+        if (!options.scenarioFile.empty()) {
+            std::error_code error;
+            std::vector<std::string> found;
+            for (const auto& entry : fs::directory_iterator(options.scenarioFile.parent_path(), error))
+                if (entry.path().extension() == ".json") found.push_back(entry.path().stem().string());
+            std::sort(found.begin(), found.end());
+            names = found;
+        }
+        return jsonAnswer(200, Json{{"scenarios", names}});
+    }
+    if (request.method == "POST" && what == "preview") return preview();
+    if (request.method == "GET" && what.rfind("preview/", 0) == 0) {
+        auto bytes = readFile(dataDirectory / "preview" / safeFileName(what.substr(std::string("preview/").size())));
+        if (!bytes) return errorAnswer(404, "No such preview image");
+        Answer answer;
+        answer.body = std::move(*bytes);
+        answer.contentType = "image/png";
+        return answer;
     }
     if (request.method == "GET" && what == "uploads") {
         Json list = Json::array();
@@ -547,10 +703,13 @@ Answer Sandbox::State::admin(const httplib::Request& request) {
     }
     if (request.method == "GET" && what == "scenario") {
         std::lock_guard lock(mutex);
-        return jsonAnswer(200, Json{{"name", scenario.name},
-                                    {"configuration", scenario.configuration},
-                                    {"services", scenario.services},
-                                    {"system_services", scenario.systemServices}});
+        Json document{{"name", scenario.name},
+                      {"configuration", scenario.configuration},
+                      {"services", scenario.services},
+                      {"system_services", scenario.systemServices}};
+        if (scenario.nextCheckinAfterSeconds)
+            document["next_checkin_after_seconds"] = *scenario.nextCheckinAfterSeconds;
+        return jsonAnswer(200, document);
     }
     if (request.method == "POST" && what == "scenario") {
         Json document = body();
@@ -580,8 +739,16 @@ Answer Sandbox::State::admin(const httplib::Request& request) {
         return faultList();
     }
     if (what == "faults" && request.method == "DELETE") {
+        std::optional<Route> only;
+        if (request.has_param("route")) {
+            only = routeFromString(request.get_param_value("route"));
+            if (!only) return errorAnswer(422, "unknown fault route: " + request.get_param_value("route"));
+        }
         std::lock_guard lock(mutex);
-        faults.clear();
+        if (only)
+            faults.erase(*only);
+        else
+            faults.clear();
         return faultList();
     }
     if (what == "faults" && request.method == "POST") {
@@ -623,11 +790,82 @@ Answer Sandbox::State::admin(const httplib::Request& request) {
     return errorAnswer(404, "No admin route " + request.method + " " + request.path);
 }
 
+// The sandbox stays free of Qt: the screens are drawn by palomir-preview in a
+// child process, one at a time, into <data directory>/preview.
+Answer Sandbox::State::preview() {
+    fs::path program = options.previewProgram.empty() ? programBesideThisOne("palomir-preview") : options.previewProgram;
+    if (program.empty() || ::access(program.c_str(), X_OK) != 0)
+        return errorAnswer(503, "No preview program: install palomir-preview beside palomir-sandbox, or name it "
+                                "with --preview");
+    std::lock_guard previewing(previewMutex);
+    const fs::path directory = dataDirectory / "preview";
+    std::error_code error;
+    fs::remove_all(directory, error);
+    fs::create_directories(directory, error);
+    {
+        std::lock_guard lock(mutex);
+        if (!writeFile(directory / "configuration.json", scenario.configuration.dump()))
+            return errorAnswer(500, "Cannot write the configuration for the preview");
+    }
+    const std::string file = (directory / "configuration.json").string(), out = directory.string(),
+                      log = (directory / "preview.log").string();
+    std::vector<char*> arguments{const_cast<char*>(program.c_str()), const_cast<char*>(file.c_str()),
+                                 const_cast<char*>("--out"), const_cast<char*>(out.c_str()), nullptr};
+    posix_spawn_file_actions_t actions;
+    posix_spawn_file_actions_init(&actions);
+    posix_spawn_file_actions_addopen(&actions, 0, "/dev/null", O_RDONLY, 0);
+    posix_spawn_file_actions_addopen(&actions, 1, log.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
+    posix_spawn_file_actions_adddup2(&actions, 1, 2);
+    pid_t child = 0;
+    int spawned = ::posix_spawn(&child, program.c_str(), &actions, nullptr, arguments.data(), environ);
+    posix_spawn_file_actions_destroy(&actions);
+    if (spawned != 0) return errorAnswer(500, "Cannot run " + program.string() + ": " + std::strerror(spawned));
+    int status = 0;
+    auto until = std::chrono::steady_clock::now() + std::chrono::seconds(60);
+    while (::waitpid(child, &status, WNOHANG) == 0) {
+        if (stopping.load() || std::chrono::steady_clock::now() > until) {
+            ::kill(child, SIGKILL);
+            ::waitpid(child, &status, 0);
+            return errorAnswer(504, program.string() + " did not finish");
+        }
+        std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    }
+    Json images = Json::array();
+    std::vector<std::string> names;
+    for (const auto& entry : fs::directory_iterator(directory, error))
+        if (entry.path().extension() == ".png") names.push_back(entry.path().filename().string());
+    std::sort(names.begin(), names.end());
+    images = names;
+    if (!WIFEXITED(status) || WEXITSTATUS(status) != 0)
+        return jsonAnswer(500, Json{{"errors", {program.filename().string() + " failed: " +
+                                                trim(readFile(log).value_or(""))}},
+                                    {"images", images}});
+    return jsonAnswer(200, Json{{"images", images}});
+}
+
 // ---------------------------------------------------------------------------
 // Dispatch, faults and writing
 
+bool Sandbox::State::rememberNonce(const std::string& nonce, std::int64_t timestamp) {
+    if (!nonces.emplace(nonce, timestamp).second) return false;
+    // Pruned whenever the map doubled, so each answer pays a constant share.
+    if (nonces.size() >= 2 * noncesAfterLastPrune + 64) {
+        auto oldest = std::chrono::duration_cast<std::chrono::seconds>(
+                          std::chrono::system_clock::now().time_since_epoch() - options.timestampTolerance)
+                          .count();
+        std::erase_if(nonces, [&](const auto& entry) { return entry.second < oldest; });
+        noncesAfterLastPrune = nonces.size();
+    }
+    return true;
+}
+
 void Sandbox::State::handle(const httplib::Request& request, httplib::Response& response) {
+    {
+        std::lock_guard lock(mutex);
+        ++inFlight;
+    }
     SandboxRequest record;
+    record.receivedAt = std::chrono::time_point_cast<std::chrono::milliseconds>(std::chrono::system_clock::now());
     record.method = request.method;
     record.target = request.target.empty() ? request.path : request.target;
     for (const auto& [name, value] : request.headers)
@@ -639,9 +877,27 @@ void Sandbox::State::handle(const httplib::Request& request, httplib::Response& 
     auto startsWith = [&](std::string_view prefix) { return path.rfind(prefix, 0) == 0; };
     std::optional<Route> route;
     std::function<Answer()> answerRoute;
+    std::string nonce;
+    std::int64_t nonceTimestamp = 0;
 
-    if (startsWith("/_sandbox/")) {
-        answerRoute = [&] { return admin(request); };
+    // A browser's own asks (the favicon) are not the client's traffic either.
+    const bool observer = path == "/" || path == "/favicon.ico" || startsWith("/_sandbox/");
+    if (observer) {
+        std::string given = request.has_param("token") ? request.get_param_value("token")
+                                                       : request.get_header_value("X-Sandbox-Token");
+        if (startsWith("/_sandbox/ui/"))
+            answerRoute = [&] { return dashboardAsset(path.substr(std::string("/_sandbox/ui/").size())); };
+        else if (!constantTimeEquals(given, adminToken))
+            answerRoute = [] {
+                return errorAnswer(401, "The dashboard and the admin routes need the token palomir-sandbox printed "
+                                        "at start, as ?token= or the X-Sandbox-Token header");
+            };
+        else if (path == "/")
+            answerRoute = [] { return dashboardAsset("index.html"); };
+        else if (path == "/favicon.ico")
+            answerRoute = [] { return errorAnswer(404, "No icon"); };
+        else
+            answerRoute = [&] { return admin(request); };
     } else if (startsWith("/uploads/") && request.method == "PUT") {
         route = Route::upload;
         std::string key = path.substr(std::string("/uploads/").size());
@@ -678,7 +934,16 @@ void Sandbox::State::handle(const httplib::Request& request, httplib::Response& 
         auto verdict = verifySignature(request.method, "https://" + hostOf(request) + record.target, authorization,
                                        options.appToken, options.appSecret, std::chrono::system_clock::now(),
                                        options.timestampTolerance);
+        if (verdict.ok()) {
+            std::lock_guard lock(mutex);
+            if (nonces.count(verdict.nonce)) verdict = {"replay", "Nonce already used"};
+        }
         record.signature = verdict.verdict;
+        record.signatureForm = verdict.form;
+        if (verdict.ok()) {
+            nonce = verdict.nonce;
+            nonceTimestamp = verdict.timestamp;
+        }
         if (!verdict.ok()) answerRoute = [message = verdict.error] { return errorAnswer(401, message); };
     } else {
         answerRoute = [&] { return errorAnswer(404, "No route for " + request.method + " " + path); };
@@ -694,12 +959,20 @@ void Sandbox::State::handle(const httplib::Request& request, httplib::Response& 
                                (status ? std::to_string(status) : std::string("no answer")) +
                                " (signature " + record.signature + ")";
             if (fault) line += " [fault " + record.fault + "]";
+            if (observer) line = "palomir-sandbox: " + record.method + " " + path + " -> " + std::to_string(status);
             std::fprintf(stderr, "%s\n", line.c_str());
         }
-        // The admin routes are the observer's own traffic, not the client's.
-        if (startsWith("/_sandbox/")) return;
+        if (observer) response.set_header("Referrer-Policy", "no-referrer");
         std::lock_guard lock(mutex);
-        requests.push_back(std::move(record));
+        // A nonce counts once its request was answered: a client whose reused
+        // connection died before an answer sends the same request again.
+        if (!nonce.empty() && status != 0) rememberNonce(nonce, nonceTimestamp);
+        // The dashboard and admin routes are the observer's own traffic.
+        if (!observer) {
+            record.identifier = nextRequestId++;
+            requests.push_back(std::move(record));
+        }
+        if (--inFlight == 0) idle.notify_all();
     };
 
     using Kind = Fault::Kind;
@@ -827,6 +1100,7 @@ Result<bool, std::string> Sandbox::start() {
     state.scenario = std::move(scenario).value();
     for (const auto& [route, fault] : state.options.faults) state.faults[route] = fault;
 
+    state.adminToken = state.options.adminToken.empty() ? randomKey(32) : state.options.adminToken;
     if (auto prepared = state.prepareDirectories(); prepared.hasError()) return prepared;
     if (auto prepared = state.prepareCertificates(); prepared.hasError()) return prepared;
 
@@ -877,10 +1151,19 @@ Result<bool, std::string> Sandbox::start() {
 void Sandbox::stop() {
     State& state = *_state;
     if (!state.server) return;
-    state.stopping = true;
-    state.server->stop();
+    // After interrupt() the listener is already closed.
+    if (!state.stopping.exchange(true)) state.server->stop();
     if (state.thread.joinable()) state.thread.join();
     state.server.reset();
+}
+
+void Sandbox::interrupt() {
+    State& state = *_state;
+    if (!state.server) return;
+    state.stopping = true;
+    state.server->stop();
+    std::unique_lock lock(state.mutex);
+    state.idle.wait(lock, [&] { return state.inFlight == 0; });
 }
 
 bool Sandbox::running() const { return _state->server != nullptr; }
@@ -890,6 +1173,11 @@ const fs::path& Sandbox::dataDirectory() const { return _state->dataDirectory; }
 const fs::path& Sandbox::bundleDirectory() const { return _state->bundleDirectory; }
 fs::path Sandbox::certificateFile() const { return _state->bundleDirectory / "localhost.crt"; }
 fs::path Sandbox::caFile() const { return _state->bundleDirectory / "ca.pem"; }
+const std::string& Sandbox::adminToken() const { return _state->adminToken; }
+std::string Sandbox::dashboardURL() const {
+    return "https://localhost:" + std::to_string(_state->port) + "/?token=" + _state->adminToken;
+}
+bool Sandbox::madeLastingAuthority() const { return _state->madeLastingAuthority; }
 
 Result<bool, std::string> Sandbox::setScenario(const fs::path& file) {
     auto loaded = Scenario::fromFile(file);

@@ -121,9 +121,18 @@ struct SandboxOptions {
     std::chrono::seconds timestampTolerance{300};
     /// One line per request on standard error.
     bool logRequests = true;
+    /// What the dashboard and the admin routes require, as "?token=" or the
+    /// X-Sandbox-Token header; empty: a random one is made at start.
+    std::string adminToken = {};
+    /// The palomir-preview program the dashboard runs for screen images;
+    /// empty: the one beside the running program, when there is one.
+    std::filesystem::path previewProgram = {};
 };
 
 struct SandboxRequest {
+    /// 1, 2, ... in the order received.
+    std::int64_t identifier = 0;
+    std::chrono::sys_time<std::chrono::milliseconds> receivedAt{};
     std::string method;
     /// With the query, as received.
     std::string target;
@@ -133,8 +142,11 @@ struct SandboxRequest {
     int status = 0;
     /// "ok", "unsigned" (admin and upload routes), or why it was refused:
     /// "missing", "malformed", "unknown-key", "unsupported-method", "stale",
-    /// "user-token", "invalid".
+    /// "user-token", "invalid", "replay" (a nonce already answered).
     std::string signature;
+    /// With "ok": "path-without-slash" (how the Palomir client signs) or
+    /// "path-as-sent" (RFC 5849, as general OAuth 1.0 tools sign).
+    std::string signatureForm;
     /// The fault applied, in Fault::description() form; empty when none.
     std::string fault;
 
@@ -154,6 +166,8 @@ struct RecordedUpload {
     bool uploaded = false;
     /// Where the bytes were stored (once uploaded).
     std::filesystem::path file;
+    /// Why the last bytes sent for it were refused ("Checksum mismatch", ...).
+    std::string problem;
 };
 
 struct RecordedFeedback {
@@ -182,6 +196,11 @@ public:
     /// Stops listening, ends stalled and dripping answers, waits for the
     /// server's threads.
     void stop();
+    /// Stops listening, ends stalled, delayed and dripping answers and
+    /// returns once every request in flight is recorded, without waiting for
+    /// idle keep-alive connections, which hold stop() for up to 2 s. For a
+    /// process about to exit.
+    void interrupt();
     bool running() const;
 
     int port() const;
@@ -193,6 +212,13 @@ public:
     std::filesystem::path certificateFile() const;
     /// <bundle directory>/ca.pem.
     std::filesystem::path caFile() const;
+    /// The token the dashboard and the admin routes require.
+    const std::string& adminToken() const;
+    /// "https://localhost:<port>/?token=<admin token>".
+    std::string dashboardURL() const;
+    /// Whether this start made a CA that the data directory keeps for the
+    /// next start (so a browser trusting it once keeps trusting it).
+    bool madeLastingAuthority() const;
 
     /// Switches what is served; on failure the current scenario stays and the
     /// error names the offending key path.

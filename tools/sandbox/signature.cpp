@@ -44,12 +44,12 @@ bool equalsIgnoringCase(std::string_view a, std::string_view b) {
     return true;
 }
 
-bool constantTimeEquals(const std::string& a, const std::string& b) {
+}  // namespace
+
+bool constantTimeEquals(std::string_view a, std::string_view b) {
     if (a.size() != b.size()) return false;
     return CRYPTO_memcmp(a.data(), b.data(), a.size()) == 0;
 }
-
-}  // namespace
 
 std::optional<std::map<std::string, std::string>> parseOAuthHeader(std::string_view header) {
     skipBlanks(header);
@@ -92,7 +92,7 @@ SignatureVerdict verifySignature(std::string_view method, std::string_view url,
     if (auto version = pairs->find("oauth_version"); version != pairs->end() && version->second != "1.0")
         return malformed;
 
-    if (!constantTimeEquals(pairs->at("oauth_consumer_key"), std::string(appToken)))
+    if (!constantTimeEquals(pairs->at("oauth_consumer_key"), appToken))
         return {"unknown-key", "Unknown consumer key"};
     if (pairs->at("oauth_signature_method") != "HMAC-SHA1")
         return {"unsupported-method", "Unsupported signature method"};
@@ -110,12 +110,30 @@ SignatureVerdict verifySignature(std::string_view method, std::string_view url,
 
     auto parsed = Url::parse(url);
     if (!parsed) return {"invalid", "Invalid signature"};
-    auto expected = parseOAuthHeader(OAuth::calculateSignature(*parsed, method, {},
-                                                              OAuthCredentials{std::string(appToken), std::string(appSecret)},
-                                                              std::nullopt, pairs->at("oauth_nonce"), timestamp));
-    if (!expected || !constantTimeEquals(expected->at("oauth_signature"), pairs->at("oauth_signature")))
-        return {"invalid", "Invalid signature"};
-    return {"ok", ""};
+    const OAuthCredentials consumer{std::string(appToken), std::string(appSecret)};
+    const std::string& nonce = pairs->at("oauth_nonce");
+    // Only the encoded base URL differs between the two forms: the Palomir
+    // client drops a trailing slash from the path, RFC 5849 keeps the path as
+    // sent. Restoring the slashes the client form dropped gives the other.
+    std::string text = OAuth::signatureBaseText(*parsed, method, {}, consumer, std::nullopt, nonce, timestamp);
+    std::string key = OAuth::signingKey(consumer, std::nullopt);
+    const std::string& given = pairs->at("oauth_signature");
+    auto matched = [&](const char* form) {
+        return SignatureVerdict{"ok", "", form, nonce, timestamp};
+    };
+    if (constantTimeEquals(OAuth::sign(key, text), given)) return matched("path-without-slash");
+    std::string_view path = parsed->path();
+    std::string slashes;
+    while (path.size() > 1 && path.back() == '/') {
+        slashes += "%2F";
+        path.remove_suffix(1);
+    }
+    if (!slashes.empty()) {
+        auto baseEnd = text.find('&', text.find('&') + 1);
+        text.insert(baseEnd, slashes);
+        if (constantTimeEquals(OAuth::sign(key, text), given)) return matched("path-as-sent");
+    }
+    return {"invalid", "Invalid signature"};
 }
 
 }  // namespace palomir::sandbox
