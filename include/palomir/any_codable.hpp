@@ -170,7 +170,19 @@ public:
 
 /// Decoding tries, in order: null, boolean, signed 64-bit integer, unsigned
 /// 64-bit integer, double, string, array, object. Strings stay strings (no
-/// date or URL guessing).
+/// date or URL guessing). A number without fraction is an integer however it
+/// is written: 7, 7.0 and 7e0 all decode as int64 7; 7.5 and numbers beyond
+/// 64 bits decode as doubles.
+///
+/// Round trips therefore start from JSON text: text -> value -> text -> value
+/// gives two equal values. A value built in code does not always come back
+/// as itself: the double 7.0 encodes as 7.0 and decodes as the integer 7,
+/// which is a different value (see AnyValue's equality), as is an int32
+/// coming back as an int64.
+///
+/// Arrays and objects may nest at most 512 deep; deeper input fails with
+/// "containers nested deeper than 512 levels" (key path "" for text, the
+/// crossing member for an nlohmann value).
 PALOMIR_DECLARE_DECODING(AnyValue);
 PALOMIR_DECLARE_DECODING(AnyCodable);
 PALOMIR_DECLARE_DECODING(AnyDecodable);

@@ -50,8 +50,8 @@ struct PALOMIR_API EncodingError {
 template <class T>
 Result<T, DecodingError> decode(const nlohmann::json& json);
 
-/// Parses `text` as JSON and decodes a T from it. A text that is not JSON
-/// fails with key path "" and the parser's message as reason.
+/// Parses `text` as JSON (as parseJson does) and decodes a T from it. A text
+/// that is not JSON fails with key path "" and the parser's message as reason.
 template <class T>
 Result<T, DecodingError> decodeJson(std::string_view text);
 
@@ -63,7 +63,9 @@ Result<T, DecodingError> decodeJson(std::string_view text);
     template <>                                                                            \
     PALOMIR_API Result<T, DecodingError> decodeJson<T>(std::string_view text)
 
-/// Parses `text` as one JSON document (no comments, nothing after it).
+/// Parses `text` as one JSON document (no comments, nothing after it) whose
+/// arrays and objects nest at most 512 deep; deeper text fails with key path
+/// "" and "containers nested deeper than 512 levels".
 PALOMIR_API Result<nlohmann::json, DecodingError> parseJson(std::string_view text);
 
 }  // namespace palomir

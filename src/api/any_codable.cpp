@@ -4,28 +4,48 @@
 #include <cmath>
 #include <cstdlib>
 #include <limits>
+#include <optional>
 
 namespace palomir::model {
+
+namespace {
+
+// A number without fraction is an integer however it is written, so 7.0 and
+// 7e0 read as the integer 7, like 7 itself.
+std::optional<AnyValue> wholeNumber(double d) {
+    if (std::trunc(d) != d) return std::nullopt;
+    if (d >= -9223372036854775808.0 && d < 9223372036854775808.0) return AnyValue::int64(static_cast<std::int64_t>(d));
+    if (d >= 0 && d < 18446744073709551616.0) return AnyValue::uint64(static_cast<std::uint64_t>(d));
+    return std::nullopt;
+}
+
+}  // namespace
 
 AnyValue read(JsonPath& path, JsonValue value, Tag<AnyValue>) {
     // The order decides ambiguous numbers: integers that fit a signed word
     // stay signed, larger ones unsigned, everything else is a double.
     switch (value.kind()) {
-        case JsonKind::null: return AnyValue::null();
-        case JsonKind::boolean: return AnyValue::boolean(value.boolean());
-        case JsonKind::integer: return AnyValue::int64(value.integer());
-        case JsonKind::unsigned_: {
+        case json::value_t::null: return AnyValue::null();
+        case json::value_t::boolean: return AnyValue::boolean(value.boolean());
+        case json::value_t::number_integer: return AnyValue::int64(value.integer());
+        case json::value_t::number_unsigned: {
             const auto v = value.unsignedInteger();
             if (v <= static_cast<std::uint64_t>(std::numeric_limits<std::int64_t>::max()))
                 return AnyValue::int64(static_cast<std::int64_t>(v));
             return AnyValue::uint64(v);
         }
-        case JsonKind::float_: return AnyValue::double_(value.number());
-        case JsonKind::string: return AnyValue::string(std::string(value.text()));
-        case JsonKind::array: return AnyValue::list(read(path, value, Tag<AnyList>{}));
-        case JsonKind::object: return AnyValue::map(read(path, value, Tag<AnyMap>{}));
-        case JsonKind::binary:
-        case JsonKind::discarded: break;
+        case json::value_t::number_float:
+            return wholeNumber(value.number()).value_or(AnyValue::double_(value.number()));
+        case json::value_t::string: return AnyValue::string(std::string(value.text()));
+        case json::value_t::array:
+        case json::value_t::object:
+            // Text is bounded when parsed; this bounds values a host builds itself.
+            if (path.depth() >= maxNesting)
+                path.fail("containers nested deeper than " + std::to_string(maxNesting) + " levels");
+            if (value.isArray()) return AnyValue::list(read(path, value, Tag<AnyList>{}));
+            return AnyValue::map(read(path, value, Tag<AnyMap>{}));
+        case json::value_t::binary:
+        case json::value_t::discarded: break;
     }
     path.fail("AnyDecodable value cannot be decoded");
 }

@@ -3,7 +3,7 @@
 // Reading and writing dynamic values inside larger documents, so that a
 // record with a free-form member reports failures with the full key path.
 
-#include "model/json_reader.hpp"
+#include "model/reading.hpp"
 #include "palomir/any_codable.hpp"
 
 namespace palomir::model {

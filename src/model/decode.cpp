@@ -1,4 +1,4 @@
-#include "model/json_reader.hpp"
+#include "model/reading.hpp"
 #include "palomir/model.hpp"
 
 namespace palomir::model {
@@ -54,8 +54,8 @@ Color read(JsonPath& path, JsonValue value, Tag<Color>) {
 
 ColorGradient::Point read(JsonPath& path, JsonValue value, Tag<ColorGradient::Point>) {
     if (!value.isArray() || value.size() != 2) path.fail("expected an array of two numbers");
-    const JsonValue x = value.firstElement();
-    const JsonValue y = x.next();
+    const JsonValue x = value.element(0);
+    const JsonValue y = value.element(1);
     if (!x.isNumber() || !y.isNumber()) path.fail("expected an array of two numbers");
     return ColorGradient::Point{x.number(), y.number()};
 }

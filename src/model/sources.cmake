@@ -5,9 +5,8 @@ list(APPEND PALOMIR_SOURCES
   ${CMAKE_CURRENT_LIST_DIR}/date.cpp
   ${CMAKE_CURRENT_LIST_DIR}/decode.cpp
   ${CMAKE_CURRENT_LIST_DIR}/encode.cpp
-  ${CMAKE_CURRENT_LIST_DIR}/json_document.cpp
-  ${CMAKE_CURRENT_LIST_DIR}/json_reader.cpp
   ${CMAKE_CURRENT_LIST_DIR}/mime_types.cpp
+  ${CMAKE_CURRENT_LIST_DIR}/reading.cpp
   ${CMAKE_CURRENT_LIST_DIR}/records.cpp
   ${CMAKE_CURRENT_LIST_DIR}/../api/any_codable.cpp
 )

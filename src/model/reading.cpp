@@ -1,6 +1,5 @@
-#include "model/json_reader.hpp"
+#include "model/reading.hpp"
 
-#include <algorithm>
 #include <cmath>
 #include <limits>
 
@@ -23,45 +22,28 @@ std::string JsonPath::text() const {
 
 void JsonPath::fail(std::string reason) const { throw DecodeFailure{DecodingError{text(), std::move(reason)}}; }
 
-std::vector<JsonMember> JsonValue::sortedMembers() const {
-    std::vector<JsonMember> members;
-    members.reserve(_node->size);
-    const JsonNode* key = _node + 1;
-    for (std::size_t i = 0; i < _node->size; ++i) {
-        const JsonNode* value = key + 1;
-        members.push_back({std::string_view(key->text, key->size), JsonValue(value)});
-        key = value + value->span;
-    }
-    std::stable_sort(members.begin(), members.end(),
-                     [](const JsonMember& a, const JsonMember& b) { return a.key < b.key; });
-    // Of a run of equal keys the last one written stands.
-    std::size_t kept = 0;
-    for (std::size_t i = 0; i < members.size(); ++i) {
-        if (i + 1 < members.size() && members[i + 1].key == members[i].key) continue;
-        members[kept++] = members[i];
-    }
-    members.erase(members.begin() + static_cast<std::ptrdiff_t>(kept), members.end());
-    return members;
-}
+namespace {
 
-const char* jsonKindName(JsonValue value) {
+const char* kindName(JsonValue value) {
     switch (value.kind()) {
-        case JsonKind::null: return "null";
-        case JsonKind::boolean: return "boolean";
-        case JsonKind::integer:
-        case JsonKind::unsigned_:
-        case JsonKind::float_: return "number";
-        case JsonKind::string: return "string";
-        case JsonKind::array: return "array";
-        case JsonKind::object: return "object";
-        case JsonKind::binary: return "binary data";
-        case JsonKind::discarded: return "nothing";
+        case json::value_t::null: return "null";
+        case json::value_t::boolean: return "boolean";
+        case json::value_t::number_integer:
+        case json::value_t::number_unsigned:
+        case json::value_t::number_float: return "number";
+        case json::value_t::string: return "string";
+        case json::value_t::array: return "array";
+        case json::value_t::object: return "object";
+        case json::value_t::binary: return "binary data";
+        case json::value_t::discarded: break;
     }
     return "nothing";
 }
 
+}  // namespace
+
 void failExpected(const JsonPath& path, const char* expected, JsonValue found) {
-    path.fail(std::string("expected ") + expected + ", found " + jsonKindName(found));
+    path.fail(std::string("expected ") + expected + ", found " + kindName(found));
 }
 
 JsonValue expectObject(const JsonPath& path, JsonValue value) {
@@ -86,14 +68,14 @@ bool read(JsonPath& path, JsonValue value, Tag<bool>) {
 
 std::int64_t read(JsonPath& path, JsonValue value, Tag<std::int64_t>) {
     switch (value.kind()) {
-        case JsonKind::integer: return value.integer();
-        case JsonKind::unsigned_: {
+        case json::value_t::number_integer: return value.integer();
+        case json::value_t::number_unsigned: {
             const auto v = value.unsignedInteger();
             if (v > static_cast<std::uint64_t>(std::numeric_limits<std::int64_t>::max()))
                 path.fail("number does not fit a 64-bit integer");
             return static_cast<std::int64_t>(v);
         }
-        case JsonKind::float_: {
+        case json::value_t::number_float: {
             // 7.0 is the integer 7; 7.5 is no integer at all.
             const double d = value.number();
             if (std::trunc(d) != d) path.fail("expected an integer, found a number with a fraction");
@@ -120,8 +102,22 @@ std::string DecodingError::message() const { return keyPath.empty() ? reason : k
 std::string EncodingError::message() const { return keyPath.empty() ? reason : keyPath + ": " + reason; }
 
 Result<nlohmann::json, DecodingError> parseJson(std::string_view text) {
+    // nlohmann parses and destroys without recursion, but what reads a value
+    // afterwards may recurse (our dynamic values, its own dump and copies), so
+    // the nesting is bounded here, while parsing, where a too-deep document
+    // costs nothing more than the text up to the offending bracket.
+    struct TooDeep {};
+    const auto boundNesting = [](int depth, nlohmann::json::parse_event_t event, nlohmann::json&) {
+        const bool opens = event == nlohmann::json::parse_event_t::object_start ||
+                           event == nlohmann::json::parse_event_t::array_start;
+        if (opens && static_cast<std::size_t>(depth) >= model::maxNesting) throw TooDeep{};
+        return true;
+    };
     try {
-        return Ok<nlohmann::json>{nlohmann::json::parse(text.begin(), text.end())};
+        return Ok<nlohmann::json>{nlohmann::json::parse(text.begin(), text.end(), boundNesting)};
+    } catch (const TooDeep&) {
+        return Err<DecodingError>{
+            DecodingError{"", "containers nested deeper than " + std::to_string(model::maxNesting) + " levels"}};
     } catch (const std::exception& e) {
         return Err<DecodingError>{DecodingError{"", e.what()}};
     }
