@@ -321,11 +321,13 @@ public:
         const std::string text = body.dump(-1, ' ', false, nlohmann::ordered_json::error_handler_t::replace);
         std::vector<std::uint8_t> bytes(text.begin(), text.end());
 
-        palomir::SignableRequest request{_url, "", {}, std::nullopt};
-        request.addHeader("Content-Type", "application/json");
-        request.addHeader("User-Agent", palomir::AppInfo::userAgent());
-        request.addHeader("Accept-Language", palomir::currentLocale().languageCode.value_or("en"));
-        request.oAuthSign("PUT", bytes, "application/json", palomir::OAuthCredentials{kToken, kSecret}, std::nullopt);
+        palomir::URLRequest request;
+        request.url = _url;
+        request.addValue("application/json", "Content-Type");
+        request.addValue(palomir::AppInfo::userAgent(), "User-Agent");
+        request.addValue(palomir::currentLocale().languageCode.value_or("en"), "Accept-Language");
+        palomir::oAuthSign(request, "PUT", bytes, "application/json", palomir::OAuthCredentials{kToken, kSecret},
+                           std::nullopt);
 
         // The same fields on the wire: duplicates joined, no cache, and none
         // of libcurl's own Accept and Expect.
