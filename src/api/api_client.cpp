@@ -204,7 +204,6 @@ std::shared_ptr<APIClient> APIClient::make(AppCredentials credentials, std::shar
 
         HttpSessionConfiguration api;
         api.label = "palomir.api";
-        api.cachePolicy = HttpCachePolicy::reloadIgnoringLocalAndRemoteCacheData;
         api.pins = pins;
         api.trustAnchors = client->_options.trustAnchors;
         sessions->apiConfiguration = api;
