@@ -344,6 +344,30 @@ TEST_F(APIClientTest, UploadsAndFeedbackSendSnakeCaseBodiesAndTheBytesWithTheTar
     EXPECT_EQ(unusable.get().error().localizedDescription().rfind("Request failed: Network error: ", 0), 0u);
 }
 
+// The base URL writes the address in brackets, as does the resource named
+// after it; the certificate names it bare.
+TEST(PinnedIPv6Host, ChecksInOverALiteralAddress) {
+    const TestPki pki = TestPki::make("ipv6");
+    const auto leaf = palomir_test::CertificateFactory::makeLeaf(pki.intermediate, {"::1", {}, {"::1"}});
+    std::unique_ptr<TlsTestServer> server;
+    try {
+        server = std::make_unique<TlsTestServer>(TlsTestServer::Options{
+            {leaf, pki.intermediate}, [](const RecordedRequest&) { return respond(200, kConfiguration); }, true, "::1"});
+    } catch (const std::exception& e) {
+        GTEST_SKIP() << "this machine has no IPv6 loopback: " << e.what();
+    }
+    palomir_test::TempDir resources;
+    leaf.writeDer(resources / "[::1].crt");
+    pki.root.writePem(resources / "ca.pem");
+    Outcome<Configuration> outcome;
+    APIClient::make({"t", "s"}, nullptr, nullptr, nullptr,
+                    BackendOptions{server->url("/api", "[::1]"), {resources / "ca.pem"}, resources.path()})
+        ->checkin(kAppInfo, outcome.completion());
+    const auto& result = outcome.get();
+    ASSERT_TRUE(result.hasValue()) << result.error().localizedDescription();
+    EXPECT_EQ(result.value().version, "7");
+}
+
 // A stalled server meets the idle limit (1 s); one that keeps dripping
 // bytes, each resetting the idle limit, meets the limit on the whole
 // exchange (5 s).

@@ -75,7 +75,12 @@ struct PinCase {
 
 std::ostream& operator<<(std::ostream& out, const PinCase& c) { return out << c.name; }
 
-const std::string noPin = "Certificate pinning refused localhost: no key is pinned for this host";
+// The refusal names the resource that would have held the pin.
+std::string noPinFor(const std::string& host) {
+    return "Certificate pinning refused " + host + ": no key is pinned for this host (supply the certificate whose "
+           "key to pin as \"" + host + ".crt\" in Palomir's resource bundle or in BackendOptions::resourceDirectory)";
+}
+const std::string noPin = noPinFor("localhost");
 const std::string noKeyInChain =
     "Certificate pinning refused localhost: no certificate of the verified chain carries the pinned key";
 const std::string noIssuer = "SSL certificate problem: unable to get local issuer certificate";
@@ -124,7 +129,7 @@ INSTANTIATE_TEST_SUITE_P(
         PinCase{"WrongKey", "a", "b.leaf", noKeyInChain},
         PinCase{"NoPinForHost", "a", "a.leaf", noPin, "localhost", "api.example"},
         PinCase{"HostInAnotherCase", "a", "a.leaf",
-                "Certificate pinning refused LOCALHOST: no key is pinned for this host", "LOCALHOST", "localhost"},
+                noPinFor("LOCALHOST"), "LOCALHOST", "localhost"},
         PinCase{"EmptyPinSet", "a", "", noPin},
         PinCase{"UnreadablePinnedCertificate", "a", "garbage", noPin},
         PinCase{"UntrustedChainHoldingThePinnedKey", "u", "u.leaf", noIssuer},
@@ -167,7 +172,7 @@ TEST(PinningSession, EachRequestIsCheckedAgainstItsOwnHost) {
     // The same server and certificate, reached by an address that has no pin.
     const Outcome byAddress = perform(session, get(server.url("/address", "127.0.0.1")));
     ASSERT_TRUE(byAddress.error) << "a host without a pin was accepted";
-    EXPECT_EQ(byAddress.error->message, "Certificate pinning refused 127.0.0.1: no key is pinned for this host");
+    EXPECT_EQ(byAddress.error->message, noPinFor("127.0.0.1"));
     ASSERT_TRUE(perform(session, get(server.url("/named-again"))).response);
 
     const auto seen = server.requests();

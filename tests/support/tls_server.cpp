@@ -15,6 +15,7 @@ struct TlsTestServer::State {
     std::atomic<std::size_t> handshakes{0};
     std::atomic<std::size_t> resumed{0};
     bool keepAlive = true;
+    std::string address;
 
     std::unique_ptr<httplib::SSLServer> server;
     std::thread thread;
@@ -55,6 +56,7 @@ TlsTestServer::TlsTestServer(Options options) : _state(std::make_shared<State>()
     _state->chain = std::move(options.chain);
     _state->handler = std::move(options.handler);
     _state->keepAlive = options.keepAlive;
+    _state->address = options.address;
     start();
 }
 
@@ -114,9 +116,9 @@ void TlsTestServer::start() {
     if (!state->server->is_valid()) throw std::runtime_error("test server: TLS set-up failed");
 
     if (_port == 0) {
-        _port = state->server->bind_to_any_port("127.0.0.1");
+        _port = state->server->bind_to_any_port(state->address);
         if (_port <= 0) throw std::runtime_error("test server: cannot bind");
-    } else if (!state->server->bind_to_port("127.0.0.1", _port)) {
+    } else if (!state->server->bind_to_port(state->address, _port)) {
         throw std::runtime_error("test server: cannot bind to port " + std::to_string(_port) + " again");
     }
     httplib::SSLServer* server = state->server.get();

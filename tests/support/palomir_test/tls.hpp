@@ -116,7 +116,7 @@ struct TestResponse {
     std::optional<std::size_t> chunkedBytes;
 };
 
-/// HTTPS on 127.0.0.1 with a port of the system's choosing. Every request is
+/// HTTPS on loopback with a port of the system's choosing. Every request is
 /// recorded before the handler answers it (by default 200 "ok").
 class TlsTestServer {
 public:
@@ -128,6 +128,9 @@ public:
         Handler handler;
         /// False: the server closes every connection after one request.
         bool keepAlive = true;
+        /// The loopback address to listen on ("::1" for IPv6); binding fails
+        /// with an exception where the machine lacks it.
+        std::string address = "127.0.0.1";
     };
 
     explicit TlsTestServer(Options options);
