@@ -4,7 +4,6 @@
 #include <chrono>
 #include <future>
 #include <mutex>
-#include <set>
 #include <string>
 #include <thread>
 
@@ -139,13 +138,12 @@ TEST_F(APIClientTest, CheckinSendsASignedPutWithTheAppInfoAndDecodesTheConfigura
     // Signing adds the content type a second time; it travels as one field.
     EXPECT_EQ(request.headerValues("Content-Type"), std::vector<std::string>{"application/json, application/json"});
     EXPECT_EQ(request.headerValues("User-Agent"), std::vector<std::string>{AppInfo::userAgent()});
-    EXPECT_EQ(request.headerValues("Accept-Language").size(), 1u);
-    EXPECT_TRUE(request.headerValues("X-Authorization-User").empty());
-    EXPECT_TRUE(request.headerValues("Accept").empty());
+    // On the wire: what the request names and what HTTP needs, nothing else
+    // (no cache fields, no Accept, no user header without user credentials).
+    ASSERT_EQ(request.headerNames(), (std::set<std::string>{"Host", "Content-Type", "User-Agent", "Accept-Language",
+                                                             "Content-Length", "Authorization"}));
     // The signature itself is verified by the sandbox in the integration tests.
-    auto authorization = request.headerValues("Authorization");
-    ASSERT_EQ(authorization.size(), 1u);
-    EXPECT_EQ(authorization[0].rfind("OAuth oauth_consumer_key=\"app-token\",", 0), 0u) << authorization[0];
+    EXPECT_EQ(request.headerValues("Authorization")[0].rfind("OAuth oauth_consumer_key=\"app-token\",", 0), 0u);
 
     auto body = nlohmann::json::parse(request.body);
     EXPECT_EQ(body["app_info"]["bundle_identifier"], "com.example.host");
@@ -256,7 +254,9 @@ TEST_F(APIClientTest, LocalFailuresComeBeforeAnyTraffic) {
     std::filesystem::remove(_resources / "localhost.crt");
     Outcome<Configuration> unpinned;
     makeClient()->checkin(kAppInfo, unpinned.completion());
-    EXPECT_EQ(unpinned.get().error().localizedDescription().rfind("Request failed: Network error: ", 0), 0u);
+    EXPECT_EQ(unpinned.get().error().localizedDescription().rfind(
+                  "Request failed: Network error: Certificate pinning refused localhost: no key is pinned for this "
+                  "host (supply the certificate whose key to pin as \"localhost.crt\"", 0), 0u);
     EXPECT_TRUE(_server->requests().empty());
 }
 
@@ -319,17 +319,8 @@ TEST_F(APIClientTest, UploadsAndFeedbackSendSnakeCaseBodiesAndTheBytesWithTheTar
     auto body = nlohmann::json::parse(requests[1].body);
     EXPECT_EQ(body["feedback"], nlohmann::json::parse(R"({"title":"t","message":"m","submitted_by":"me","files":["s"]})"));
     EXPECT_EQ(body["app_info"]["sdk_version"], "1");
-    // On the wire: what the request names and what HTTP needs, nothing else
-    // (no cache fields, no Accept), and for the upload only the target's own.
-    const auto fieldNames = [](const RecordedRequest& request) {
-        std::set<std::string> names;
-        for (const auto& header : request.headers) names.insert(header.first);
-        return names;
-    };
-    using Names = std::set<std::string>;
-    EXPECT_EQ(fieldNames(requests[0]), (Names{"Host", "Content-Type", "User-Agent", "Accept-Language",
-                                              "Content-Length", "Authorization"}));
-    EXPECT_EQ(fieldNames(requests[2]), (Names{"Host", "Content-Type", "Content-MD5", "Content-Length"}));
+    // The upload carries the target's own fields and what HTTP needs, nothing else.
+    EXPECT_EQ(requests[2].headerNames(), (std::set<std::string>{"Host", "Content-Type", "Content-MD5", "Content-Length"}));
     EXPECT_EQ(requests[2].method, "PUT");
     EXPECT_EQ(requests[2].path, "/uploads/abc?sig=1");
     EXPECT_EQ(requests[2].body, "abc");
@@ -342,30 +333,6 @@ TEST_F(APIClientTest, UploadsAndFeedbackSendSnakeCaseBodiesAndTheBytesWithTheTar
     Outcome<bool> unusable;
     client->directUpload(bytes, {"not a url", {}}, nullptr, unusable.completion());
     EXPECT_EQ(unusable.get().error().localizedDescription().rfind("Request failed: Network error: ", 0), 0u);
-}
-
-// The base URL writes the address in brackets, as does the resource named
-// after it; the certificate names it bare.
-TEST(PinnedIPv6Host, ChecksInOverALiteralAddress) {
-    const TestPki pki = TestPki::make("ipv6");
-    const auto leaf = palomir_test::CertificateFactory::makeLeaf(pki.intermediate, {"::1", {}, {"::1"}});
-    std::unique_ptr<TlsTestServer> server;
-    try {
-        server = std::make_unique<TlsTestServer>(TlsTestServer::Options{
-            {leaf, pki.intermediate}, [](const RecordedRequest&) { return respond(200, kConfiguration); }, true, "::1"});
-    } catch (const std::exception& e) {
-        GTEST_SKIP() << "this machine has no IPv6 loopback: " << e.what();
-    }
-    palomir_test::TempDir resources;
-    leaf.writeDer(resources / "[::1].crt");
-    pki.root.writePem(resources / "ca.pem");
-    Outcome<Configuration> outcome;
-    APIClient::make({"t", "s"}, nullptr, nullptr, nullptr,
-                    BackendOptions{server->url("/api", "[::1]"), {resources / "ca.pem"}, resources.path()})
-        ->checkin(kAppInfo, outcome.completion());
-    const auto& result = outcome.get();
-    ASSERT_TRUE(result.hasValue()) << result.error().localizedDescription();
-    EXPECT_EQ(result.value().version, "7");
 }
 
 // A stalled server meets the idle limit (1 s); one that keeps dripping

@@ -15,6 +15,7 @@
 #include <memory>
 #include <mutex>
 #include <optional>
+#include <set>
 #include <string>
 #include <thread>
 #include <utility>
@@ -105,6 +106,12 @@ struct RecordedRequest {
 
     /// All values of a field (any letter case) as received, in order.
     std::vector<std::string> headerValues(const std::string& name) const;
+    /// The fields' names as received.
+    std::set<std::string> headerNames() const {
+        std::set<std::string> names;
+        for (const auto& header : headers) names.insert(header.first);
+        return names;
+    }
 };
 
 struct TestResponse {
@@ -144,8 +151,6 @@ public:
 
     /// Handshakes from now on present `chain`; open connections keep theirs.
     void setChain(CertificateChain chain);
-    /// Stops and listens again on the same port, dropping every connection.
-    void restart();
 
     std::vector<RecordedRequest> requests() const;
     /// TLS handshakes that the server completed.
