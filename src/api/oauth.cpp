@@ -32,15 +32,24 @@ OAuthParameters defaultParameters(const OAuthCredentials& consumer, const std::o
     return parameters;
 }
 
-// Encodes every key and value and sorts by encoded key; pairs with equal keys
-// keep the order they were collected in.
-OAuthParameters encodedAndSorted(OAuthParameters pairs) {
+// Encodes every key and value and joins the pairs sorted by encoded key
+// (pairs with equal keys keep the order they were collected in), each as
+// key, `equals`, value, `close`, separated by `separator`.
+std::string encodedSortedText(OAuthParameters pairs, std::string_view equals, std::string_view close,
+                              std::string_view separator) {
+    std::vector<const std::pair<std::string, std::string>*> order;
     for (auto& [key, value] : pairs) {
         key = OAuth::rfc3986encode(key);
         value = OAuth::rfc3986encode(value);
     }
-    std::stable_sort(pairs.begin(), pairs.end(), [](const auto& a, const auto& b) { return a.first < b.first; });
-    return pairs;
+    for (const auto& pair : pairs) order.push_back(&pair);
+    std::stable_sort(order.begin(), order.end(), [](const auto* a, const auto* b) { return a->first < b->first; });
+    std::string text;
+    for (const auto* pair : order) {
+        if (!text.empty()) text.append(separator);
+        text.append(pair->first).append(equals).append(pair->second).append(close);
+    }
+    return text;
 }
 
 }  // namespace
@@ -114,12 +123,9 @@ std::string OAuth::signatureBaseText(const Url& url, std::string_view method, co
     const OAuthParameters query = queryParameters(url);
     pairs.insert(pairs.end(), query.begin(), query.end());
 
-    std::string parameterText;
-    for (const auto& [key, value] : encodedAndSorted(std::move(pairs))) {
-        if (!parameterText.empty()) parameterText += "&";
-        parameterText += key + "=" + value;
-    }
-    return rfc3986encode(method) + "&" + rfc3986encode(oAuthBaseURL(url)) + "&" + rfc3986encode(parameterText);
+    std::string base = rfc3986encode(method);
+    base.append("&").append(rfc3986encode(oAuthBaseURL(url))).append("&");
+    return base.append(rfc3986encode(encodedSortedText(std::move(pairs), "=", "", "&")));
 }
 
 std::string OAuth::calculateSignature(const Url& url, std::string_view method, const OAuthParameters& parameters,
@@ -129,12 +135,7 @@ std::string OAuth::calculateSignature(const Url& url, std::string_view method, c
     OAuthParameters header = defaultParameters(consumer, user, nonce, timestamp);
     header.emplace_back("oauth_signature", sign(signingKey(consumer, user), base));
 
-    std::string text = "OAuth ";
-    for (const auto& [key, value] : encodedAndSorted(std::move(header))) {
-        if (text.size() > 6) text += ",";
-        text += key + "=\"" + value + "\"";
-    }
-    return text;
+    return "OAuth " + encodedSortedText(std::move(header), "=\"", "\"", ",");
 }
 
 std::string OAuth::calculateSignature(const Url& url, std::string_view method, const OAuthParameters& parameters,
