@@ -1,6 +1,7 @@
 #include "platform/http_session.hpp"
 
 #include <curl/curl.h>
+#include <openssl/crypto.h>
 #include <openssl/ssl.h>
 #include <openssl/x509.h>
 #include <pthread.h>
@@ -9,6 +10,7 @@
 #include <atomic>
 #include <cctype>
 #include <climits>
+#include <condition_variable>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -57,6 +59,27 @@ int verificationIndex() {
 
 int verifyCertificate(X509_STORE_CTX* storeContext, void* argument) {
     return static_cast<const TlsVerification*>(argument)->verify(storeContext);
+}
+
+// A released session's thread frees its TLS state on its way out. If the
+// process exits meanwhile, OpenSSL's exit handler may free the locks that
+// thread still uses, so an exit handler of our own, which runs before
+// OpenSSL's, waits a moment for such threads.
+struct EndingThreads {
+    std::mutex mutex;
+    std::condition_variable ended;
+    int count = 0;
+};
+
+EndingThreads& endingThreads() {
+    static auto& threads = *new EndingThreads();  // used by exit handlers: never destroyed
+    return threads;
+}
+
+void waitForEndingThreads() {
+    EndingThreads& threads = endingThreads();
+    std::unique_lock lock(threads.mutex);
+    threads.ended.wait_for(lock, std::chrono::milliseconds(500), [&] { return threads.count == 0; });
 }
 
 }  // namespace
@@ -131,18 +154,32 @@ struct HttpSession::Core : std::enable_shared_from_this<HttpSession::Core> {
 
     void launch() {
         // The thread keeps the machinery alive until it is released and idle.
-        std::thread([core = shared_from_this()] {
+        std::thread([core = shared_from_this()]() mutable {
             core->threadId.store(std::this_thread::get_id());
             pthread_setname_np(pthread_self(), core->configuration.label.substr(0, 15).c_str());
             core->run();
             core->threadId.store({});
+            core.reset();
+            // What OpenSSL would free for this thread after it ends, freed now.
+            OPENSSL_thread_stop();
+            EndingThreads& ending = endingThreads();
+            std::lock_guard lock(ending.mutex);
+            --ending.count;
+            ending.ended.notify_all();
         }).detach();
     }
 
     void release() {
+        bool running = false;
         {
             std::lock_guard lock(mutex);
             released = true;
+            running = started;
+        }
+        if (running) {
+            EndingThreads& ending = endingThreads();
+            std::lock_guard lock(ending.mutex);
+            ++ending.count;
         }
         curl_multi_wakeup(multi);
     }
@@ -503,7 +540,10 @@ void HttpSession::Core::run() {
 
 std::shared_ptr<HttpSession> HttpSession::make(HttpSessionConfiguration configuration) {
     static std::once_flag once;
-    std::call_once(once, [] { curl_global_init(CURL_GLOBAL_DEFAULT); });
+    std::call_once(once, [] {
+        curl_global_init(CURL_GLOBAL_DEFAULT);
+        std::atexit(waitForEndingThreads);
+    });
     return std::shared_ptr<HttpSession>(new HttpSession(std::make_shared<Core>(std::move(configuration))));
 }
 
