@@ -7,7 +7,8 @@
 //  - creating the shared client in a fresh process (a helper program started
 //    once per sample);
 //  - the resident memory the client adds up to its first check-in against a
-//    local HTTPS server (same helper, given the server);
+//    local HTTPS server (same helper, given the server), and how often the
+//    library's threads wake while the client then sits idle for 10 s;
 //  - the stripped size of the shared library.
 #include <benchmark/benchmark.h>
 #include <spawn.h>
@@ -325,7 +326,7 @@ void BM_ColdStart(benchmark::State& state) {
     state.counters["shared_min_us"] = *std::min_element(samples.begin(), samples.end());
     state.counters["shared_max_us"] = *std::max_element(samples.begin(), samples.end());
     state.counters["shared_cpu_median_us"] = cpuMedian;
-    gRows.push_back({"Palomir::shared() cold, median", "us", median, std::nullopt, "< 5000 us", median < 5000});
+    gRows.push_back({"Palomir::shared() cold, median", "us", median, std::nullopt, "-", true});
     // What the calling thread itself spent; the rest of the elapsed time it
     // waited for a core (compare with the machine's load).
     gRows.push_back({"  of which on the CPU, median", "us", cpuMedian, std::nullopt, "-", true});
@@ -533,11 +534,13 @@ void BM_ResidentMemory(benchmark::State& state) {
     state.counters["rss_added_kb"] = median;
     state.counters["anon_added_kb"] = percentile(anonymous, 0.5);
     state.counters["file_added_kb"] = percentile(file, 0.5);
-    gRows.push_back({"RSS added to first check-in", "KiB", median, std::nullopt, "< 2048 KiB", median < 2048});
-    // The split: the process's own pages (heap, stacks), and pages of mapped
-    // files, which are the code of the libraries that the check-in runs
-    // (TLS, HTTP, ours) and are shared with every other process using them.
-    gRows.push_back({"  of which anonymous", "KiB", percentile(anonymous, 0.5), std::nullopt, "-", true});
+    gRows.push_back({"RSS added to first check-in", "KiB", median, std::nullopt, "-", true});
+    // The split: the process's own pages (heap, stacks), which the host pays
+    // for, and pages of mapped files, which are the code of the libraries
+    // that the check-in runs (TLS, HTTP, ours) and are shared with every
+    // other process using them.
+    const double anonymousMedian = percentile(anonymous, 0.5);
+    gRows.push_back({"  of which anonymous", "KiB", anonymousMedian, std::nullopt, "< 1024 KiB", anonymousMedian < 1024});
     gRows.push_back({"  of which mapped files", "KiB", percentile(file, 0.5), std::nullopt, "-", true});
 
     // The same first check-in again, in a fresh copy of this program, split
@@ -553,6 +556,16 @@ void BM_ResidentMemory(benchmark::State& state) {
         runs.push_back(std::move(*split));
     }
     gBreakdown = medianBreakdown(runs);
+
+    // Once: the same first check-in, then 10 s of nothing.
+    auto idle = runHelper({server.url("/api"), (dir / "ca.pem").string(), dir.path().string(), "10"}, dir.path());
+    if (!idle || idle->count("idle_wakeups") == 0) {
+        state.SkipWithError("the idle helper failed");
+        return;
+    }
+    const double wakeups = std::stod(idle->at("idle_wakeups"));
+    state.counters["idle_wakeups"] = wakeups;
+    gRows.push_back({"wake-ups idle 10 s after check-in", "count", wakeups, std::nullopt, "<= 2", wakeups <= 2});
 }
 BENCHMARK(BM_ResidentMemory)->Name("ResidentMemory/first_checkin")->Iterations(1)->UseManualTime();
 

@@ -8,6 +8,11 @@
 //                                                      "rss_after_kb <n>", "checkin ok|failed",
 //                                                      and the resident memory by kind:
 //                                                      "<anon|file>_<before|after>_kb <n>"
+//   ... <dir> <seconds>                             -> also "idle_wakeups <n>": voluntary
+//                                                      context switches of every other
+//                                                      thread (exited ones included) while
+//                                                      the client sits idle that long
+//                                                      after its check-in
 //
 // The CPU time of the calling thread is printed beside the elapsed time: on
 // a loaded machine the elapsed time mostly says how long the thread waited
@@ -18,7 +23,9 @@
 #include <fstream>
 #include <string>
 
+#include <sys/resource.h>
 #include <time.h>
+#include <unistd.h>
 
 #include "first_checkin.hpp"
 #include "palomir/client.hpp"
@@ -49,10 +56,19 @@ double threadCpuMicros() {
     return static_cast<double>(t.tv_sec) * 1e6 + static_cast<double>(t.tv_nsec) / 1e3;
 }
 
+// Voluntary context switches of the whole process less those of the calling
+// thread: each is a thread of the library (or of a library it uses) waking.
+long othersWakeups() {
+    rusage process{}, self{};
+    getrusage(RUSAGE_SELF, &process);
+    getrusage(RUSAGE_THREAD, &self);
+    return process.ru_nvcsw - self.ru_nvcsw;
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
-    const bool withBackend = argc == 4;
+    const bool withBackend = argc == 4 || argc == 5;
     const Resident before = withBackend ? resident() : Resident{};
 
     const double cpuStart = threadCpuMicros();
@@ -68,5 +84,10 @@ int main(int argc, char** argv) {
     std::printf("rss_before_kb %ld\nrss_after_kb %ld\ncheckin %s\n", before.total, after.total, ok ? "ok" : "failed");
     std::printf("anon_before_kb %ld\nanon_after_kb %ld\nfile_before_kb %ld\nfile_after_kb %ld\n", before.anonymous,
                 after.anonymous, before.file, after.file);
+    if (argc == 5) {
+        const long wakeupsBefore = othersWakeups();
+        sleep(static_cast<unsigned>(std::strtoul(argv[4], nullptr, 10)));
+        std::printf("idle_wakeups %ld\n", othersWakeups() - wakeupsBefore);
+    }
     return ok ? 0 : 1;
 }

@@ -2,7 +2,6 @@
 
 #include <cctype>
 #include <cstdlib>
-#include <deque>
 #include <map>
 #include <mutex>
 #include <utility>
@@ -127,34 +126,6 @@ std::optional<std::vector<std::uint8_t>> lookUpPinnedCertificate(const BackendOp
     return Bundle::palomir().resourceData(name);
 }
 
-namespace {
-
-// Reading a pinned certificate's key costs more than a whole warm exchange,
-// and the client is rebuilt whenever credentials change, so pin sets are kept
-// for the few certificates a process ever pins.
-std::shared_ptr<const PinSet> pinSet(const std::map<std::string, std::vector<std::uint8_t>>& pinned) {
-    std::string key;
-    for (const auto& [host, der] : pinned) {
-        key += host;
-        key += '\0';
-        key.append(der.begin(), der.end());
-        key += '\0';
-    }
-    static std::mutex mutex;
-    // Never destroyed: sessions on their way out may still hold the sets.
-    static auto& kept = *new std::deque<std::pair<std::string, std::shared_ptr<const PinSet>>>();
-    constexpr std::size_t kKept = 4;
-    std::lock_guard lock(mutex);
-    for (const auto& [known, pins] : kept)
-        if (known == key) return pins;
-    auto pins = std::make_shared<const PinSet>(pinned);
-    if (kept.size() == kKept) kept.pop_front();
-    kept.emplace_back(std::move(key), pins);
-    return pins;
-}
-
-}  // namespace
-
 struct APIClient::Sessions {
     // The credentials and base URL never change for a client, so what only
     // depends on them is checked once.
@@ -163,18 +134,9 @@ struct APIClient::Sessions {
     bool checkinURLUsable = false;
 
     std::shared_ptr<HttpSession> checkinSession;
-    // Most clients only ever check in, so the other session (and its network
-    // thread) is made on first use.
-    HttpSessionConfiguration apiConfiguration;
-    std::once_flag apiOnce;
-    std::shared_ptr<HttpSession> apiSessionMade;
-
-    const std::shared_ptr<HttpSession>& apiSession() {
-        std::call_once(apiOnce, [this] {
-            if (!apiSessionMade) apiSessionMade = HttpSession::make(apiConfiguration);
-        });
-        return apiSessionMade;
-    }
+    // A session starts its thread with its first request, so one that is
+    // never used costs nothing.
+    std::shared_ptr<HttpSession> apiSession;
 };
 
 APIClient::APIClient(AppCredentials credentials, std::shared_ptr<UserCredentials> userCredentials,
@@ -193,21 +155,20 @@ std::shared_ptr<APIClient> APIClient::make(AppCredentials credentials, std::shar
         new APIClient(std::move(credentials), std::move(userCredentials), std::move(logger), std::move(options)));
     auto sessions = std::make_shared<Sessions>();
     if (urlSession) {
-        sessions->apiSessionMade = urlSession;
+        sessions->apiSession = urlSession;
         sessions->checkinSession = urlSession;
     } else {
         std::map<std::string, std::vector<std::uint8_t>> pinned;
         if (auto base = Url::parse(client->_options.baseURL)) {
             if (auto der = lookUpPinnedCertificate(client->_options, base->host())) pinned[base->host()] = *der;
         }
-        auto pins = pinSet(pinned);
+        auto pins = std::make_shared<const PinSet>(pinned);
 
         HttpSessionConfiguration api;
         api.label = "palomir.api";
-        api.cachePolicy = HttpCachePolicy::reloadIgnoringLocalAndRemoteCacheData;
         api.pins = pins;
         api.trustAnchors = client->_options.trustAnchors;
-        sessions->apiConfiguration = api;
+        sessions->apiSession = HttpSession::make(api);
 
         // Check-in gives up quickly: it sits on the host's launch path.
         HttpSessionConfiguration checkin = api;
@@ -265,7 +226,7 @@ void APIClientAccess::send(APIClient& client, const std::string& url, const std:
     request.body = std::move(body);
     request.idleTimeout = std::chrono::milliseconds(static_cast<long long>(built.timeoutInterval * 1000));
 
-    auto session = checkin ? client._sessions->checkinSession : client._sessions->apiSession();
+    auto session = checkin ? client._sessions->checkinSession : client._sessions->apiSession;
     auto logger = client._logger;
     auto send = [session, logger, completion = std::move(completion)](HttpRequest request) mutable {
         const std::string method = request.method;
@@ -410,7 +371,7 @@ void APIClient::directUpload(std::shared_ptr<const std::vector<std::uint8_t>> da
     for (const auto& [name, value] : config.headers) request.headers.emplace_back(name, value);
     if (!data) data = std::make_shared<const std::vector<std::uint8_t>>();
 
-    if (!session) session = _sessions->apiSession();
+    if (!session) session = _sessions->apiSession;
     auto logger = _logger;
     const std::string url = request.url;
     session->uploadTask(std::move(request), std::move(data),

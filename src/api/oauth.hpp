@@ -60,7 +60,6 @@ public:
     /// Percent-encodes every byte outside the RFC 3986 unreserved characters
     /// as "%" and two upper-case hexadecimal digits.
     static std::string rfc3986encode(std::string_view text);
-    static void appendRfc3986encoded(std::string& out, std::string_view text);
 
     /// The URL's query items by name (a value-less item maps to ""); a later
     /// item overwrites an earlier one of the same name in place.
@@ -72,36 +71,15 @@ public:
     static std::string oAuthBaseURL(const Url& url);
 };
 
-/// The parts of an HTTP request that signing reads and writes. The HTTP layer
-/// sends duplicate header names as one field, values joined with ", ".
-struct SignableRequest {
-    std::string url;
-    std::string method;
-    /// In the order added; the same name may occur more than once.
-    std::vector<std::pair<std::string, std::string>> headers;
-    std::optional<std::vector<std::uint8_t>> body;
-
-    void addHeader(std::string name, std::string value) { headers.emplace_back(std::move(name), std::move(value)); }
-
-    /// Sets the method and the body, and adds "Content-Length", "Content-Type"
-    /// and "Authorization". Content-Type is added even when one is already
-    /// present: a JSON request of the API client then carries it twice, which
-    /// the backend has always received and accepts. The body is not signed.
-    /// An unparseable URL or an empty method leaves the request unsigned.
-    void oAuthSign(std::string method, std::optional<std::vector<std::uint8_t>> body,
-                   std::optional<std::string> contentType, const OAuthCredentials& consumer,
-                   const std::optional<OAuthCredentials>& user);
-
-    /// Sets the method and a form-encoded body whose fields are signed too.
-    void oAuthSign(std::string method, const OAuthParameters& urlFormParameters, const OAuthCredentials& consumer,
-                   const std::optional<OAuthCredentials>& user);
-
-};
-
-/// The same signing for the API client's own request type.
+/// Sets the method and the body, and adds "Content-Length", "Content-Type"
+/// and "Authorization". Content-Type is added even when one is already
+/// present: a JSON request of the API client then carries it twice, which
+/// the backend has always received and accepts. The body is not signed.
+/// An unparseable URL or an empty method leaves the request unsigned.
 void oAuthSign(URLRequest& request, std::string method, std::optional<std::vector<std::uint8_t>> body,
                std::optional<std::string> contentType, const OAuthCredentials& consumer,
                const std::optional<OAuthCredentials>& user);
+/// Sets the method and a form-encoded body whose fields are signed too.
 void oAuthSign(URLRequest& request, std::string method, const OAuthParameters& urlFormParameters,
                const OAuthCredentials& consumer, const std::optional<OAuthCredentials>& user);
 

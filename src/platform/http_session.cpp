@@ -1,14 +1,15 @@
 #include "platform/http_session.hpp"
 
 #include <curl/curl.h>
+#include <openssl/crypto.h>
 #include <openssl/ssl.h>
 #include <openssl/x509.h>
-#include <openssl/x509v3.h>
 #include <pthread.h>
 
 #include <algorithm>
 #include <atomic>
 #include <cctype>
+#include <climits>
 #include <condition_variable>
 #include <cstdio>
 #include <cstdlib>
@@ -38,181 +39,15 @@ std::string trimmed(std::string_view text) {
     return std::string(text);
 }
 
-void initialiseCurlOnce() {
-    static std::once_flag once;
-    std::call_once(once, [] { curl_global_init(CURL_GLOBAL_DEFAULT); });
-}
+bool hasLineBreak(std::string_view text) { return text.find_first_of("\r\n") != std::string_view::npos; }
 
-// OpenSSL decodes a certificate's extensions the first time it checks one,
-// writing into the shared certificate. Stores are shared between network
-// threads, so that first decoding happens here, before any of them sees it.
-void decodeExtensionsOnce(X509_STORE* store) {
-    X509_STORE_lock(store);
-    STACK_OF(X509_OBJECT)* objects = X509_STORE_get0_objects(store);
-    for (int i = 0; i < sk_X509_OBJECT_num(objects); ++i)
-        if (X509* certificate = X509_OBJECT_get0_X509(sk_X509_OBJECT_value(objects, i)))
-            X509_check_purpose(certificate, -1, 0);
-    X509_STORE_unlock(store);
-}
-
-// Certificates are shared by reference, not parsed again.
-void addCertificates(X509_STORE* store, X509_STORE* from) {
-    if (!from) return;
-    X509_STORE_lock(from);
-    STACK_OF(X509_OBJECT)* objects = X509_STORE_get0_objects(from);
-    for (int i = 0; i < sk_X509_OBJECT_num(objects); ++i)
-        if (X509* certificate = X509_OBJECT_get0_X509(sk_X509_OBJECT_value(objects, i)))
-            X509_STORE_add_cert(store, certificate);
-    X509_STORE_unlock(from);
-}
-
-// Loading the system's certificate authorities costs milliseconds and about
-// a megabyte, so an eager load happens once per process and every session
-// shares the result. The store is never freed: network threads may still use
-// it while the process ends.
-X509_STORE* systemTrustStore() {
-    static X509_STORE* const store = [] {
-        X509_STORE* created = X509_STORE_new();
-        if (created) {
-            X509_STORE_set_default_paths(created);
-            decodeExtensionsOnce(created);
-        }
-        return created;
-    }();
-    return store;
-}
-
-bool isHashName(const std::string& name) {
-    // "<8 hex digits of the subject's hash>.<n>", as c_rehash names them.
-    if (name.size() < 10 || name[8] != '.') return false;
-    for (std::size_t i = 0; i < 8; ++i)
-        if (!std::isxdigit(static_cast<unsigned char>(name[i]))) return false;
-    for (std::size_t i = 9; i < name.size(); ++i)
-        if (!std::isdigit(static_cast<unsigned char>(name[i]))) return false;
-    return true;
-}
-
-// The system's authorities are looked up by subject in the certificate
-// directory while a chain is verified, instead of loaded whole, when that
-// directory is hashed and holds everything the bundle file holds: the bundle
-// is missing or lies inside the directory (the usual layout, where both are
-// made from the same certificates). Any other layout is loaded eagerly.
-// Both locations honour the environment, as OpenSSL's defaults do.
-// Empty: load eagerly.
-std::string lazySystemDirectory() {
-    const auto fromEnvironment = [](const char* variable, const char* fallback) {
-        const char* value = std::getenv(variable);
-        return std::string(value && *value ? value : fallback);
-    };
-    const std::string file = fromEnvironment(X509_get_default_cert_file_env(), X509_get_default_cert_file());
-    const std::string directory = fromEnvironment(X509_get_default_cert_dir_env(), X509_get_default_cert_dir());
-    // Several directories, separated by colons, are left to the eager load.
-    if (directory.find(':') != std::string::npos) return {};
-
-    static std::mutex mutex;
-    static std::string decidedFor;
-    static std::string decision;
-    const std::string key = file + '\n' + directory;
-    std::lock_guard lock(mutex);
-    if (decidedFor == key) return decision;
-    std::error_code error;
-    const auto realDirectory = std::filesystem::canonical(directory, error);
-    bool lazy = !error && std::filesystem::is_directory(realDirectory, error);
-    if (lazy) {
-        const auto realFile = std::filesystem::canonical(file, error);
-        lazy = error ? !std::filesystem::exists(file, error) : realFile.parent_path() == realDirectory;
-    }
-    if (lazy) {
-        lazy = false;
-        for (std::filesystem::directory_iterator entry(realDirectory, error), end; !error && entry != end;
-             entry.increment(error)) {
-            if (isHashName(entry->path().filename().string())) {
-                lazy = true;
-                break;
-            }
-        }
-    }
-    decidedFor = key;
-    decision = lazy ? directory : std::string();
-    return decision;
-}
-
-// The host's own authorities, read once per version of their files and
-// shared by reference between sessions.
-X509_STORE* anchorStore(const std::vector<std::filesystem::path>& anchors, bool withSystem) {
-    std::string key = withSystem ? "system" : "";
-    for (const auto& path : anchors) {
-        std::error_code sizeError, timeError;
-        const auto size = std::filesystem::file_size(path, sizeError);
-        const auto modified = std::filesystem::last_write_time(path, timeError).time_since_epoch().count();
-        key += '\n' + path.string() + '\t' + std::to_string(sizeError ? 0 : size) + '\t' +
-               std::to_string(timeError ? 0 : modified);
-    }
-    static std::mutex mutex;
-    // Never destroyed, like the stores it keeps: a destructor at exit would
-    // run while network threads may still use them.
-    static auto& kept = *new std::deque<std::pair<std::string, X509_STORE*>>();
-    constexpr std::size_t kKept = 8;
-    std::lock_guard lock(mutex);
-    for (const auto& [known, store] : kept) {
-        if (known != key) continue;
-        X509_STORE_up_ref(store);
-        return store;
-    }
-    X509_STORE* store = X509_STORE_new();
-    if (!store) return nullptr;
-    if (withSystem) addCertificates(store, systemTrustStore());
-    // An unreadable file adds nothing; chains that needed it then fail.
-    for (const auto& path : anchors) X509_STORE_load_file(store, path.c_str());
-    decodeExtensionsOnce(store);
-    if (kept.size() == kKept) {
-        // Sessions that use it hold their own reference.
-        X509_STORE_free(kept.front().second);
-        kept.pop_front();
-    }
-    kept.emplace_back(std::move(key), store);
-    X509_STORE_up_ref(store);
-    return store;
-}
-
-// The trust store of one session.
-//
-// With the system's authorities looked up lazily, every session has a store
-// of its own: the look-up adds certificates to the store as it finds them,
-// and OpenSSL decodes a certificate's extensions on its first check, writing
-// into it, so such a store is used by the session's network thread alone.
-// The host's authorities in it are shared, decoded before sharing.
-//
-// Loaded eagerly, the system's authorities (merged with the host's, which
-// costs milliseconds, and every API client makes two sessions with the same
-// anchors) sit in stores shared between sessions, every certificate decoded
-// before any network thread sees it.
-X509_STORE* makeTrustStore(const HttpSessionConfiguration& configuration) {
-    const std::string lazyDirectory = configuration.trustSystemAnchors ? lazySystemDirectory() : std::string();
-    if (configuration.trustSystemAnchors && lazyDirectory.empty()) {
-        if (configuration.trustAnchors.empty()) {
-            X509_STORE* system = systemTrustStore();
-            if (system) X509_STORE_up_ref(system);
-            return system;
-        }
-        return anchorStore(configuration.trustAnchors, true);
-    }
-    X509_STORE* store = X509_STORE_new();
-    if (!store) return nullptr;
-    if (!configuration.trustAnchors.empty()) {
-        X509_STORE* anchors = anchorStore(configuration.trustAnchors, false);
-        if (!anchors) {
-            X509_STORE_free(store);
-            return nullptr;
-        }
-        addCertificates(store, anchors);
-        X509_STORE_free(anchors);
-    }
-    if (!lazyDirectory.empty() && X509_STORE_load_path(store, lazyDirectory.c_str()) != 1) {
-        X509_STORE_free(store);
-        return nullptr;
-    }
-    return store;
+// The system's authorities as a hashed directory, which OpenSSL searches by
+// subject while it builds a chain: only the few certificates a chain needs
+// are ever read, where the bundle file would put every authority in memory
+// for each connection. The environment overrides it as it does for OpenSSL.
+std::string systemCertificateDirectory() {
+    const char* fromEnvironment = std::getenv(X509_get_default_cert_dir_env());
+    return fromEnvironment && *fromEnvironment ? fromEnvironment : X509_get_default_cert_dir();
 }
 
 int verificationIndex() {
@@ -226,6 +61,27 @@ int verifyCertificate(X509_STORE_CTX* storeContext, void* argument) {
     return static_cast<const TlsVerification*>(argument)->verify(storeContext);
 }
 
+// A released session's thread frees its TLS state on its way out. If the
+// process exits meanwhile, OpenSSL's exit handler may free the locks that
+// thread still uses, so an exit handler of our own, which runs before
+// OpenSSL's, waits a moment for such threads.
+struct EndingThreads {
+    std::mutex mutex;
+    std::condition_variable ended;
+    int count = 0;
+};
+
+EndingThreads& endingThreads() {
+    static auto& threads = *new EndingThreads();  // used by exit handlers: never destroyed
+    return threads;
+}
+
+void waitForEndingThreads() {
+    EndingThreads& threads = endingThreads();
+    std::unique_lock lock(threads.mutex);
+    threads.ended.wait_for(lock, std::chrono::milliseconds(500), [&] { return threads.count == 0; });
+}
+
 }  // namespace
 
 std::optional<std::string> headerValue(const HttpHeaders& headers, std::string_view name) {
@@ -236,62 +92,6 @@ std::optional<std::string> headerValue(const HttpHeaders& headers, std::string_v
     }
     return joined;
 }
-
-namespace {
-
-// A session's thread, once the session is released and idle, waits a while
-// for the next session instead of ending: clients are rebuilt whenever
-// credentials change, and making a thread costs more than a whole warm
-// exchange. Never destroyed, as parked threads may wait on it while the
-// process ends.
-class NetworkThreads {
-public:
-    void run(std::function<void()> work) {
-        {
-            std::lock_guard lock(_mutex);
-            if (_parked > 0) {
-                --_parked;
-                _work.push_back(std::move(work));
-                _arrived.notify_one();
-                return;
-            }
-        }
-        std::thread([this, work = std::move(work)]() mutable { serve(std::move(work)); }).detach();
-    }
-
-private:
-    static constexpr std::size_t kParked = 2;
-    static constexpr std::chrono::seconds kLinger{10};
-
-    void serve(std::function<void()> work) {
-        for (;;) {
-            work();
-            // Drops what the work held (its session) before waiting.
-            work = nullptr;
-            std::unique_lock lock(_mutex);
-            if (_parked >= kParked) return;
-            ++_parked;
-            if (!_arrived.wait_for(lock, kLinger, [this] { return !_work.empty(); })) {
-                --_parked;
-                return;
-            }
-            work = std::move(_work.front());
-            _work.pop_front();
-        }
-    }
-
-    std::mutex _mutex;
-    std::condition_variable _arrived;
-    std::deque<std::function<void()>> _work;
-    std::size_t _parked = 0;  // threads waiting for work, less work handed to them
-};
-
-void runOnNetworkThread(std::function<void()> work) {
-    static auto& threads = *new NetworkThreads();
-    threads.run(std::move(work));
-}
-
-}  // namespace
 
 struct Transfer {
     HttpSession::Core* core = nullptr;
@@ -322,8 +122,7 @@ struct Transfer {
 
 struct HttpSession::Core : std::enable_shared_from_this<HttpSession::Core> {
     explicit Core(HttpSessionConfiguration configuration)
-        : configuration(std::move(configuration)), multi(curl_multi_init()), share(curl_share_init()),
-          trustStore(makeTrustStore(this->configuration)) {
+        : configuration(std::move(configuration)), multi(curl_multi_init()), share(curl_share_init()) {
         // Transfers share TLS sessions (to resume them) and name look-ups.
         // Only the network thread touches the share, so it needs no locks.
         if (share) {
@@ -333,10 +132,8 @@ struct HttpSession::Core : std::enable_shared_from_this<HttpSession::Core> {
     }
 
     ~Core() {
-        for (CURL* easy : idleHandles) curl_easy_cleanup(easy);
         if (multi) curl_multi_cleanup(multi);
         if (share) curl_share_cleanup(share);
-        if (trustStore) X509_STORE_free(trustStore);
     }
 
     void enqueue(std::unique_ptr<Transfer> transfer) {
@@ -347,8 +144,8 @@ struct HttpSession::Core : std::enable_shared_from_this<HttpSession::Core> {
             first = !started;
             started = true;
         }
-        // The thread starts with its first task already waiting, so that
-        // task costs no wake-up, and a session never used costs no thread.
+        // The thread starts with its first task already waiting, so a
+        // session never used costs no thread.
         if (first)
             launch();
         else
@@ -357,25 +154,37 @@ struct HttpSession::Core : std::enable_shared_from_this<HttpSession::Core> {
 
     void launch() {
         // The thread keeps the machinery alive until it is released and idle.
-        runOnNetworkThread([core = shared_from_this()] {
+        std::thread([core = shared_from_this()]() mutable {
             core->threadId.store(std::this_thread::get_id());
             pthread_setname_np(pthread_self(), core->configuration.label.substr(0, 15).c_str());
             core->run();
             core->threadId.store({});
-        });
+            core.reset();
+            // What OpenSSL would free for this thread after it ends, freed now.
+            OPENSSL_thread_stop();
+            EndingThreads& ending = endingThreads();
+            std::lock_guard lock(ending.mutex);
+            --ending.count;
+            ending.ended.notify_all();
+        }).detach();
     }
 
     void release() {
+        bool running = false;
         {
             std::lock_guard lock(mutex);
             released = true;
+            running = started;
+        }
+        if (running) {
+            EndingThreads& ending = endingThreads();
+            std::lock_guard lock(ending.mutex);
+            ++ending.count;
         }
         curl_multi_wakeup(multi);
     }
 
     void run();
-    CURL* takeHandle();
-    void recycle(CURL* easy);
     void start(std::unique_ptr<Transfer> transfer);
     std::optional<HttpError> configure(Transfer& transfer);
     void finish(CURL* easy, CURLcode code);
@@ -385,7 +194,6 @@ struct HttpSession::Core : std::enable_shared_from_this<HttpSession::Core> {
     const HttpSessionConfiguration configuration;
     CURLM* const multi;
     CURLSH* const share;
-    X509_STORE* const trustStore;
     std::atomic<std::thread::id> threadId{};
 
     std::mutex mutex;
@@ -395,14 +203,6 @@ struct HttpSession::Core : std::enable_shared_from_this<HttpSession::Core> {
 
     // Network thread only.
     std::map<CURL*, std::unique_ptr<Transfer>> active;
-    // Easy handles of finished transfers, kept for the next ones: making a
-    // handle costs more than resetting one. Connections and TLS state live in
-    // the multi handle and the share, not here, so a reused handle carries
-    // nothing from one exchange to the next.
-    std::vector<CURL*> idleHandles;
-    // The last URL taken apart, as most requests of a session go to the same.
-    std::string parsedURL;
-    std::string parsedHost;
 };
 
 namespace {
@@ -419,6 +219,10 @@ void complete(std::unique_ptr<Transfer> transfer, std::optional<HttpResponse> re
     }
 }
 
+std::string tooLargeMessage(std::size_t limit) {
+    return "The response body is larger than " + std::to_string(limit) + " bytes";
+}
+
 std::size_t onBody(char* data, std::size_t size, std::size_t count, void* user) {
     auto* transfer = static_cast<Transfer*>(user);
     const std::size_t length = size * count;
@@ -426,8 +230,7 @@ std::size_t onBody(char* data, std::size_t size, std::size_t count, void* user) 
     auto& body = transfer->response.body;
     const std::size_t limit = transfer->core->configuration.maxBodySize;
     if (length > limit - std::min(limit, body.size())) {
-        transfer->failure = HttpError{HttpError::Kind::tooLarge, CURLE_FILESIZE_EXCEEDED,
-                                      "The response body is larger than " + std::to_string(limit) + " bytes"};
+        transfer->failure = HttpError{HttpError::Kind::tooLarge, CURLE_FILESIZE_EXCEEDED, tooLargeMessage(limit)};
         return 0;  // any short count aborts the transfer
     }
     body.insert(body.end(), reinterpret_cast<const std::uint8_t*>(data),
@@ -477,12 +280,14 @@ int onProgress(void* user, curl_off_t, curl_off_t downloaded, curl_off_t, curl_o
     return 0;
 }
 
+// Runs once per new connection, after libcurl has pointed the context's
+// store at the system's directory.
 CURLcode onSslContext(CURL*, void* sslContext, void* user) {
     auto* transfer = static_cast<Transfer*>(user);
     auto* context = static_cast<SSL_CTX*>(sslContext);
-    if (!transfer->core->trustStore) return CURLE_SSL_CACERT_BADFILE;
-    X509_STORE_up_ref(transfer->core->trustStore);
-    SSL_CTX_set_cert_store(context, transfer->core->trustStore);
+    // An unreadable file adds nothing; chains that needed it then fail.
+    X509_STORE* store = SSL_CTX_get_cert_store(context);
+    for (const auto& path : transfer->core->configuration.trustAnchors) X509_STORE_load_file(store, path.c_str());
 
     // The connection may outlive this transfer in the pool, so it owns its
     // own copy of what to check, freed with the context.
@@ -499,8 +304,6 @@ CURLcode onSslContext(CURL*, void* sslContext, void* user) {
     return CURLE_OK;
 }
 
-bool hasLineBreak(std::string_view text) { return text.find_first_of("\r\n") != std::string_view::npos; }
-
 }  // namespace
 
 std::optional<HttpError> HttpSession::Core::configure(Transfer& transfer) {
@@ -509,38 +312,30 @@ std::optional<HttpError> HttpSession::Core::configure(Transfer& transfer) {
     };
     const HttpRequest& request = transfer.request;
 
-    if (request.url != parsedURL || parsedURL.empty()) {
-        CURLU* url = curl_url();
-        if (!url) return invalid("Out of memory");
-        const bool parsed = curl_url_set(url, CURLUPART_URL, request.url.c_str(), 0) == CURLUE_OK;
-        char* host = nullptr;
-        char* scheme = nullptr;
-        if (parsed) {
-            curl_url_get(url, CURLUPART_HOST, &host, 0);
-            curl_url_get(url, CURLUPART_SCHEME, &scheme, 0);
+    std::string host;
+    std::string scheme;
+    if (CURLU* url = curl_url()) {
+        char* part = nullptr;
+        if (curl_url_set(url, CURLUPART_URL, request.url.c_str(), 0) == CURLUE_OK) {
+            if (curl_url_get(url, CURLUPART_HOST, &part, 0) == CURLUE_OK) host = part;
+            curl_free(part);
+            part = nullptr;
+            if (curl_url_get(url, CURLUPART_SCHEME, &part, 0) == CURLUE_OK) scheme = part;
+            curl_free(part);
         }
-        std::string hostText = host ? host : "";
-        const std::string schemeText = scheme ? scheme : "";
-        curl_free(host);
-        curl_free(scheme);
         curl_url_cleanup(url);
-        if (!parsed || hostText.empty()) return invalid("Invalid URL: " + request.url);
-        if (schemeText != "http" && schemeText != "https") return invalid("Unsupported URL scheme: " + schemeText);
-        parsedURL = request.url;
-        parsedHost = std::move(hostText);
     }
-    const std::string& hostText = parsedHost;
+    if (host.empty()) return invalid("Invalid URL: " + request.url);
+    if (scheme != "http" && scheme != "https") return invalid("Unsupported URL scheme: " + scheme);
     if (request.method.empty() || hasLineBreak(request.method) || request.method.find(' ') != std::string::npos)
         return invalid("Invalid HTTP method: " + request.method);
 
-    transfer.verification.host = hostText;
+    transfer.verification.host = host;
     transfer.verification.pins = configuration.pins;
 
     // Fields named twice go out once, their values joined, in first-seen order.
-    std::vector<std::pair<std::string, std::string>> fields;
-    for (const auto& header : request.headers) {
-        const std::string& name = header.first;
-        const std::string& value = header.second;
+    HttpHeaders fields;
+    for (const auto& [name, value] : request.headers) {
         if (name.empty() || hasLineBreak(name) || hasLineBreak(value) || name.find(':') != std::string::npos)
             return invalid("Invalid header field: " + name);
         auto same = std::find_if(fields.begin(), fields.end(), [&](const auto& f) { return sameName(f.first, name); });
@@ -552,18 +347,16 @@ std::optional<HttpError> HttpSession::Core::configure(Transfer& transfer) {
     const auto present = [&](std::string_view name) {
         return std::any_of(fields.begin(), fields.end(), [&](const auto& f) { return sameName(f.first, name); });
     };
-    if (configuration.cachePolicy == HttpCachePolicy::reloadIgnoringLocalAndRemoteCacheData) {
-        if (!present("Cache-Control")) fields.emplace_back("Cache-Control", "no-cache");
-        if (!present("Pragma")) fields.emplace_back("Pragma", "no-cache");
-    }
     std::vector<std::string> lines;
     for (const auto& [name, value] : fields)
         lines.push_back(value.empty() ? name + ";" : name + ": " + value);  // "Name;" sends an empty field
-    // libcurl's own additions that the request did not ask for are removed:
-    // an Accept field, and "Expect: 100-continue", which stalls large uploads
-    // on servers that do not answer it.
-    if (!present("Accept")) lines.emplace_back("Accept:");
-    if (!present("Expect")) lines.emplace_back("Expect:");
+    // What goes out is what the caller gave, and what HTTP itself needs. Of
+    // libcurl's own additions these go: an Accept field, a form Content-Type
+    // on bodies that did not name one, and "Expect: 100-continue", which
+    // stalls large uploads on servers that do not answer it. Storage targets
+    // check the fields of an upload against what they signed.
+    for (const char* added : {"Accept", "Content-Type", "Expect"})
+        if (!present(added)) lines.push_back(std::string(added) + ":");
     for (const auto& line : lines) {
         curl_slist* extended = curl_slist_append(transfer.headerList, line.c_str());
         if (!extended) return invalid("Out of memory");
@@ -597,10 +390,9 @@ std::optional<HttpError> HttpSession::Core::configure(Transfer& transfer) {
 
     curl_easy_setopt(easy, CURLOPT_SSL_VERIFYPEER, 1L);
     curl_easy_setopt(easy, CURLOPT_SSL_VERIFYHOST, 2L);
-    // The trust store is installed in the TLS context below; nothing is
-    // loaded from files per connection.
     curl_easy_setopt(easy, CURLOPT_CAINFO, nullptr);
-    curl_easy_setopt(easy, CURLOPT_CAPATH, nullptr);
+    const std::string systemDirectory = configuration.trustSystemAnchors ? systemCertificateDirectory() : "";
+    curl_easy_setopt(easy, CURLOPT_CAPATH, systemDirectory.empty() ? nullptr : systemDirectory.c_str());
     curl_easy_setopt(easy, CURLOPT_SSL_OPTIONS, static_cast<long>(CURLSSLOPT_NO_PARTIALCHAIN));
     curl_easy_setopt(easy, CURLOPT_SSL_CTX_FUNCTION, onSslContext);
     curl_easy_setopt(easy, CURLOPT_SSL_CTX_DATA, &transfer);
@@ -637,24 +429,9 @@ std::optional<HttpError> HttpSession::Core::configure(Transfer& transfer) {
     return std::nullopt;
 }
 
-CURL* HttpSession::Core::takeHandle() {
-    if (idleHandles.empty()) return curl_easy_init();
-    CURL* easy = idleHandles.back();
-    idleHandles.pop_back();
-    return easy;
-}
-
-void HttpSession::Core::recycle(CURL* easy) {
-    constexpr std::size_t kIdleHandles = 4;
-    if (idleHandles.size() >= kIdleHandles) return curl_easy_cleanup(easy);
-    // Drops every option, among them the pointers into the finished transfer.
-    curl_easy_reset(easy);
-    idleHandles.push_back(easy);
-}
-
 void HttpSession::Core::start(std::unique_ptr<Transfer> transfer) {
     transfer->core = this;
-    transfer->easy = takeHandle();
+    transfer->easy = curl_easy_init();
     std::optional<HttpError> error;
     if (!transfer->easy)
         error = HttpError{HttpError::Kind::transport, CURLE_FAILED_INIT, "The transfer could not be set up"};
@@ -665,10 +442,7 @@ void HttpSession::Core::start(std::unique_ptr<Transfer> transfer) {
         if (const CURLMcode added = curl_multi_add_handle(multi, transfer->easy); added != CURLM_OK)
             error = HttpError{HttpError::Kind::transport, CURLE_FAILED_INIT, curl_multi_strerror(added)};
     }
-    if (error) {
-        complete(std::move(transfer), std::nullopt, std::move(error));
-        return;
-    }
+    if (error) return complete(std::move(transfer), std::nullopt, std::move(error));
     CURL* easy = transfer->easy;
     active.emplace(easy, std::move(transfer));
 }
@@ -680,20 +454,9 @@ void HttpSession::Core::finish(CURL* easy, CURLcode code) {
     active.erase(found);
     curl_multi_remove_handle(multi, easy);
 
-    long status = 0;
-    curl_easy_getinfo(easy, CURLINFO_RESPONSE_CODE, &status);
-    // Reset only after the completion, which is what the caller waits for.
-    transfer->easy = nullptr;
-    struct Recycle {
-        Core& core;
-        CURL* easy;
-        ~Recycle() { core.recycle(easy); }
-    } recycleAfterwards{*this, easy};
-
     if (transfer->failure) {
         std::optional<HttpError> error = std::move(transfer->failure);
-        complete(std::move(transfer), std::nullopt, std::move(error));
-        return;
+        return complete(std::move(transfer), std::nullopt, std::move(error));
     }
     if (code != CURLE_OK) {
         HttpError error{HttpError::Kind::transport, static_cast<int>(code),
@@ -705,22 +468,18 @@ void HttpSession::Core::finish(CURL* easy, CURLcode code) {
             error.kind = HttpError::Kind::refusedTls;
         } else if (code == CURLE_FILESIZE_EXCEEDED) {
             error.kind = HttpError::Kind::tooLarge;
-            error.message =
-                "The response body is larger than " + std::to_string(configuration.maxBodySize) + " bytes";
+            error.message = tooLargeMessage(configuration.maxBodySize);
         } else if (code == CURLE_OPERATION_TIMEDOUT) {
             error.kind = HttpError::Kind::timedOut;
         }
-        complete(std::move(transfer), std::nullopt, std::move(error));
-        return;
+        return complete(std::move(transfer), std::nullopt, std::move(error));
     }
     HttpResponse response = std::move(transfer->response);
-    response.status = status;
+    curl_easy_getinfo(easy, CURLINFO_RESPONSE_CODE, &response.status);
     complete(std::move(transfer), std::move(response), std::nullopt);
 }
 
 void HttpSession::Core::expireTimedOut(Clock::time_point now) {
-    using std::chrono::duration_cast;
-    using std::chrono::milliseconds;
     std::vector<CURL*> expired;
     for (auto& [easy, transfer] : active) {
         if (now - transfer->lastActivity >= transfer->idleTimeout) {
@@ -741,26 +500,26 @@ void HttpSession::Core::expireTimedOut(Clock::time_point now) {
 
 int HttpSession::Core::pollTimeout(Clock::time_point now) const {
     using std::chrono::milliseconds;
-    // Idle sessions only wait for new work or their release.
-    milliseconds wait{60'000};
+    // Without a transfer the thread sleeps until new work or its release
+    // wakes it (libcurl shortens the wait itself when it has timers of its own).
+    if (active.empty()) return INT_MAX;
+    milliseconds wait = milliseconds::max();
     for (const auto& [easy, transfer] : active) {
         auto deadline = transfer->lastActivity + transfer->idleTimeout;
         if (transfer->totalTimeout) deadline = std::min(deadline, transfer->start + *transfer->totalTimeout);
         wait = std::min(wait, std::chrono::ceil<milliseconds>(deadline - now));
     }
-    return static_cast<int>(std::clamp<long long>(wait.count(), 1, 60'000));
+    return static_cast<int>(std::clamp<long long>(wait.count(), 1, INT_MAX));
 }
 
 void HttpSession::Core::run() {
     for (;;) {
         std::deque<std::unique_ptr<Transfer>> arrived;
-        bool done = false;
         {
             std::lock_guard lock(mutex);
             arrived.swap(pending);
-            done = released && arrived.empty() && active.empty();
+            if (released && arrived.empty() && active.empty()) break;
         }
-        if (done) break;
         for (auto& transfer : arrived) start(std::move(transfer));
 
         int running = 0;
@@ -780,9 +539,12 @@ void HttpSession::Core::run() {
 }
 
 std::shared_ptr<HttpSession> HttpSession::make(HttpSessionConfiguration configuration) {
-    initialiseCurlOnce();
-    auto core = std::make_shared<Core>(std::move(configuration));
-    return std::shared_ptr<HttpSession>(new HttpSession(std::move(core)));
+    static std::once_flag once;
+    std::call_once(once, [] {
+        curl_global_init(CURL_GLOBAL_DEFAULT);
+        std::atexit(waitForEndingThreads);
+    });
+    return std::shared_ptr<HttpSession>(new HttpSession(std::make_shared<Core>(std::move(configuration))));
 }
 
 HttpSession::HttpSession(std::shared_ptr<Core> core) : _core(std::move(core)) {}

@@ -64,15 +64,6 @@ struct HttpError {
 /// Exactly one of response and error is set.
 using HttpCompletion = std::function<void(std::optional<HttpResponse>, std::optional<HttpError>)>;
 
-enum class HttpCachePolicy {
-    /// Whatever the request's own headers say.
-    useProtocolCachePolicy,
-    /// Asks caches on the way for a fresh answer ("Cache-Control: no-cache"
-    /// and "Pragma: no-cache" unless the request sets them). The session
-    /// itself never caches.
-    reloadIgnoringLocalAndRemoteCacheData,
-};
-
 struct HttpSessionConfiguration {
     /// Names the network thread (for logs and debuggers).
     std::string label = "palomir.http";
@@ -84,7 +75,8 @@ struct HttpSessionConfiguration {
     std::optional<std::chrono::milliseconds> totalTimeout;
     /// PEM files of certificate authorities trusted beside the system's.
     std::vector<std::filesystem::path> trustAnchors;
-    /// Whether the system's certificate authorities are trusted.
+    /// Whether the system's certificate authorities are trusted (the hashed
+    /// directory OpenSSL names, or $SSL_CERT_DIR).
     bool trustSystemAnchors = true;
     /// Null: ordinary verification. Otherwise every connection must also
     /// pass the pin check, and TLS sessions are never resumed.
@@ -92,16 +84,15 @@ struct HttpSessionConfiguration {
     /// A response body larger than this fails the exchange, without being
     /// held in memory.
     std::size_t maxBodySize = 10 * 1024 * 1024;
-    HttpCachePolicy cachePolicy = HttpCachePolicy::useProtocolCachePolicy;
 };
 
 /// One connection pool and one network thread, on which every completion of
 /// the session runs. Redirects are not followed (a 3xx is a plain status).
 /// A task in flight keeps the session's machinery alive, so an exchange
 /// finishes and completes even after its owner dropped the session. The
-/// thread starts with the first task and leaves the session once it is
-/// released and idle; it then waits a few seconds for another new session
-/// before it ends.
+/// thread starts with the first task, sleeps while nothing is under way and
+/// ends once the session is released and idle. Nothing is cached: every
+/// request goes to the server, with the header fields it was given.
 class HttpSession {
 public:
     static std::shared_ptr<HttpSession> make(HttpSessionConfiguration configuration = {});

@@ -7,6 +7,17 @@
 
 namespace palomir {
 
+namespace {
+
+// An IPv6 literal is written in brackets in a URL and bare in a certificate;
+// pins are kept and looked up bare, however the host wrote them.
+std::string withoutBrackets(const std::string& host) {
+    if (host.size() >= 2 && host.front() == '[' && host.back() == ']') return host.substr(1, host.size() - 2);
+    return host;
+}
+
+}  // namespace
+
 void PinSet::KeyDeleter::operator()(EVP_PKEY* key) const { EVP_PKEY_free(key); }
 
 PinSet::PinSet() = default;
@@ -21,7 +32,7 @@ PinSet::PinSet(const std::map<std::string, std::vector<std::uint8_t>>& pinnedCer
         EVP_PKEY* key = X509_get_pubkey(certificate);
         X509_free(certificate);
         if (!key) continue;
-        _keys[host].reset(key);
+        _keys[withoutBrackets(host)].reset(key);
     }
 }
 
@@ -37,11 +48,6 @@ bool PinSet::matchesVerifiedChain(const std::string& host, const void* verifiedC
 }
 
 namespace {
-
-std::string withoutBrackets(const std::string& host) {
-    if (host.size() >= 2 && host.front() == '[' && host.back() == ']') return host.substr(1, host.size() - 2);
-    return host;
-}
 
 int refuse(X509_STORE_CTX* storeContext, const std::shared_ptr<std::optional<std::string>>& refusal,
            std::string reason) {
@@ -71,8 +77,13 @@ int TlsVerification::verify(X509_STORE_CTX* storeContext) const {
         return 0;
     }
     if (!pins) return 1;
+    // Strict by design: without a pin nothing is sent. The host most likely
+    // has not shipped the certificate yet, so the text says what to supply.
     if (!pins->hasPin(bareHost))
-        return refuse(storeContext, refusal, "Certificate pinning refused " + bareHost + ": no key is pinned for this host");
+        return refuse(storeContext, refusal,
+                      "Certificate pinning refused " + bareHost + ": no key is pinned for this host (supply the "
+                      "certificate whose key to pin as \"" + host + ".crt\" in Palomir's resource bundle or in "
+                      "BackendOptions::resourceDirectory)");
     if (!pins->matchesVerifiedChain(bareHost, X509_STORE_CTX_get0_chain(storeContext)))
         return refuse(storeContext, refusal,
                       "Certificate pinning refused " + bareHost + ": no certificate of the verified chain carries the pinned key");

@@ -17,7 +17,8 @@ namespace palomir {
 /// Public keys pinned per host. A TLS connection to a host is accepted only
 /// when OpenSSL's own verification of the server's chain succeeds and some
 /// certificate of the verified chain (leaf, intermediate or root) carries the
-/// key pinned for exactly that host name (case-sensitive). A host without a
+/// key pinned for exactly that host name (case-sensitive; an IPv6 literal with
+/// or without its brackets). A host without a
 /// pin, and every host of an empty set, is refused.
 class PinSet {
 public:
@@ -31,7 +32,7 @@ public:
 
     /// Number of hosts with a usable key.
     std::size_t size() const { return _keys.size(); }
-    bool hasPin(const std::string& host) const { return _keys.count(host) != 0; }
+    bool hasPin(const std::string& host) const { return _keys.count(host) != 0; }  // IPv6 without brackets
 
     /// Whether some certificate of a chain that OpenSSL has just verified
     /// carries the key pinned for `host`. `verifiedChain` is a

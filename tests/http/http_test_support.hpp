@@ -29,7 +29,12 @@ inline Outcome perform(const std::shared_ptr<HttpSession>& session, HttpRequest 
     auto promise = std::make_shared<std::promise<Outcome>>();
     auto future = promise->get_future();
     const auto start = std::chrono::steady_clock::now();
-    HttpCompletion completion = [promise, start](std::optional<HttpResponse> response, std::optional<HttpError> error) {
+    // Every completion runs on the session's thread with exactly one of the two.
+    HttpCompletion completion = [promise, start, weak = std::weak_ptr<HttpSession>(session)](
+                                    std::optional<HttpResponse> response, std::optional<HttpError> error) {
+        const auto alive = weak.lock();
+        EXPECT_TRUE(!alive || alive->isCurrent());
+        EXPECT_NE(response.has_value(), error.has_value());
         Outcome outcome;
         outcome.response = std::move(response);
         outcome.error = std::move(error);

@@ -9,12 +9,10 @@ namespace palomir_test {
 
 struct TlsTestServer::State {
     std::mutex mutex;
-    CertificateChain chain;
-    Handler handler;
+    Options options;  // the chain may change under the mutex
     std::vector<RecordedRequest> requests;
     std::atomic<std::size_t> handshakes{0};
     std::atomic<std::size_t> resumed{0};
-    bool keepAlive = true;
 
     std::unique_ptr<httplib::SSLServer> server;
     std::thread thread;
@@ -30,7 +28,7 @@ int presentChain(SSL* ssl, void* argument) {
     CertificateChain chain;
     {
         std::lock_guard lock(state->mutex);
-        chain = state->chain;
+        chain = state->options.chain;
     }
     if (chain.empty() || !chain.front().key()) return 0;
     if (SSL_use_certificate(ssl, chain.front().x509()) != 1) return 0;
@@ -52,9 +50,7 @@ void countHandshakes(const SSL* ssl, int where, int) {
 }  // namespace
 
 TlsTestServer::TlsTestServer(Options options) : _state(std::make_shared<State>()) {
-    _state->chain = std::move(options.chain);
-    _state->handler = std::move(options.handler);
-    _state->keepAlive = options.keepAlive;
+    _state->options = std::move(options);
     start();
 }
 
@@ -82,7 +78,7 @@ void TlsTestServer::start() {
         {
             std::lock_guard lock(state->mutex);
             state->requests.push_back(recorded);
-            handler = state->handler;
+            handler = state->options.handler;
         }
         TestResponse answer;
         answer.body = "ok";
@@ -108,17 +104,13 @@ void TlsTestServer::start() {
     state->server->Post(everything, route);
     state->server->Put(everything, route);
     state->server->Delete(everything, route);
-    if (!state->keepAlive) state->server->set_keep_alive_max_count(1);
-    // Idle connections would hold up a restart for the default 5 s.
+    if (!state->options.keepAlive) state->server->set_keep_alive_max_count(1);
+    // Idle connections would hold up the server's end for the default 5 s.
     state->server->set_keep_alive_timeout(1);
     if (!state->server->is_valid()) throw std::runtime_error("test server: TLS set-up failed");
 
-    if (_port == 0) {
-        _port = state->server->bind_to_any_port("127.0.0.1");
-        if (_port <= 0) throw std::runtime_error("test server: cannot bind");
-    } else if (!state->server->bind_to_port("127.0.0.1", _port)) {
-        throw std::runtime_error("test server: cannot bind to port " + std::to_string(_port) + " again");
-    }
+    _port = state->server->bind_to_any_port(state->options.address);
+    if (_port <= 0) throw std::runtime_error("test server: cannot bind to " + state->options.address);
     httplib::SSLServer* server = state->server.get();
     state->thread = std::thread([server] { server->listen_after_bind(); });
 }
@@ -130,18 +122,13 @@ void TlsTestServer::stop() {
     _state->server.reset();
 }
 
-void TlsTestServer::restart() {
-    stop();
-    start();
-}
-
 std::string TlsTestServer::url(const std::string& path, const std::string& host) const {
     return "https://" + host + ":" + std::to_string(_port) + path;
 }
 
 void TlsTestServer::setChain(CertificateChain chain) {
     std::lock_guard lock(_state->mutex);
-    _state->chain = std::move(chain);
+    _state->options.chain = std::move(chain);
 }
 
 std::vector<RecordedRequest> TlsTestServer::requests() const {

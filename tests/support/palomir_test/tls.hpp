@@ -15,6 +15,7 @@
 #include <memory>
 #include <mutex>
 #include <optional>
+#include <set>
 #include <string>
 #include <thread>
 #include <utility>
@@ -105,6 +106,12 @@ struct RecordedRequest {
 
     /// All values of a field (any letter case) as received, in order.
     std::vector<std::string> headerValues(const std::string& name) const;
+    /// The fields' names as received.
+    std::set<std::string> headerNames() const {
+        std::set<std::string> names;
+        for (const auto& header : headers) names.insert(header.first);
+        return names;
+    }
 };
 
 struct TestResponse {
@@ -116,7 +123,7 @@ struct TestResponse {
     std::optional<std::size_t> chunkedBytes;
 };
 
-/// HTTPS on 127.0.0.1 with a port of the system's choosing. Every request is
+/// HTTPS on loopback with a port of the system's choosing. Every request is
 /// recorded before the handler answers it (by default 200 "ok").
 class TlsTestServer {
 public:
@@ -128,6 +135,9 @@ public:
         Handler handler;
         /// False: the server closes every connection after one request.
         bool keepAlive = true;
+        /// The loopback address to listen on ("::1" for IPv6); binding fails
+        /// with an exception where the machine lacks it.
+        std::string address = "127.0.0.1";
     };
 
     explicit TlsTestServer(Options options);
@@ -141,8 +151,6 @@ public:
 
     /// Handshakes from now on present `chain`; open connections keep theirs.
     void setChain(CertificateChain chain);
-    /// Stops and listens again on the same port, dropping every connection.
-    void restart();
 
     std::vector<RecordedRequest> requests() const;
     /// TLS handshakes that the server completed.
