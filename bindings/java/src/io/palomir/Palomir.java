@@ -14,7 +14,8 @@ import java.util.function.Consumer;
  * The Java entry point to Palomir: {@code Palomir.shared()}. Every method may
  * be called from any thread and returns at once; a completion runs exactly
  * once, on the executor passed with it (on Android, the main thread's
- * executor), also for answers from memory and local failures.
+ * executor), also for answers from memory and local failures. An executor
+ * that rejects the completion loses it (the rejection is printed).
  */
 public final class Palomir {
     private static final Palomir SHARED = new Palomir();

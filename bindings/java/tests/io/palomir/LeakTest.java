@@ -47,10 +47,12 @@ class LeakTest {
         assertEquals(CHECKINS, calls.get());
 
         long after = usedAfterGc();
+        System.out.printf("heap after GC: %d bytes before, %d after%n", before, after);
         long alive = passed.stream().filter(reference -> reference.get() != null).count();
         assertEquals(0, alive, "callbacks and executors still reachable");
         // 10,000 leaked configurations or global references would take megabytes.
         assertTrue(after - before < 2 << 20, "heap grew by " + (after - before) + " bytes");
+        assertEquals(1, Sandbox.occurrences(Sandbox.admin("requests"), "/api/checkin/"), "answered from memory");
     }
 
     private static long usedAfterGc() throws InterruptedException {
