@@ -24,8 +24,14 @@ final class Pending<T> {
         if (error != 0) {
             result = Result.failure(PalomirException.take(error));
         } else {
-            result = Result.success(reader.apply(value));
+            try {
+                result = Result.success(reader.apply(value));
+            } catch (RuntimeException | OutOfMemoryError e) {
+                // The caller still hears back exactly once.
+                result = Result.failure(new PalomirException(PalomirException.Code.INTERNAL, "Internal error: " + e));
+            }
         }
-        executor.execute(() -> callback.accept(result));
+        Result<T> outcome = result;
+        executor.execute(() -> callback.accept(outcome));
     }
 }
