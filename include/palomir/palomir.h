@@ -407,6 +407,140 @@ PL_API bool pl_feedback_with_files(const char* title, const char* message, const
                                    const char* const* paths, size_t count, PLQueue* queue,
                                    PLFeedbackCompletion completion, void* context, PLError** error) PL_NOEXCEPT;
 
+/* ========================================================================= */
+/* Configuration: theme, note identifiers, lockdown type and notes           */
+
+/** A colour, each component from 0.0 to 1.0. */
+typedef struct PLColor {
+    double red;
+    double green;
+    double blue;
+    double alpha;
+} PLColor;
+
+/** Which colour of the theme pl_configuration_theme_color reads. */
+typedef enum PLThemeColor {
+    PL_THEME_COLOR_TEXT = 0,
+    PL_THEME_COLOR_BACKGROUND = 1,
+    PL_THEME_COLOR_INNER_BACKGROUND = 2,
+    PL_THEME_COLOR_ACTION_TEXT = 3,
+    PL_THEME_COLOR_ACTION_BUTTON = 4
+} PLThemeColor;
+
+/// Reads one colour of the theme into `*out`. Returns false, leaving `*out`
+/// untouched, when the theme has no such colour (the last three are optional)
+/// or an argument is NULL or out of range.
+PL_API bool pl_configuration_theme_color(const PLConfiguration* configuration, PLThemeColor which, PLColor* out) PL_NOEXCEPT;
+/// The number of colours of the theme's background gradient; 0 without one.
+PL_API size_t pl_configuration_theme_gradient_count(const PLConfiguration* configuration) PL_NOEXCEPT;
+/// Reads the gradient colour at `index` into `*out`; false when out of range.
+PL_API bool pl_configuration_theme_gradient_color_at(const PLConfiguration* configuration, size_t index, PLColor* out) PL_NOEXCEPT;
+/// Reads the gradient's start and end points (unit square); false without a
+/// gradient. Each pointer may be NULL.
+PL_API bool pl_configuration_theme_gradient_points(const PLConfiguration* configuration, double* start_x, double* start_y,
+                                                   double* end_x, double* end_y) PL_NOEXCEPT;
+
+/// The identifier of the note at `index` as UUID text in upper-case hexadecimal; NULL when out of range.
+PL_API const char* pl_configuration_note_identifier(const PLConfiguration* configuration, size_t index) PL_NOEXCEPT;
+
+/** The strictness a lockdown names. */
+typedef enum PLLockdownType {
+    PL_LOCKDOWN_TYPE_HARD = 0,
+    PL_LOCKDOWN_TYPE_SOFT = 1
+} PLLockdownType;
+
+/// The type the lockdown names, whether active or not, into `*out`; false
+/// (leaving `*out` untouched) when it names none.
+PL_API bool pl_configuration_lockdown_type(const PLConfiguration* configuration, PLLockdownType* out) PL_NOEXCEPT;
+/// The lockdown's title image URL, or NULL.
+PL_API const char* pl_configuration_lockdown_title_image(const PLConfiguration* configuration) PL_NOEXCEPT;
+
+/** One text of a note, for pl_configuration_lockdown_note. */
+typedef enum PLNoteField {
+    PL_NOTE_IDENTIFIER = 0,
+    PL_NOTE_TITLE = 1,
+    PL_NOTE_SUBTITLE = 2,
+    PL_NOTE_CONTENT = 3,
+    PL_NOTE_IMAGE = 4
+} PLNoteField;
+
+/// The number of notes the lockdown carries (0 when it carries none).
+PL_API size_t pl_configuration_lockdown_note_count(const PLConfiguration* configuration) PL_NOEXCEPT;
+/// One text of the lockdown's note at `index`, borrowed from the handle;
+/// NULL when out of range or absent (subtitle and image are optional).
+PL_API const char* pl_configuration_lockdown_note(const PLConfiguration* configuration, size_t index, PLNoteField field) PL_NOEXCEPT;
+
+/* ========================================================================= */
+/* Services                                                                  */
+
+/** A list of services as fetched, with the backend's max-age hint. Immutable
+    and reference counted. A single-service fetch gives a list of one. */
+typedef struct PLServices PLServices;
+
+/** One text of a service, for pl_services_text. */
+typedef enum PLServiceField {
+    PL_SERVICE_NAME = 0,
+    PL_SERVICE_IDENTIFIER = 1,
+    PL_SERVICE_URL = 2,
+    PL_SERVICE_IMAGE = 3,
+    PL_SERVICE_MESSAGE_TITLE = 4,
+    PL_SERVICE_MESSAGE_DESCRIPTION = 5,
+    PL_SERVICE_MESSAGE_DISMISS = 6,
+    PL_SERVICE_MESSAGE_URL = 7,
+    PL_SERVICE_MESSAGE_URL_TITLE = 8
+} PLServiceField;
+
+/// Another reference to the same list; the caller releases it. NULL for NULL.
+PL_API PLServices* pl_services_retain(const PLServices* services) PL_NOEXCEPT;
+/// Gives back one reference. NULL is ignored.
+PL_API void pl_services_release(PLServices* services) PL_NOEXCEPT;
+/// The services of a configuration as a list (without a max-age hint), owned
+/// by the caller; NULL for NULL. Empty when the configuration lists none.
+PL_API PLServices* pl_configuration_copy_services(const PLConfiguration* configuration) PL_NOEXCEPT;
+/// The max-age hint in seconds into `*seconds`; false when the backend gave none.
+PL_API bool pl_services_max_age(const PLServices* services, double* seconds) PL_NOEXCEPT;
+/// How many services the list holds.
+PL_API size_t pl_services_count(const PLServices* services) PL_NOEXCEPT;
+/// One text of the service at `index`, borrowed from the list; NULL when
+/// out of range or absent (all but name and identifier are optional).
+PL_API const char* pl_services_text(const PLServices* services, size_t index, PLServiceField field) PL_NOEXCEPT;
+/// The state of the service at `index` into `*out`; false when out of range.
+PL_API bool pl_services_state(const PLServices* services, size_t index, PLServiceState* out) PL_NOEXCEPT;
+/// Whether the service at `index` is available; false when out of range.
+PL_API bool pl_services_available(const PLServices* services, size_t index) PL_NOEXCEPT;
+/// Whether the service at `index` triggers the message banner; false when out of range.
+PL_API bool pl_services_triggers_message(const PLServices* services, size_t index) PL_NOEXCEPT;
+/// Whether the service at `index` has a message.
+PL_API bool pl_services_has_message(const PLServices* services, size_t index) PL_NOEXCEPT;
+
+/** Receives a fetch's outcome: exactly one of `services` and `error` is not
+    NULL, both borrowed until the callback returns. Runs on the queue given. */
+typedef void (*PLServicesCompletion)(const PLServices* services, const PLError* error, void* context);
+
+/// Fetches the host's services (`system` false) or the backend's own system
+/// services (`system` true); every call asks the backend. Contract as
+/// pl_checkin: fails only for a NULL queue, else the completion runs once.
+PL_API bool pl_services(bool system, PLQueue* queue, PLServicesCompletion completion, void* context, PLError** error) PL_NOEXCEPT;
+/// Fetches one service by `identifier` (required); the list delivered holds it alone.
+PL_API bool pl_service(bool system, const char* identifier, PLQueue* queue, PLServicesCompletion completion, void* context,
+                       PLError** error) PL_NOEXCEPT;
+
+/* ========================================================================= */
+/* Log files                                                                 */
+
+/** A list of texts. Immutable; owned by the caller. */
+typedef struct PLStringList PLStringList;
+
+/// The paths of the client's log files, owned by the caller
+/// (pl_string_list_release). NULL only when out of memory.
+PL_API PLStringList* pl_copy_log_files(void) PL_NOEXCEPT;
+/// How many texts the list holds; 0 for NULL.
+PL_API size_t pl_string_list_count(const PLStringList* list) PL_NOEXCEPT;
+/// The text at `index`, borrowed from the list; NULL when out of range.
+PL_API const char* pl_string_list_at(const PLStringList* list, size_t index) PL_NOEXCEPT;
+/// Frees the list. NULL is ignored.
+PL_API void pl_string_list_release(PLStringList* list) PL_NOEXCEPT;
+
 #ifdef __cplusplus
 }
 #endif

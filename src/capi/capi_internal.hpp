@@ -11,7 +11,9 @@
 #include <string>
 #include <string_view>
 #include <utility>
+#include <vector>
 
+#include "palomir/api_client.hpp"
 #include "palomir/dispatch.hpp"
 #include "palomir/errors.hpp"
 #include "palomir/model.hpp"
@@ -31,6 +33,14 @@ struct PLConfiguration {
     // hands out by copy (accessors return pointers into the handle).
     const PLLockdownResult lockdown;
     const std::optional<std::string> worstServiceIdentifier;
+    // The notes' identifiers as text, the configuration's notes first, then the lockdown's.
+    const std::vector<std::string> noteIdentifiers;
+};
+
+struct PLServices {
+    mutable std::atomic<int> references{1};
+    const std::vector<palomir::Service> value;
+    const palomir::MaxAge maxAge;
 };
 
 struct PLAttachment {

@@ -226,10 +226,21 @@ PLConfiguration* configurationFromJson(std::string_view json, PLError** error) n
     }
 }
 
+std::vector<std::string> identifiers(const Configuration& configuration) {
+    std::vector<std::string> texts;
+    for (const auto& note : configuration.notes) texts.push_back(note.identifier.text());
+    if (configuration.lockdown.notes)
+        for (const auto& note : *configuration.lockdown.notes) texts.push_back(note.identifier.text());
+    return texts;
+}
+
 }  // namespace
 
 PLConfiguration::PLConfiguration(Configuration c)
-    : value(std::move(c)), lockdown(facadeReading(value.lockdown)), worstServiceIdentifier(worstIdentifier(value)) {}
+    : value(std::move(c)),
+      lockdown(facadeReading(value.lockdown)),
+      worstServiceIdentifier(worstIdentifier(value)),
+      noteIdentifiers(identifiers(value)) {}
 
 extern "C" PLConfiguration* pl_configuration_from_json(const char* json, PLError** error) noexcept {
     if (!json) {

@@ -39,13 +39,6 @@ static void check_error(PLError** error, PLErrorCode code, const char* text, int
 }
 #define CHECK_ERROR(error, code, text) check_error(&(error), (code), (text), __LINE__)
 
-// Writes `text` to `directory`/`name` and puts the path into `path`.
-static void write_file(const char* directory, const char* name, const char* text, char* path, size_t size) {
-    snprintf(path, size, "%s/%s", directory, name);
-    FILE* file = fopen(path, "wb");
-    CHECK(file && fputs(text, file) >= 0 && fclose(file) == 0);
-}
-
 // ---------------------------------------------------------------------------
 // Without network
 
@@ -53,14 +46,17 @@ static void configuration(void) {
     static const struct {
         const char* lockdown;
         PLLockdownResult expected;
+        int type; // -1: none named
+        size_t notes;
     } readings[] = {
-        {"{\"active\":false,\"type\":\"hard\",\"latest_version\":\"1\"}", PL_LOCKDOWN_RESULT_OPEN},
+        {"{\"active\":false,\"type\":\"hard\",\"latest_version\":\"1\"}", PL_LOCKDOWN_RESULT_OPEN, PL_LOCKDOWN_TYPE_HARD, 0},
         // Active without a type: open here, although the screen flow shows it as soft.
-        {"{\"active\":true,\"latest_version\":\"1\"}", PL_LOCKDOWN_RESULT_OPEN},
-        {"{\"active\":true,\"type\":\"soft\",\"latest_version\":\"1\"}", PL_LOCKDOWN_RESULT_SOFT},
-        {"{\"active\":true,\"type\":\"hard\",\"latest_version\":\"1\"}", PL_LOCKDOWN_RESULT_HARD},
+        {"{\"active\":true,\"latest_version\":\"1\",\"notes\":[{\"identifier\":\"5A4E2B10-0000-4000-8000-00000000000F\","
+         "\"title\":\"L\",\"content\":\"c\"}]}", PL_LOCKDOWN_RESULT_OPEN, -1, 1},
+        {"{\"active\":true,\"type\":\"soft\",\"latest_version\":\"1\"}", PL_LOCKDOWN_RESULT_SOFT, PL_LOCKDOWN_TYPE_SOFT, 0},
+        {"{\"active\":true,\"type\":\"hard\",\"latest_version\":\"1\"}", PL_LOCKDOWN_RESULT_HARD, PL_LOCKDOWN_TYPE_HARD, 0},
         // Not a configuration: refused, naming the member.
-        {"{\"active\":true}", (PLLockdownResult)-1},
+        {"{\"active\":true}", (PLLockdownResult)-1, -1, 0},
     };
     for (size_t i = 0; i < sizeof readings / sizeof readings[0]; ++i) {
         char json[1024];
@@ -85,11 +81,14 @@ static void configuration(void) {
         CHECK(pl_configuration_next_checkin(read, &has_date, &at) && has_date && at == 1893553445678LL);
         PLCheckinEvent event = PL_CHECKIN_EVENT_LAUNCH;
         CHECK(pl_configuration_next_checkin_event_at(read, 0, &event) && event == PL_CHECKIN_EVENT_FOREGROUND);
-        CHECK(!pl_configuration_next_checkin_event_at(read, 1, &event));
         CHECK(!pl_configuration_note_subtitle(read, 0) && !pl_configuration_note_title(read, 1));
         PLServiceState state = PL_SERVICE_STATE_OK;
         CHECK(pl_configuration_service_state(read, 0, &state) && state == PL_SERVICE_STATE_WARNING);
         CHECK(!pl_configuration_service_state(read, 1, &state));
+        PLLockdownType type = (PLLockdownType)-1;
+        CHECK(pl_configuration_lockdown_type(read, &type) == (readings[i].type >= 0) && (int)type == readings[i].type);
+        CHECK(pl_configuration_lockdown_note_count(read) == readings[i].notes);
+        CHECK_STR(pl_configuration_note_identifier(read, 0), "0E9D6C3A-4B2F-4A8E-B1D7-6F2C9E5A8B34");
         // A retained handle outlives the first release.
         PLConfiguration* kept = pl_configuration_retain(read);
         pl_configuration_release(read);
@@ -107,8 +106,6 @@ static void enumerations(void) {
         CHECK(pl_dismiss_action_from_int(value, &action) == dismiss && (int)action == (dismiss ? value : 77));
         CHECK(pl_lockdown_result_from_int(value, &result) == lockdown && (int)result == (lockdown ? value : 77));
     }
-    CHECK(PL_DISMISS_ACTION_PERFORM_ACTION == 0 && PL_DISMISS_ACTION_CLOSE == 1);
-    CHECK(PL_LOCKDOWN_RESULT_OPEN == 0 && PL_LOCKDOWN_RESULT_SOFT == 1 && PL_LOCKDOWN_RESULT_HARD == 2);
 }
 
 static void attachments(void) {
@@ -391,7 +388,9 @@ static void sandbox(void) {
 
     char directory[] = "/tmp/palomir-capi-files-XXXXXX", path[512], missing[600];
     CHECK(mkdtemp(directory) != NULL);
-    write_file(directory, "log.txt", "line\n", path, sizeof path);
+    snprintf(path, sizeof path, "%s/log.txt", directory);
+    FILE* log = fopen(path, "wb");
+    CHECK(log && fputs("line\n", log) >= 0 && fclose(log) == 0);
     PLAttachment* note = pl_attachment_create("note.txt", NULL, "hello", 5);
     PLAttachment* data = pl_attachment_create("data.bin", "application/octet-stream", "\x01\x02", 2);
     PLAttachment* file = pl_attachment_create_from_file(path, NULL);
@@ -415,7 +414,6 @@ static void sandbox(void) {
     // The metadata goes with every later check-in and feedback.
     CHECK(occurrences(requests, "\\\"metadata\\\":{\\\"beta\\\":{\\\"on\\\":true},\\\"plan\\\":\\\"pro\\\",\\\"seats\\\":[3,null]}") == 6);
     CHECK(occurrences(requests, "[\"X-Authorization-User\",\"Bearer abc123\"]") == 1);
-    CHECK(occurrences(requests, "[\"X-Authorization-User\",\"Bearer xyz\"]") == 1);
     CHECK(occurrences(requests, "X-Authorization-User") == 2);
     free(requests);
     char* feedback = sandbox_admin("feedback");

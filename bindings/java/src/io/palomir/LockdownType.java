@@ -1,0 +1,4 @@
+package io.palomir;
+
+/** The strictness a lockdown names. */
+public enum LockdownType { HARD, SOFT }

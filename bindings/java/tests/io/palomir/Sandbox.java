@@ -1,0 +1,72 @@
+package io.palomir;
+
+import java.io.InputStream;
+import java.net.URI;
+import java.net.http.HttpClient;
+import java.net.http.HttpRequest;
+import java.net.http.HttpResponse;
+import java.nio.file.Files;
+import java.nio.file.Path;
+import java.security.KeyStore;
+import java.security.cert.CertificateFactory;
+import java.util.concurrent.CompletableFuture;
+import java.util.concurrent.TimeUnit;
+import java.util.function.Consumer;
+import javax.net.ssl.SSLContext;
+import javax.net.ssl.TrustManagerFactory;
+
+// The palomir-sandbox that run_against_sandbox.py started for this JVM, and
+// the waiting every test class needs.
+final class Sandbox {
+    static final String BASE_URL = System.getProperty("palomir.baseUrl");
+    static final Path CA_FILE = Path.of(System.getProperty("palomir.caFile"));
+
+    private Sandbox() {}
+
+    /** Describes the test host, points the shared client at the sandbox and signs with `secret`. */
+    static Palomir client(String secret) throws Exception {
+        Palomir palomir = Palomir.shared();
+        palomir.setHostInfo("io.palomir.tests.java", "1.0", "10", "Java tests");
+        palomir.setBackend(BASE_URL, CA_FILE, Path.of(System.getProperty("palomir.bundleDir")));
+        palomir.setAppCredentials("sandbox-token", secret);
+        return palomir;
+    }
+
+    /** Starts an operation and waits for its one result, delivered on the executor given. */
+    static <T> Result<T> await(java.util.function.BiConsumer<java.util.concurrent.Executor, Consumer<Result<T>>> operation)
+        throws Exception {
+        CompletableFuture<Result<T>> done = new CompletableFuture<>();
+        Thread[] ran = new Thread[1];
+        operation.accept(command -> {
+            Thread thread = new Thread(command, "test-executor");
+            ran[0] = thread;
+            thread.start();
+        }, result -> {
+            if (Thread.currentThread() != ran[0]) done.completeExceptionally(new AssertionError("not on the executor"));
+            if (!done.complete(result)) throw new AssertionError("completed twice");
+        });
+        return done.get(20, TimeUnit.SECONDS);
+    }
+
+    /** The body of an admin route such as "requests" or "feedback". */
+    static String admin(String route) throws Exception {
+        KeyStore trusted = KeyStore.getInstance(KeyStore.getDefaultType());
+        trusted.load(null, null);
+        try (InputStream pem = Files.newInputStream(CA_FILE)) {
+            trusted.setCertificateEntry("sandbox", CertificateFactory.getInstance("X.509").generateCertificate(pem));
+        }
+        TrustManagerFactory trust = TrustManagerFactory.getInstance(TrustManagerFactory.getDefaultAlgorithm());
+        trust.init(trusted);
+        SSLContext tls = SSLContext.getInstance("TLS");
+        tls.init(null, trust.getTrustManagers(), null);
+        HttpClient http = HttpClient.newBuilder().sslContext(tls).build();
+        URI uri = URI.create(BASE_URL.substring(0, BASE_URL.length() - 4) + "/_sandbox/" + route);
+        return http.send(HttpRequest.newBuilder(uri).build(), HttpResponse.BodyHandlers.ofString()).body();
+    }
+
+    static int occurrences(String text, String needle) {
+        int count = 0;
+        for (int at = text.indexOf(needle); at >= 0; at = text.indexOf(needle, at + needle.length())) ++count;
+        return count;
+    }
+}
