@@ -61,7 +61,10 @@ final class Sandbox {
         tls.init(null, trust.getTrustManagers(), null);
         HttpClient http = HttpClient.newBuilder().sslContext(tls).build();
         URI uri = URI.create(BASE_URL.substring(0, BASE_URL.length() - 4) + "/_sandbox/" + route);
-        return http.send(HttpRequest.newBuilder(uri).build(), HttpResponse.BodyHandlers.ofString()).body();
+        HttpRequest request = HttpRequest.newBuilder(uri)
+            .header("X-Sandbox-Token", System.getenv().getOrDefault("PALOMIR_SANDBOX_ADMIN_TOKEN", ""))
+            .build();
+        return http.send(request, HttpResponse.BodyHandlers.ofString()).body();
     }
 
     static int occurrences(String text, String needle) {
