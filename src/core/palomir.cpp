@@ -1,7 +1,7 @@
 #include "palomir/client.hpp"
 
-#include <fstream>
 #include <iterator>
+#include <memory>
 #include <mutex>
 #include <utility>
 
@@ -36,17 +36,6 @@ std::string describe(const std::optional<ServiceMessage>& message) {
            describe(message->url) + ", urlTitle: " + describe(message->urlTitle) + ", backgroundColorLight: " +
            describe(message->backgroundColorLight) + ", backgroundColorDark: " + describe(message->backgroundColorDark) +
            "))";
-}
-
-// Opens `path` and reads it whole; nothing when it cannot be read.
-std::optional<std::vector<std::uint8_t>> readFile(const std::filesystem::path& path) {
-    std::error_code error;
-    if (!std::filesystem::is_regular_file(path, error)) return std::nullopt;
-    std::ifstream in(path, std::ios::binary);
-    if (!in) return std::nullopt;
-    std::vector<std::uint8_t> bytes((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
-    if (in.bad()) return std::nullopt;
-    return bytes;
 }
 
 // Wraps a completion so that it is always delivered asynchronously on
@@ -123,12 +112,6 @@ std::pair<std::string, bool> shortenedMessage(const std::string& message) {
         ++characters;
     }
     return {message, false};
-}
-
-std::optional<Attachment> attachmentFromFile(const std::filesystem::path& path) {
-    auto bytes = readFile(path);
-    if (!bytes) return std::nullopt;
-    return Attachment::fromData(path.filename().string(), std::nullopt, std::move(*bytes));
 }
 
 Palomir& Palomir::shared() {
@@ -457,12 +440,11 @@ void Palomir::feedback(const std::string& title, const std::string& message, con
                        std::vector<std::shared_ptr<AttachmentProvider>> attachmentProviders,
                        std::shared_ptr<DispatchQueue> queue, Completion<std::string, PalomirError> completion) {
     std::vector<Attachment> attachments;
+    // A file that cannot be read is left out quietly and the feedback still
+    // goes; a host that wants to know why builds with Attachment::fromFile.
     for (const auto& path : fileAttachments) {
-        if (auto attachment = attachmentFromFile(path)) {
-            attachments.push_back(std::move(*attachment));
-        } else {
-            logger()->log("feedback: left out a file that cannot be read: " + path.string(), LogType::default_);
-        }
+        if (auto attachment = Attachment::fromFile(path); attachment.hasValue())
+            attachments.push_back(std::move(attachment).value());
     }
     feedback(title, message, submittedBy, std::move(attachments), std::move(attachmentProviders), std::move(queue),
              std::move(completion));
@@ -552,7 +534,8 @@ Result<std::pair<std::shared_ptr<APIClient>, AppInfo>, PalomirError> Palomir::cl
 std::vector<Attachment> Palomir::feedbackAttachments() {
     std::vector<Attachment> attachments;
     for (const auto& path : logFiles()) {
-        if (auto attachment = attachmentFromFile(path)) attachments.push_back(std::move(*attachment));
+        if (auto attachment = Attachment::fromFile(path); attachment.hasValue())
+            attachments.push_back(std::move(attachment).value());
     }
     return attachments;
 }
