@@ -336,17 +336,13 @@ void Palomir::lockdownIfNeeded(std::shared_ptr<Window> window, bool /*animated*/
             presented = impl->viewControllers;
         }
         // Lifting a lockdown animates; replacing one screen by the next does not.
-        for (const auto& controller : presented) controller->dismiss(screen == nullptr, nullptr);
+        for (const auto& controller : presented) controller->dismiss(!lockdown.active, nullptr);
         const bool wasEmpty = presented.empty();
 
-        if (!screen) {
-            if (lockdown.active) {
-                Palomir::shared().logger()->log("lockdownIfNeeded: no window to present the lockdown screen on",
-                                                LogType::error);
-                return finish(LockdownResult::lockedDown(type));
-            }
-            return finish(LockdownResult::open());
-        }
+        if (!lockdown.active) return finish(LockdownResult::open());
+        // Nowhere to present: the result waits for a screen that never shows,
+        // so the completion does not run (see the header).
+        if (!screen) return;
         if (impl) {
             std::lock_guard lock(impl->stateMutex);
             impl->viewControllers.push_back(screen);

@@ -166,15 +166,17 @@ struct FakeRoot : PresentingViewController {
 };
 
 struct FakeWindow : Window {
-    explicit FakeWindow(Journal& journal, bool hasRoot = true)
-        : journal(journal), root(hasRoot ? std::make_shared<FakeRoot>(journal) : nullptr) {}
+    explicit FakeWindow(Journal& journal, bool hasRoot = true, bool makesScreens = true)
+        : journal(journal), root(hasRoot ? std::make_shared<FakeRoot>(journal) : nullptr), makesScreens(makesScreens) {}
     std::shared_ptr<PresentingViewController> rootViewController() override { return root; }
     std::shared_ptr<LockdownScreen> makeLockdownScreen() override {
+        if (!makesScreens) return nullptr;
         screens.push_back(std::make_shared<FakeScreen>(journal, static_cast<int>(screens.size()) + 1));
         return screens.back();
     }
     Journal& journal;
     std::shared_ptr<PresentingViewController> root;
+    bool makesScreens;
     std::vector<std::shared_ptr<FakeScreen>> screens;
 };
 
@@ -209,7 +211,7 @@ protected:
     std::vector<DismissAction> dismissed;
 };
 
-TEST_F(LockdownFlow, TheFirstLockdownIsAnimatedASecondReplacesItAndLiftingDismissesEveryScreen) {
+TEST_F(LockdownFlow, TheFirstLockdownIsAnimatedASecondReplacesItLiftingDismissesEveryScreenAndNowhereToPresentNeverCompletes) {
     auto window = std::make_shared<FakeWindow>(_journal);
     EXPECT_EQ(run(window), LockdownResult::open());  // nothing held: no screen is touched
     EXPECT_TRUE(_journal.empty());
@@ -225,15 +227,20 @@ TEST_F(LockdownFlow, TheFirstLockdownIsAnimatedASecondReplacesItAndLiftingDismis
     hold(false, LockdownType::soft);
     EXPECT_EQ(run(window, false), LockdownResult::open());
     EXPECT_EQ(Journal(_journal.end() - 2, _journal.end()), (Journal{"dismiss 1 animated", "dismiss 2 animated"}));
-    EXPECT_EQ(Palomir::shared().viewControllers().size(), 2u);
-}
 
-TEST_F(LockdownFlow, AWindowWithoutRootKeepsTheScreenButNeverCompletes) {
+    // With nowhere to present, the old screens go as for any replacement, a
+    // screen that was made is kept, and the completion never runs.
     hold(true, LockdownType::hard);
-    auto window = std::make_shared<FakeWindow>(_journal, false);
-    EXPECT_EQ(run(window), std::nullopt);
-    EXPECT_EQ(Palomir::shared().viewControllers().size(), 1u);
-    EXPECT_EQ(_journal, Journal{"config 1"});
+    const std::vector<std::pair<std::shared_ptr<Window>, Journal>> nowhere{
+        {nullptr, {"dismiss 1 still", "dismiss 2 still"}},
+        {std::make_shared<FakeWindow>(_journal, true, false), {"dismiss 1 still", "dismiss 2 still"}},
+        {std::make_shared<FakeWindow>(_journal, false), {"dismiss 1 still", "dismiss 2 still", "config 1"}}};
+    for (const auto& [where, added] : nowhere) {
+        _journal.clear();
+        EXPECT_EQ(run(where), std::nullopt);
+        EXPECT_EQ(_journal, added);
+    }
+    EXPECT_EQ(Palomir::shared().viewControllers().size(), 3u);
 }
 
 }  // namespace
