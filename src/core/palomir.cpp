@@ -5,6 +5,9 @@
 #include <mutex>
 #include <utility>
 
+#include <unicode/ubrk.h>
+#include <unicode/utext.h>
+
 #include "api/app_info_internal.hpp"
 #include "core/palomir_internal.hpp"
 #include "platform/crypto.hpp"
@@ -103,8 +106,27 @@ std::string describeNotes(const std::vector<Note>& notes) {
 }
 
 std::pair<std::string, bool> shortenedMessage(const std::string& message) {
-    // Counted in Unicode scalar values: a continuation byte of UTF-8 starts
-    // no character.
+    // Fewer bytes than the limit are fewer characters, whatever they are.
+    if (message.size() <= kMaxMessageCharacters) return {message, false};
+
+    // Characters as a reader counts them: grapheme clusters, so a letter with
+    // its accents or an emoji sequence is never split. ICU's rules follow
+    // each Unicode release, which no table of our own would.
+    UErrorCode status = U_ZERO_ERROR;
+    std::unique_ptr<UText, UText* (*)(UText*)> text(
+        utext_openUTF8(nullptr, message.data(), static_cast<std::int64_t>(message.size()), &status), &utext_close);
+    std::unique_ptr<UBreakIterator, void (*)(UBreakIterator*)> clusters(
+        ubrk_open(UBRK_CHARACTER, "", nullptr, 0, &status), &ubrk_close);
+    if (U_SUCCESS(status)) ubrk_setUText(clusters.get(), text.get(), &status);
+    if (U_SUCCESS(status)) {
+        std::size_t characters = 0;
+        std::int32_t end = 0;
+        while (characters < kMaxMessageCharacters && (end = ubrk_next(clusters.get())) != UBRK_DONE) ++characters;
+        if (characters < kMaxMessageCharacters || ubrk_next(clusters.get()) == UBRK_DONE) return {message, false};
+        return {message.substr(0, static_cast<std::size_t>(end)), true};
+    }
+
+    // Without ICU's data (out of memory): whole code points at least.
     std::size_t characters = 0;
     for (std::size_t i = 0; i < message.size(); ++i) {
         if ((static_cast<unsigned char>(message[i]) & 0xC0) == 0x80) continue;
