@@ -83,6 +83,9 @@ bool isHost(std::string_view host) {
             if (hexValue(c) < 0) return false;
         return onlyUriCharacters(inside.substr(dot + 1), "!$&'()*+,;=:");
     }
+    // inet_pton reads up to a NUL: only hex digits, colons and dots reach it.
+    for (const char c : inside)
+        if (hexValue(c) < 0 && c != ':' && c != '.') return false;
     in6_addr address{};
     return inet_pton(AF_INET6, std::string(inside).c_str(), &address) == 1;
 }

@@ -64,7 +64,8 @@ INSTANTIATE_TEST_SUITE_P(
 TEST(Url, EachReaderTakesItsForms) {
     std::vector<std::string> refused{"", " http://a.example/", "mailto:a b@example.com", "a b", "1http://digit.example",
                                      "://no-scheme.example", "http://a.example/%zz", "http://a.example/%4",
-                                     "http://a.example:8x/", "http://[::g]/", "http://a@b@c.example/", "x#a#b"};
+                                     "http://a.example:8x/", "http://[::g]/", std::string("http://[::\0:1]/", 15),
+                                     "http://a@b@c.example/", "x#a#b"};
     for (const char c : std::string_view("\t\x7f\xc3<>\"{}|\\^`[]\0", 15)) refused.push_back(std::string("http://h/a") + c);
     const std::tuple<bool, bool, bool, std::vector<std::string>> groups[] = {
         {true, true, true, {"https://a.example/x?q#f", "myapp://open/item"}},
