@@ -30,7 +30,6 @@ TEST_P(UrlParts, TakesTheUrlApart) {
     const auto& c = GetParam();
     const auto url = Url::parseReference(c.text);
     ASSERT_TRUE(url.has_value());
-    EXPECT_EQ(url->absoluteString(), c.text);
     EXPECT_EQ(url->scheme(), c.scheme);
     EXPECT_EQ(url->user(), c.user);
     EXPECT_EQ(url->password(), c.password);
