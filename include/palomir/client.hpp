@@ -126,7 +126,12 @@ public:
 
     /// Checks in, then presents or dismisses the lockdown screen on `window`
     /// (on the main queue). `animated` is accepted and ignored: the flow
-    /// decides. `completion` runs on the main thread, at most once.
+    /// decides. `completion` runs on the main thread, at most once, and this
+    /// is the one path where a completion may never run: when a lockdown is in
+    /// force but there is nowhere to present it (no window, a window that
+    /// makes no screen, or one without a root view controller), the old
+    /// screens are dismissed, nothing is presented and `completion` is not
+    /// called. A screen that was made stays in `viewControllers`.
     void lockdownIfNeeded(std::shared_ptr<Window> window, bool animated,
                           std::function<void(DismissAction)> dismissCallback,
                           std::function<void(LockdownResult)> completion);

@@ -9,10 +9,12 @@
 
 #include <chrono>
 #include <cstdint>
+#include <filesystem>
 #include <map>
 #include <optional>
 #include <string>
 #include <string_view>
+#include <system_error>
 #include <vector>
 
 #include <nlohmann/json.hpp>
@@ -342,6 +344,10 @@ struct PALOMIR_API Attachment {
     /// The bytes are the text's UTF-8 encoding.
     static Attachment fromText(std::string filename, std::optional<std::string> contentType,
                                std::string_view text);
+    /// The whole contents of the file at `path`, named after its last path
+    /// component, the content type derived from its extension. Fails with the
+    /// system's error (std::system_category) when the file cannot be read.
+    static Result<Attachment, std::error_code> fromFile(const std::filesystem::path& path);
 };
 
 /// The media type for a file name extension without the dot ("txt" ->

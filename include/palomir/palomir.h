@@ -76,7 +76,11 @@ extern "C" {
 /** What kind of failure a PLError reports. */
 typedef enum PLErrorCode {
     /** A backend exchange failed (network, status, undecodable answer, ...).
-        The description is the backend error's own text. */
+        Check-in and service fetches describe it with the backend error's own
+        text ("Request failed: Network error: ...", "Error response ...");
+        feedback puts "Request failed: " before that text ("Request failed:
+        Request failed: Network error: ...", "Request failed: Error response
+        ..."). */
     PL_ERROR_REQUEST_FAILED = 1,
     /** No app credentials are set: "Missing app token and/or secret". */
     PL_ERROR_MISSING_CREDENTIALS = 2,
@@ -401,8 +405,9 @@ PL_API bool pl_feedback(const char* title, const char* message, const char* subm
                         const PLAttachment* const* attachments, size_t count, PLQueue* queue,
                         PLFeedbackCompletion completion, void* context, PLError** error) PL_NOEXCEPT;
 /** As pl_feedback, reading the files at `paths` (`count` of them, none NULL)
-    during the call; a file that cannot be read is left out silently (use
-    pl_attachment_create_from_file to learn why a file cannot be read). */
+    during the call; a file that cannot be read is left out silently, logging
+    nothing, and the feedback still goes (use pl_attachment_create_from_file
+    to learn why a file cannot be read). */
 PL_API bool pl_feedback_with_files(const char* title, const char* message, const char* submitted_by,
                                    const char* const* paths, size_t count, PLQueue* queue,
                                    PLFeedbackCompletion completion, void* context, PLError** error) PL_NOEXCEPT;

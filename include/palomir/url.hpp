@@ -13,8 +13,8 @@
 
 namespace palomir {
 
-/// An absolute URL, validated and taken apart by libcurl's URL parser.
-/// Only texts that a strict URL parser accepts as they stand make a Url:
+/// A URL (or, from parseReference, a relative URI reference), validated and
+/// taken apart. Only texts that a strict URL parser accepts as they stand make a Url:
 /// blanks, control characters, non-ASCII bytes and the characters that
 /// RFC 3986 never allows unescaped ("<>\"{}|\\^`) are refused, not escaped.
 class PALOMIR_API Url {
@@ -29,8 +29,21 @@ public:
         friend bool operator==(const QueryItem&, const QueryItem&) = default;
     };
 
-    /// The URL for an absolute URL text, or nothing when the text is not one.
+    /// The URL for an absolute URL text in the hierarchical "scheme://" form,
+    /// or nothing when the text is not one. This is the form fetched over HTTP.
     static std::optional<Url> parse(std::string_view text);
+
+    /// Any absolute URI (a scheme, then what RFC 3986 allows after it, a
+    /// fragment included): "https://h/x", "mailto:a@b.example", "tel:+1-555",
+    /// "urn:isbn:0451450523", "myapp:open". Nothing for relative or empty text.
+    static std::optional<Url> parseAbsolute(std::string_view text);
+
+    /// Any non-empty RFC 3986 URI reference, absolute or relative
+    /// ("images/a.png", "/help", "//cdn.example/a", "?q", "#top").
+    static std::optional<Url> parseReference(std::string_view text);
+
+    /// Whether the URL names a scheme (always so for parse and parseAbsolute).
+    bool isAbsolute() const { return !_scheme.empty(); }
 
     /// The text as given (and validated).
     const std::string& absoluteString() const { return _text; }

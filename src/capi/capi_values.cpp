@@ -417,27 +417,14 @@ extern "C" PLAttachment* pl_attachment_create_from_file(const char* path, PLErro
         return nullptr;
     }
     try {
-        const auto fail = [&](int code) -> PLAttachment* {
-            report(error, makeError(PL_ERROR_FILE, "Cannot read file \"" + std::string(path) + "\": " +
-                                                       std::strerror(code)));
+        auto attachment = Attachment::fromFile(path);
+        if (attachment.hasError()) {
+            report(error, makeError(PL_ERROR_FILE, "Cannot read file \"" + std::string(path) +
+                                                       "\": " + attachment.error().message()));
             return nullptr;
-        };
-        std::unique_ptr<std::FILE, int (*)(std::FILE*)> file(std::fopen(path, "rb"), &std::fclose);
-        if (!file) return fail(errno);
-        std::vector<std::uint8_t> data;
-        std::uint8_t buffer[16384];
-        for (;;) {
-            errno = 0;
-            const std::size_t read = std::fread(buffer, 1, sizeof buffer, file.get());
-            data.insert(data.end(), buffer, buffer + read);
-            if (read < sizeof buffer) {
-                if (std::ferror(file.get())) return fail(errno ? errno : EIO);
-                break;
-            }
         }
         clear(error);
-        return new PLAttachment{
-            Attachment::fromData(std::filesystem::path(path).filename().string(), std::nullopt, std::move(data))};
+        return new PLAttachment{std::move(attachment).value()};
     } catch (...) {
         internalFailure(error);
         return nullptr;

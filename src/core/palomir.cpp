@@ -1,9 +1,12 @@
 #include "palomir/client.hpp"
 
-#include <fstream>
 #include <iterator>
+#include <memory>
 #include <mutex>
 #include <utility>
+
+#include <unicode/ubrk.h>
+#include <unicode/utext.h>
 
 #include "api/app_info_internal.hpp"
 #include "core/palomir_internal.hpp"
@@ -36,17 +39,6 @@ std::string describe(const std::optional<ServiceMessage>& message) {
            describe(message->url) + ", urlTitle: " + describe(message->urlTitle) + ", backgroundColorLight: " +
            describe(message->backgroundColorLight) + ", backgroundColorDark: " + describe(message->backgroundColorDark) +
            "))";
-}
-
-// Opens `path` and reads it whole; nothing when it cannot be read.
-std::optional<std::vector<std::uint8_t>> readFile(const std::filesystem::path& path) {
-    std::error_code error;
-    if (!std::filesystem::is_regular_file(path, error)) return std::nullopt;
-    std::ifstream in(path, std::ios::binary);
-    if (!in) return std::nullopt;
-    std::vector<std::uint8_t> bytes((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
-    if (in.bad()) return std::nullopt;
-    return bytes;
 }
 
 // Wraps a completion so that it is always delivered asynchronously on
@@ -114,8 +106,27 @@ std::string describeNotes(const std::vector<Note>& notes) {
 }
 
 std::pair<std::string, bool> shortenedMessage(const std::string& message) {
-    // Counted in Unicode scalar values: a continuation byte of UTF-8 starts
-    // no character.
+    // Fewer bytes than the limit are fewer characters, whatever they are.
+    if (message.size() <= kMaxMessageCharacters) return {message, false};
+
+    // Characters as a reader counts them: grapheme clusters, so a letter with
+    // its accents or an emoji sequence is never split. ICU's rules follow
+    // each Unicode release, which no table of our own would.
+    UErrorCode status = U_ZERO_ERROR;
+    std::unique_ptr<UText, UText* (*)(UText*)> text(
+        utext_openUTF8(nullptr, message.data(), static_cast<std::int64_t>(message.size()), &status), &utext_close);
+    std::unique_ptr<UBreakIterator, void (*)(UBreakIterator*)> clusters(
+        ubrk_open(UBRK_CHARACTER, "", nullptr, 0, &status), &ubrk_close);
+    if (U_SUCCESS(status)) ubrk_setUText(clusters.get(), text.get(), &status);
+    if (U_SUCCESS(status)) {
+        std::size_t characters = 0;
+        std::int32_t end = 0;
+        while (characters < kMaxMessageCharacters && (end = ubrk_next(clusters.get())) != UBRK_DONE) ++characters;
+        if (characters < kMaxMessageCharacters || ubrk_next(clusters.get()) == UBRK_DONE) return {message, false};
+        return {message.substr(0, static_cast<std::size_t>(end)), true};
+    }
+
+    // Without ICU's data (out of memory): whole code points at least.
     std::size_t characters = 0;
     for (std::size_t i = 0; i < message.size(); ++i) {
         if ((static_cast<unsigned char>(message[i]) & 0xC0) == 0x80) continue;
@@ -123,12 +134,6 @@ std::pair<std::string, bool> shortenedMessage(const std::string& message) {
         ++characters;
     }
     return {message, false};
-}
-
-std::optional<Attachment> attachmentFromFile(const std::filesystem::path& path) {
-    auto bytes = readFile(path);
-    if (!bytes) return std::nullopt;
-    return Attachment::fromData(path.filename().string(), std::nullopt, std::move(*bytes));
 }
 
 Palomir& Palomir::shared() {
@@ -353,17 +358,13 @@ void Palomir::lockdownIfNeeded(std::shared_ptr<Window> window, bool /*animated*/
             presented = impl->viewControllers;
         }
         // Lifting a lockdown animates; replacing one screen by the next does not.
-        for (const auto& controller : presented) controller->dismiss(screen == nullptr, nullptr);
+        for (const auto& controller : presented) controller->dismiss(!lockdown.active, nullptr);
         const bool wasEmpty = presented.empty();
 
-        if (!screen) {
-            if (lockdown.active) {
-                Palomir::shared().logger()->log("lockdownIfNeeded: no window to present the lockdown screen on",
-                                                LogType::error);
-                return finish(LockdownResult::lockedDown(type));
-            }
-            return finish(LockdownResult::open());
-        }
+        if (!lockdown.active) return finish(LockdownResult::open());
+        // Nowhere to present: the result waits for a screen that never shows,
+        // so the completion does not run (see the header).
+        if (!screen) return;
         if (impl) {
             std::lock_guard lock(impl->stateMutex);
             impl->viewControllers.push_back(screen);
@@ -457,12 +458,11 @@ void Palomir::feedback(const std::string& title, const std::string& message, con
                        std::vector<std::shared_ptr<AttachmentProvider>> attachmentProviders,
                        std::shared_ptr<DispatchQueue> queue, Completion<std::string, PalomirError> completion) {
     std::vector<Attachment> attachments;
+    // A file that cannot be read is left out quietly and the feedback still
+    // goes; a host that wants to know why builds with Attachment::fromFile.
     for (const auto& path : fileAttachments) {
-        if (auto attachment = attachmentFromFile(path)) {
-            attachments.push_back(std::move(*attachment));
-        } else {
-            logger()->log("feedback: left out a file that cannot be read: " + path.string(), LogType::default_);
-        }
+        if (auto attachment = Attachment::fromFile(path); attachment.hasValue())
+            attachments.push_back(std::move(attachment).value());
     }
     feedback(title, message, submittedBy, std::move(attachments), std::move(attachmentProviders), std::move(queue),
              std::move(completion));
@@ -552,7 +552,8 @@ Result<std::pair<std::shared_ptr<APIClient>, AppInfo>, PalomirError> Palomir::cl
 std::vector<Attachment> Palomir::feedbackAttachments() {
     std::vector<Attachment> attachments;
     for (const auto& path : logFiles()) {
-        if (auto attachment = attachmentFromFile(path)) attachments.push_back(std::move(*attachment));
+        if (auto attachment = Attachment::fromFile(path); attachment.hasValue())
+            attachments.push_back(std::move(attachment).value());
     }
     return attachments;
 }

@@ -48,10 +48,6 @@ void runFeedback(APIClient& client, FeedbackJob& job,
 /// The message to submit (its first 1000 characters) and whether it was cut.
 std::pair<std::string, bool> shortenedMessage(const std::string& message);
 
-/// An attachment made from a file: its name, its bytes, and the media type
-/// of its extension. Nothing when the file cannot be read.
-std::optional<Attachment> attachmentFromFile(const std::filesystem::path& path);
-
 /// ["<note description>", ...] with each element quoted as logs show texts.
 std::string describeNotes(const std::vector<Note>& notes);
 /// [Service(name: "…", …), ...]

@@ -23,8 +23,19 @@ Date read(JsonPath& path, JsonValue value, Tag<Date>) {
 
 Url read(JsonPath& path, JsonValue value, Tag<Url>) {
     if (!value.isString()) failExpected(path, "a string", value);
-    if (auto url = Url::parse(value.text())) return std::move(*url);
+    if (auto url = Url::parseReference(value.text())) return std::move(*url);
     path.fail("not a valid URL");
+}
+
+// Lockdown links are opened or loaded as they stand, with no base address to
+// resolve a relative one against.
+static std::optional<Url> optionalAbsoluteUrl(JsonPath& path, JsonValue object, std::string_view key) {
+    auto url = optional<Url>(path, object, key);
+    if (url && !url->isAbsolute()) {
+        PathScope scope(path, key);
+        path.fail("not an absolute URL");
+    }
+    return url;
 }
 
 Uuid read(JsonPath& path, JsonValue value, Tag<Uuid>) {
@@ -107,9 +118,9 @@ Lockdown read(JsonPath& path, JsonValue value, Tag<Lockdown>) {
     out.type = optional<LockdownType>(path, o, "type");
     out.latestVersion = required<std::string>(path, o, "latest_version");
     out.title = optional<std::string>(path, o, "title");
-    out.titleImage = optional<Url>(path, o, "title_image");
+    out.titleImage = optionalAbsoluteUrl(path, o, "title_image");
     out.subtitle = optional<std::string>(path, o, "subtitle");
-    out.actionURL = optional<Url>(path, o, "action_url");
+    out.actionURL = optionalAbsoluteUrl(path, o, "action_url");
     out.actionTitle = optional<std::string>(path, o, "action_title");
     out.dismissTitle = optional<std::string>(path, o, "dismiss_title");
     out.notes = optional<std::vector<Note>>(path, o, "notes");

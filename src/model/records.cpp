@@ -1,5 +1,8 @@
 #include <algorithm>
 #include <array>
+#include <cerrno>
+#include <cstdio>
+#include <memory>
 
 #include "palomir/model.hpp"
 
@@ -112,6 +115,25 @@ Attachment Attachment::fromData(std::string filename, std::optional<std::string>
 
 Attachment Attachment::fromText(std::string filename, std::optional<std::string> contentType, std::string_view text) {
     return fromData(std::move(filename), std::move(contentType), std::vector<std::uint8_t>(text.begin(), text.end()));
+}
+
+Result<Attachment, std::error_code> Attachment::fromFile(const std::filesystem::path& path) {
+    const auto failure = [](int code) { return Err{std::error_code(code, std::system_category())}; };
+    // stdio rather than a stream: a stream loses errno, and "is a directory"
+    // only shows up as a failed read.
+    std::unique_ptr<std::FILE, int (*)(std::FILE*)> file(std::fopen(path.c_str(), "rb"), &std::fclose);
+    if (!file) return failure(errno);
+    std::vector<std::uint8_t> data;
+    std::uint8_t buffer[16384];
+    for (;;) {
+        errno = 0;
+        const std::size_t read = std::fread(buffer, 1, sizeof buffer, file.get());
+        data.insert(data.end(), buffer, buffer + read);
+        if (read == sizeof buffer) continue;
+        if (std::ferror(file.get())) return failure(errno ? errno : EIO);
+        break;
+    }
+    return Ok{fromData(path.filename().string(), std::nullopt, std::move(data))};
 }
 
 AttachmentProvider::~AttachmentProvider() = default;

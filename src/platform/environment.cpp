@@ -64,9 +64,10 @@ void setCachesDirectory(std::filesystem::path directory) {
 }
 
 std::vector<std::string> preferredLanguages() {
+    std::optional<std::vector<std::string>> override;
     {
         std::lock_guard lock(gEnvironmentMutex);
-        if (gLanguagesOverride) return *gLanguagesOverride;
+        override = gLanguagesOverride;
     }
     std::vector<std::string> languages;
     const auto add = [&languages](std::string_view name) {
@@ -75,14 +76,20 @@ std::vector<std::string> preferredLanguages() {
         if (tag.empty()) return;
         if (std::find(languages.begin(), languages.end(), tag) == languages.end()) languages.push_back(std::move(tag));
     };
-    std::string_view list = environmentValue("LANGUAGE");
-    while (!list.empty()) {
-        const auto colon = list.find(':');
-        add(list.substr(0, colon));
-        list = colon == std::string_view::npos ? std::string_view{} : list.substr(colon + 1);
+    if (override) {
+        // A toolkit's list may name the C locale too (Qt's does).
+        for (const auto& name : *override) add(name);
+    } else {
+        std::string_view list = environmentValue("LANGUAGE");
+        while (!list.empty()) {
+            const auto colon = list.find(':');
+            add(list.substr(0, colon));
+            list = colon == std::string_view::npos ? std::string_view{} : list.substr(colon + 1);
+        }
+        add(messagesLocaleName());
     }
-    add(messagesLocaleName());
-    // A process with no usable language set speaks the C locale's English.
+    // C and POSIX name no language; like a phone where the user chose none,
+    // the process then asks for English, the C locale's own.
     if (languages.empty()) languages.emplace_back("en");
     return languages;
 }

@@ -2,6 +2,8 @@
 
 #include <curl/curl.h>
 
+#include <arpa/inet.h>
+
 #include <charconv>
 #include <memory>
 
@@ -14,37 +16,11 @@ struct UrlHandleDeleter {
 };
 using UrlHandle = std::unique_ptr<CURLU, UrlHandleDeleter>;
 
-// Texts a strict parser would refuse: curl is lenient about several of these
-// and would otherwise quietly accept or escape them.
-bool hasForbiddenCharacter(std::string_view text) {
-    for (const char ch : text) {
-        const auto c = static_cast<unsigned char>(ch);
-        if (c <= 0x20 || c >= 0x7F) return true;
-        switch (c) {
-            case '<': case '>': case '"': case '{': case '}':
-            case '|': case '\\': case '^': case '`':
-                return true;
-            default:
-                break;
-        }
-    }
-    return false;
-}
-
 int hexValue(char c) {
     if (c >= '0' && c <= '9') return c - '0';
     if (c >= 'a' && c <= 'f') return c - 'a' + 10;
     if (c >= 'A' && c <= 'F') return c - 'A' + 10;
     return -1;
-}
-
-bool hasMalformedEscape(std::string_view text) {
-    for (std::size_t i = 0; i < text.size(); ++i) {
-        if (text[i] != '%') continue;
-        if (i + 2 >= text.size() || hexValue(text[i + 1]) < 0 || hexValue(text[i + 2]) < 0) return true;
-        i += 2;
-    }
-    return false;
 }
 
 std::string percentDecode(std::string_view text) {
@@ -65,6 +41,110 @@ std::string percentDecode(std::string_view text) {
     return out;
 }
 
+// RFC 3986 syntax, checked by hand: libcurl's URL API refuses every scheme
+// without "//" (mailto:, tel:, urn:), and backends send those as links.
+bool isAlpha(char c) { return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z'); }
+bool isDigit(char c) { return c >= '0' && c <= '9'; }
+
+// Characters of the given class plus unreserved ones and percent escapes.
+bool onlyUriCharacters(std::string_view text, std::string_view extra) {
+    for (std::size_t i = 0; i < text.size(); ++i) {
+        const char c = text[i];
+        if (c == '%') {
+            if (i + 2 >= text.size() || hexValue(text[i + 1]) < 0 || hexValue(text[i + 2]) < 0) return false;
+            i += 2;
+            continue;
+        }
+        if (isAlpha(c) || isDigit(c) || std::string_view("-._~").find(c) != std::string_view::npos) continue;
+        if (extra.find(c) == std::string_view::npos) return false;
+    }
+    return true;
+}
+
+constexpr std::string_view kSubDelims = "!$&'()*+,;=";
+constexpr std::string_view kPathChars = "!$&'()*+,;=:@/";
+constexpr std::string_view kQueryChars = "!$&'()*+,;=:@/?";
+
+bool isScheme(std::string_view text) {
+    if (text.empty() || !isAlpha(text[0])) return false;
+    for (const char c : text.substr(1))
+        if (!isAlpha(c) && !isDigit(c) && c != '+' && c != '-' && c != '.') return false;
+    return true;
+}
+
+bool isHost(std::string_view host) {
+    if (host.empty() || host.front() != '[') return onlyUriCharacters(host, kSubDelims);
+    if (host.size() < 3 || host.back() != ']') return false;
+    const std::string_view inside = host.substr(1, host.size() - 2);
+    if (inside.front() == 'v' || inside.front() == 'V') {
+        const auto dot = inside.find('.');
+        if (dot == std::string_view::npos || dot < 2 || dot + 1 == inside.size()) return false;
+        for (const char c : inside.substr(1, dot - 1))
+            if (hexValue(c) < 0) return false;
+        return onlyUriCharacters(inside.substr(dot + 1), "!$&'()*+,;=:");
+    }
+    // inet_pton reads up to a NUL: only hex digits, colons and dots reach it.
+    for (const char c : inside)
+        if (hexValue(c) < 0 && c != ':' && c != '.') return false;
+    in6_addr address{};
+    return inet_pton(AF_INET6, std::string(inside).c_str(), &address) == 1;
+}
+
+bool isAuthority(std::string_view authority) {
+    if (const auto at = authority.rfind('@'); at != std::string_view::npos) {
+        if (!onlyUriCharacters(authority.substr(0, at), "!$&'()*+,;=:")) return false;
+        authority = authority.substr(at + 1);
+    }
+    const auto bracket = authority.rfind(']');
+    const auto colon = authority.rfind(':');
+    if (colon != std::string_view::npos && (bracket == std::string_view::npos || colon > bracket)) {
+        for (const char c : authority.substr(colon + 1))
+            if (!isDigit(c)) return false;
+        authority = authority.substr(0, colon);
+    }
+    return isHost(authority);
+}
+
+struct UriParts {
+    std::string_view scheme;
+    std::optional<std::string_view> authority;
+    std::string_view path;
+    std::optional<std::string_view> query;
+};
+
+// Splits as RFC 3986's appendix B does and checks every piece against the
+// grammar; nothing when the text is not a URI reference.
+std::optional<UriParts> splitUriReference(std::string_view text) {
+    if (text.empty()) return std::nullopt;
+    UriParts parts;
+    std::string_view rest = text;
+    if (const auto colon = rest.find(':'); colon != std::string_view::npos && colon < rest.find_first_of("/?#")) {
+        // A colon in the first segment makes a scheme, or else the text is
+        // neither a URI nor a relative reference.
+        if (!isScheme(rest.substr(0, colon))) return std::nullopt;
+        parts.scheme = rest.substr(0, colon);
+        rest = rest.substr(colon + 1);
+    }
+    if (const auto hash = rest.find('#'); hash != std::string_view::npos) {
+        if (!onlyUriCharacters(rest.substr(hash + 1), kQueryChars)) return std::nullopt;
+        rest = rest.substr(0, hash);
+    }
+    if (const auto question = rest.find('?'); question != std::string_view::npos) {
+        parts.query = rest.substr(question + 1);
+        if (!onlyUriCharacters(*parts.query, kQueryChars)) return std::nullopt;
+        rest = rest.substr(0, question);
+    }
+    if (rest.substr(0, 2) == "//") {
+        const auto slash = rest.find('/', 2);
+        parts.authority = rest.substr(2, slash == std::string_view::npos ? slash : slash - 2);
+        if (!isAuthority(*parts.authority)) return std::nullopt;
+        rest = slash == std::string_view::npos ? std::string_view{} : rest.substr(slash);
+    }
+    if (!onlyUriCharacters(rest, kPathChars)) return std::nullopt;
+    parts.path = rest;
+    return parts;
+}
+
 std::optional<std::string> part(CURLU* handle, CURLUPart which, unsigned flags = 0) {
     char* value = nullptr;
     if (curl_url_get(handle, which, &value, flags) != CURLUE_OK || value == nullptr) return std::nullopt;
@@ -76,17 +156,13 @@ std::optional<std::string> part(CURLU* handle, CURLUPart which, unsigned flags =
 }  // namespace
 
 std::optional<Url> Url::parse(std::string_view text) {
-    if (text.empty() || hasForbiddenCharacter(text) || hasMalformedEscape(text)) return std::nullopt;
+    // curl is lenient about blanks, brackets and bad escapes, and would
+    // quietly accept or escape them.
+    if (!splitUriReference(text)) return std::nullopt;
 
     // An absolute URL starts with a scheme; curl would otherwise guess one.
     const auto colon = text.find(':');
-    if (colon == std::string_view::npos || colon == 0) return std::nullopt;
-    const auto isAlpha = [](char c) { return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z'); };
-    if (!isAlpha(text[0])) return std::nullopt;
-    for (std::size_t i = 1; i < colon; ++i) {
-        const char c = text[i];
-        if (!isAlpha(c) && !(c >= '0' && c <= '9') && c != '+' && c != '-' && c != '.') return std::nullopt;
-    }
+    if (colon == std::string_view::npos || !isScheme(text.substr(0, colon))) return std::nullopt;
 
     // curl also takes "http:/host" and "http:host", whose host a reader could
     // not see; only the hierarchical form "scheme://" is accepted.
@@ -120,6 +196,48 @@ std::optional<Url> Url::parse(std::string_view text) {
     url._rawPath = std::string(rest.substr(0, question));
     if (question != std::string_view::npos) url._query = std::string(rest.substr(question + 1));
     url._path = percentDecode(url._rawPath);
+    return url;
+}
+
+std::optional<Url> Url::parseReference(std::string_view text) {
+    const auto parts = splitUriReference(text);
+    if (!parts) return std::nullopt;
+    // What curl can take apart is taken apart exactly as for fetched URLs.
+    if (parts->authority && !parts->scheme.empty())
+        if (auto url = parse(text)) return url;
+
+    Url url;
+    url._text = std::string(text);
+    url._scheme = std::string(parts->scheme);
+    if (parts->authority) {
+        std::string_view authority = *parts->authority;
+        if (const auto at = authority.rfind('@'); at != std::string_view::npos) {
+            const std::string_view userinfo = authority.substr(0, at);
+            const auto colon = userinfo.find(':');
+            url._user = percentDecode(userinfo.substr(0, colon));
+            if (colon != std::string_view::npos) url._password = percentDecode(userinfo.substr(colon + 1));
+            authority = authority.substr(at + 1);
+        }
+        const auto bracket = authority.rfind(']');
+        const auto colon = authority.rfind(':');
+        if (colon != std::string_view::npos && (bracket == std::string_view::npos || colon > bracket)) {
+            int value = 0;
+            const std::string_view digits = authority.substr(colon + 1);
+            const auto [end, error] = std::from_chars(digits.data(), digits.data() + digits.size(), value);
+            if (error == std::errc() && end == digits.data() + digits.size()) url._port = value;
+            authority = authority.substr(0, colon);
+        }
+        url._host = std::string(authority);
+    }
+    url._rawPath = std::string(parts->path);
+    url._path = percentDecode(url._rawPath);
+    if (parts->query) url._query = std::string(*parts->query);
+    return url;
+}
+
+std::optional<Url> Url::parseAbsolute(std::string_view text) {
+    auto url = parseReference(text);
+    if (!url || !url->isAbsolute()) return std::nullopt;
     return url;
 }
 

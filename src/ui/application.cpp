@@ -36,8 +36,11 @@ void describeApplication() {
     info["CFBundleDisplayName"] = (display.isEmpty() ? QCoreApplication::applicationName() : display).toStdString();
     const auto version = QCoreApplication::applicationVersion();
     if (!version.isEmpty()) {
-        info["CFBundleShortVersionString"] = version.toStdString();
-        info["CFBundleVersion"] = version.toStdString();
+        // Qt knows one version text; a build travels in it as semantic
+        // versioning's metadata ("2.3.0+512"), else the version is the build.
+        const auto plus = version.indexOf(QLatin1Char('+'));
+        info["CFBundleShortVersionString"] = (plus > 0 ? version.left(plus) : version).toStdString();
+        info["CFBundleVersion"] = (plus > 0 && plus + 1 < version.size() ? version.mid(plus + 1) : version).toStdString();
     }
     Bundle::setMain(Bundle(std::move(info), std::nullopt));
 }

@@ -110,25 +110,21 @@ TEST_F(PalomirTest, WebRequestIsASignedGetForAPage) {
     EXPECT_EQ(request.value("Authorization").value_or("").rfind("OAuth oauth_consumer_key=\"token\"", 0), 0u);
 }
 
-TEST(LongMessages, AreCutAtAThousandCharactersNeverSplittingOne) {
-    std::string umlauts;
-    for (int i = 0; i < 1000; ++i) umlauts += "\xC3\xA4";
+TEST(LongMessages, AreCutAtAThousandCharactersAsAReaderCountsThem) {
+    std::string accented;  // "e" and a combining acute accent: one character of three bytes
+    for (int i = 0; i < 1000; ++i) accented += "e\xCC\x81";
     const std::vector<std::tuple<std::string, std::size_t, bool>> cases{
-        {"", 0, false}, {std::string(1001, 'a'), 1000, true}, {umlauts, 2000, false},
-        {umlauts + "\xC3\xA4", 2000, true}};  // two-byte characters are never split
+        {"", 0, false}, {std::string(1001, 'a'), 1000, true}, {accented, 3000, false}, {accented + "e\xCC\x81", 3000, true},
+        // a family emoji: five code points joined by zero-width joiners
+        {std::string(999, 'a') + "\xF0\x9F\x91\xA8\xE2\x80\x8D\xF0\x9F\x91\xA9\xE2\x80\x8D\xF0\x9F\x91\xA7" "b", 1017, true}};
     for (const auto& [message, submittedBytes, wasShortened] : cases) {
         auto [submitted, shortened] = shortenedMessage(message);
-        EXPECT_EQ(submitted.size(), submittedBytes);
-        EXPECT_EQ(shortened, wasShortened);
-        EXPECT_EQ(message.rfind(submitted, 0), 0u);
+        EXPECT_EQ(std::pair(submitted, shortened), std::pair(message.substr(0, submittedBytes), wasShortened));
     }
 }
 
 TEST(NotesRendering, ListsQuotedEscapedDescriptions) {
-    Note note;
-    note.title = "New";
-    note.content = "Hi";
-    EXPECT_EQ(describeNotes({}), "[]");
+    const Note note{Uuid{std::array<std::uint8_t, 16>{}}, "New", std::nullopt, "Hi", std::nullopt};
     EXPECT_EQ(describeNotes({note, note}),
               "[\"\\tNote\\n\\t\\ttitle: New\\n\\t\\tsubtitle: \\n\\t\\tcontent: Hi\\n\\t\\timage: \\\"\", "
               "\"\\tNote\\n\\t\\ttitle: New\\n\\t\\tsubtitle: \\n\\t\\tcontent: Hi\\n\\t\\timage: \\\"\"]");
@@ -166,15 +162,17 @@ struct FakeRoot : PresentingViewController {
 };
 
 struct FakeWindow : Window {
-    explicit FakeWindow(Journal& journal, bool hasRoot = true)
-        : journal(journal), root(hasRoot ? std::make_shared<FakeRoot>(journal) : nullptr) {}
+    explicit FakeWindow(Journal& journal, bool hasRoot = true, bool makesScreens = true)
+        : journal(journal), root(hasRoot ? std::make_shared<FakeRoot>(journal) : nullptr), makesScreens(makesScreens) {}
     std::shared_ptr<PresentingViewController> rootViewController() override { return root; }
     std::shared_ptr<LockdownScreen> makeLockdownScreen() override {
+        if (!makesScreens) return nullptr;
         screens.push_back(std::make_shared<FakeScreen>(journal, static_cast<int>(screens.size()) + 1));
         return screens.back();
     }
     Journal& journal;
     std::shared_ptr<PresentingViewController> root;
+    bool makesScreens;
     std::vector<std::shared_ptr<FakeScreen>> screens;
 };
 
@@ -209,7 +207,7 @@ protected:
     std::vector<DismissAction> dismissed;
 };
 
-TEST_F(LockdownFlow, TheFirstLockdownIsAnimatedASecondReplacesItAndLiftingDismissesEveryScreen) {
+TEST_F(LockdownFlow, TheFirstLockdownIsAnimatedASecondReplacesItLiftingDismissesEveryScreenAndNowhereToPresentNeverCompletes) {
     auto window = std::make_shared<FakeWindow>(_journal);
     EXPECT_EQ(run(window), LockdownResult::open());  // nothing held: no screen is touched
     EXPECT_TRUE(_journal.empty());
@@ -225,15 +223,20 @@ TEST_F(LockdownFlow, TheFirstLockdownIsAnimatedASecondReplacesItAndLiftingDismis
     hold(false, LockdownType::soft);
     EXPECT_EQ(run(window, false), LockdownResult::open());
     EXPECT_EQ(Journal(_journal.end() - 2, _journal.end()), (Journal{"dismiss 1 animated", "dismiss 2 animated"}));
-    EXPECT_EQ(Palomir::shared().viewControllers().size(), 2u);
-}
 
-TEST_F(LockdownFlow, AWindowWithoutRootKeepsTheScreenButNeverCompletes) {
+    // With nowhere to present, the old screens go as for any replacement, a
+    // screen that was made is kept, and the completion never runs.
     hold(true, LockdownType::hard);
-    auto window = std::make_shared<FakeWindow>(_journal, false);
-    EXPECT_EQ(run(window), std::nullopt);
-    EXPECT_EQ(Palomir::shared().viewControllers().size(), 1u);
-    EXPECT_EQ(_journal, Journal{"config 1"});
+    const std::vector<std::pair<std::shared_ptr<Window>, Journal>> nowhere{
+        {nullptr, {"dismiss 1 still", "dismiss 2 still"}},
+        {std::make_shared<FakeWindow>(_journal, true, false), {"dismiss 1 still", "dismiss 2 still"}},
+        {std::make_shared<FakeWindow>(_journal, false), {"dismiss 1 still", "dismiss 2 still", "config 1"}}};
+    for (const auto& [where, added] : nowhere) {
+        _journal.clear();
+        EXPECT_EQ(run(where), std::nullopt);
+        EXPECT_EQ(_journal, added);
+    }
+    EXPECT_EQ(Palomir::shared().viewControllers().size(), 3u);
 }
 
 }  // namespace

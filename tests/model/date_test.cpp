@@ -18,12 +18,8 @@ class DateParse : public ::testing::TestWithParam<DateCase> {};
 
 TEST_P(DateParse, ParsesOnlyTheStrictForm) {
     const auto parsed = plRFC3339.parse(GetParam().text);
-    if (GetParam().expectedMs) {
-        ASSERT_TRUE(parsed.has_value()) << GetParam().text;
-        EXPECT_EQ(parsed->time_since_epoch().count(), *GetParam().expectedMs);
-    } else {
-        EXPECT_FALSE(parsed.has_value()) << GetParam().text;
-    }
+    const auto ms = parsed ? std::optional<std::int64_t>(parsed->time_since_epoch().count()) : std::nullopt;
+    EXPECT_EQ(ms, GetParam().expectedMs) << GetParam().text;
 }
 
 INSTANTIATE_TEST_SUITE_P(
@@ -41,17 +37,13 @@ INSTANTIATE_TEST_SUITE_P(
         DateCase{"0000-01-01T00:00:00.000-01:00", -62167215600000},
         DateCase{"2024-05-01T06:30:00Z", std::nullopt},         // no fraction
         DateCase{"2024-05-01T06:30:00.000000Z", std::nullopt},  // six digits
-        DateCase{"2024-05-01t06:30:00.000Z", std::nullopt},
-        DateCase{"2024-05-01 06:30:00.000Z", std::nullopt},
-        DateCase{"2024-05-01T06:30:00.000", std::nullopt},
-        DateCase{"2024-05-01T06:30:00.000+0200", std::nullopt},
+        DateCase{"2024-05-01t06:30:00.000Z", std::nullopt}, DateCase{"2024-05-01 06:30:00.000Z", std::nullopt},
+        DateCase{"2024-05-01T06:30:00.000", std::nullopt}, DateCase{"2024-05-01T06:30:00.000+0200", std::nullopt},
         DateCase{"2024-05-01T06:30:00.000+24:00", std::nullopt},
         DateCase{"2023-02-29T00:00:00.000Z", std::nullopt},  // not a leap year
         DateCase{"1900-02-29T00:00:00.000Z", std::nullopt},
-        DateCase{"2024-04-31T00:00:00.000Z", std::nullopt},
-        DateCase{"2024-05-01T24:00:00.000Z", std::nullopt},
-        DateCase{" 2024-05-01T06:30:00.000Z", std::nullopt},
-        DateCase{"", std::nullopt}));
+        DateCase{"2024-04-31T00:00:00.000Z", std::nullopt}, DateCase{"2024-05-01T24:00:00.000Z", std::nullopt},
+        DateCase{" 2024-05-01T06:30:00.000Z", std::nullopt}, DateCase{"", std::nullopt}));
 
 TEST(DateFormat, WritesUtcWithThreeFractionDigitsAndRoundTripsAroundTheEpoch) {
     EXPECT_EQ(plRFC3339.format(at(1709208000500)), "2024-02-29T12:00:00.500Z");

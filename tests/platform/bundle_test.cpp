@@ -1,12 +1,12 @@
 #include "palomir/bundle.hpp"
 
 #include <gtest/gtest.h>
-#include <unistd.h>
 
 #include <fstream>
 
 #include "palomir/environment.hpp"
 #include "palomir_build_info.hpp"
+#include "palomir_test/tls.hpp"
 
 using namespace palomir;
 namespace fs = std::filesystem;
@@ -16,22 +16,17 @@ namespace {
 // A Palomir.bundle stand-in, removed again when the test ends.
 class ResourceDirectory : public ::testing::Test {
 protected:
-    void SetUp() override {
-        _directory = fs::temp_directory_path() / ("palomir-bundle-" + std::to_string(getpid()));
-        fs::remove_all(_directory);
-        fs::create_directories(_directory);
-    }
     void TearDown() override {
         Bundle::setPalomirResourceDirectory({});
         clearLocaleOverride();
-        fs::remove_all(_directory);
     }
     void write(const std::string& name, const std::string& content) {
         const auto path = _directory / name;
         fs::create_directories(path.parent_path());
         std::ofstream(path, std::ios::binary) << content;
     }
-    fs::path _directory;
+    palomir_test::TempDir _temp;
+    const fs::path _directory = _temp.path();
 };
 
 }  // namespace
@@ -39,7 +34,7 @@ protected:
 TEST_F(ResourceDirectory, OverrideDirectoryIsLookedInFirstAndCompiledInResourcesSecond) {
     auto bundle = Bundle::palomir();
     EXPECT_EQ(bundle.identifier(), "io.palomir.sdk");
-    EXPECT_EQ(bundle.string("CFBundleVersion"), PALOMIR_BUILD_NUMBER);
+    EXPECT_EQ(bundle.string("CFBundleVersion"), PALOMIR_VERSION_STRING);
     EXPECT_EQ(bundle.string("CFBundleShortVersionString"), PALOMIR_VERSION_STRING);
     EXPECT_EQ(bundle.resourceDirectory(), std::nullopt);  // no Palomir.bundle beside the test program
     EXPECT_EQ(bundle.resourceFile("en.lproj/Localizable.json"), std::nullopt);

@@ -20,13 +20,7 @@ struct LocaleCase {
     std::optional<std::string> regionCode;
 };
 
-void setOrUnset(const char* name, const char* value) {
-    if (value) {
-        setenv(name, value, 1);
-    } else {
-        unsetenv(name);
-    }
-}
+void setOrUnset(const char* name, const char* value) { value ? setenv(name, value, 1) : unsetenv(name); }
 
 class LocaleFromEnvironment : public ::testing::TestWithParam<LocaleCase> {};
 
@@ -44,9 +38,10 @@ TEST_P(LocaleFromEnvironment, ReadsLanguagesAndLocale) {
     EXPECT_EQ(locale.languageCode, c.languageCode);
     EXPECT_EQ(locale.regionCode, c.regionCode);
 
-    // An override wins over whatever the environment says.
-    setLocaleOverride({"ja-JP", "en"}, LocaleInfo{"ja_JP", "ja", "JP"});
-    EXPECT_EQ(preferredLanguages(), (std::vector<std::string>{"ja-JP", "en"}));
+    // An override wins over whatever the environment says; C and POSIX name
+    // no language there either.
+    setLocaleOverride({"C", "ja-JP", "POSIX"}, LocaleInfo{"ja_JP", "ja", "JP"});
+    EXPECT_EQ(preferredLanguages(), (std::vector<std::string>{"ja-JP"}));
     EXPECT_EQ(currentLocale().regionCode, "JP");
     clearLocaleOverride();
     EXPECT_EQ(preferredLanguages(), c.languages);

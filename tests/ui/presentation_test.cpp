@@ -75,7 +75,7 @@ TEST_F(PresentationTest, PresentingFillsTheWindowAndDismissingRemovesTheScreen) 
 TEST(InstallTest, BindsMainQueueDescribesTheApplicationAndKeepsAMainBundleTheHostSet) {
     QCoreApplication::setOrganizationDomain(QStringLiteral("example.com"));
     QCoreApplication::setApplicationName(QStringLiteral("Lists"));
-    QCoreApplication::setApplicationVersion(QStringLiteral("3.1.4"));
+    QCoreApplication::setApplicationVersion(QStringLiteral("3.1.4+27"));
     QGuiApplication::setApplicationDisplayName(QStringLiteral("My Lists"));
     auto& application = *qobject_cast<QGuiApplication*>(QCoreApplication::instance());
     install(application);
@@ -84,7 +84,7 @@ TEST(InstallTest, BindsMainQueueDescribesTheApplicationAndKeepsAMainBundleTheHos
     EXPECT_EQ(main.identifier(), std::optional<std::string>("com.example.Lists"));
     EXPECT_EQ(main.string("CFBundleDisplayName"), std::optional<std::string>("My Lists"));
     EXPECT_EQ(main.string("CFBundleShortVersionString"), std::optional<std::string>("3.1.4"));
-    EXPECT_EQ(main.string("CFBundleVersion"), std::optional<std::string>("3.1.4"));
+    EXPECT_EQ(main.string("CFBundleVersion"), std::optional<std::string>("27"));
     EXPECT_FALSE(preferredLanguages().empty());
     bool ranOnMain = false;
     MainQueue::shared()->async([&] { ranOnMain = MainQueue::shared()->isCurrent(); });
