@@ -61,14 +61,18 @@ int verifyCertificate(X509_STORE_CTX* storeContext, void* argument) {
     return static_cast<const TlsVerification*>(argument)->verify(storeContext);
 }
 
-// A released session's thread frees its TLS state on its way out. If the
-// process exits meanwhile, OpenSSL's exit handler may free the locks that
-// thread still uses, so an exit handler of our own, which runs before
-// OpenSSL's, waits a moment for such threads.
+// A released session's thread frees its TLS state on its way out, and
+// OpenSSL's per-thread clean-up runs as the thread ends. If the process exits
+// meanwhile, OpenSSL's exit handler frees locks such a thread still takes. So
+// the threads are joinable: one that has done its work is joined by the next
+// launch or, at the latest, by an exit handler of ours, which runs before
+// OpenSSL's and first waits a moment for released sessions still finishing.
 struct EndingThreads {
     std::mutex mutex;
     std::condition_variable ended;
     int count = 0;
+    std::vector<std::thread> finished;
+    bool exiting = false;  // threads ending later detach themselves
 };
 
 EndingThreads& endingThreads() {
@@ -76,10 +80,23 @@ EndingThreads& endingThreads() {
     return threads;
 }
 
+void joinFinishedThreads() {
+    std::vector<std::thread> finished;
+    {
+        std::lock_guard lock(endingThreads().mutex);
+        finished.swap(endingThreads().finished);
+    }
+    for (std::thread& thread : finished) thread.join();
+}
+
 void waitForEndingThreads() {
-    EndingThreads& threads = endingThreads();
-    std::unique_lock lock(threads.mutex);
-    threads.ended.wait_for(lock, std::chrono::milliseconds(500), [&] { return threads.count == 0; });
+    {
+        EndingThreads& threads = endingThreads();
+        std::unique_lock lock(threads.mutex);
+        threads.ended.wait_for(lock, std::chrono::milliseconds(500), [&] { return threads.count <= 0; });
+        threads.exiting = true;
+    }
+    joinFinishedThreads();
 }
 
 }  // namespace
@@ -153,20 +170,31 @@ struct HttpSession::Core : std::enable_shared_from_this<HttpSession::Core> {
     }
 
     void launch() {
+        joinFinishedThreads();
         // The thread keeps the machinery alive until it is released and idle.
-        std::thread([core = shared_from_this()]() mutable {
+        std::lock_guard lock(mutex);
+        thread = std::thread([core = shared_from_this()]() mutable {
             core->threadId.store(std::this_thread::get_id());
             pthread_setname_np(pthread_self(), core->configuration.label.substr(0, 15).c_str());
             core->run();
             core->threadId.store({});
+            std::thread self;
+            {
+                std::lock_guard lock(core->mutex);
+                self = std::move(core->thread);
+            }
             core.reset();
             // What OpenSSL would free for this thread after it ends, freed now.
             OPENSSL_thread_stop();
             EndingThreads& ending = endingThreads();
             std::lock_guard lock(ending.mutex);
+            if (ending.exiting)
+                self.detach();
+            else
+                ending.finished.push_back(std::move(self));
             --ending.count;
             ending.ended.notify_all();
-        }).detach();
+        });
     }
 
     void release() {
@@ -197,6 +225,7 @@ struct HttpSession::Core : std::enable_shared_from_this<HttpSession::Core> {
     std::atomic<std::thread::id> threadId{};
 
     std::mutex mutex;
+    std::thread thread;  // until the thread hands itself to EndingThreads
     std::deque<std::unique_ptr<Transfer>> pending;
     bool started = false;
     bool released = false;
