@@ -417,10 +417,10 @@ PL_API bool pl_feedback_with_files(const char* title, const char* message, const
 
 /** A colour, each component from 0.0 to 1.0. */
 typedef struct PLColor {
-    double red;
-    double green;
-    double blue;
-    double alpha;
+    double red;   /**< Red component. */
+    double green; /**< Green component. */
+    double blue;  /**< Blue component. */
+    double alpha; /**< Opacity: 0.0 transparent, 1.0 opaque. */
 } PLColor;
 
 /** Which colour of the theme pl_configuration_theme_color reads. */
