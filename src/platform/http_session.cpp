@@ -364,10 +364,11 @@ std::optional<HttpError> HttpSession::Core::configure(Transfer& transfer) {
 
     // Fields named twice go out once, their values joined, in first-seen order.
     HttpHeaders fields;
-    for (const auto& [name, value] : request.headers) {
+    for (const auto& field : request.headers) {
+        const auto& [name, value] = field;
         if (name.empty() || hasLineBreak(name) || hasLineBreak(value) || name.find(':') != std::string::npos)
             return invalid("Invalid header field: " + name);
-        auto same = std::find_if(fields.begin(), fields.end(), [&](const auto& f) { return sameName(f.first, name); });
+        auto same = std::find_if(fields.begin(), fields.end(), [&](const auto& f) { return sameName(f.first, field.first); });
         if (same == fields.end())
             fields.emplace_back(name, value);
         else
