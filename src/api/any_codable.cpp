@@ -21,28 +21,28 @@ std::optional<AnyValue> wholeNumber(double d) {
 
 }  // namespace
 
-AnyValue read(JsonPath& path, JsonValue value, Tag<AnyValue>) {
+AnyValue read(JsonPath& path, const json& value, Tag<AnyValue>) {
     // The order decides ambiguous numbers: integers that fit a signed word
     // stay signed, larger ones unsigned, everything else is a double.
-    switch (value.kind()) {
+    switch (value.type()) {
         case json::value_t::null: return AnyValue::null();
-        case json::value_t::boolean: return AnyValue::boolean(value.boolean());
-        case json::value_t::number_integer: return AnyValue::int64(value.integer());
+        case json::value_t::boolean: return AnyValue::boolean(value.get<bool>());
+        case json::value_t::number_integer: return AnyValue::int64(value.get<std::int64_t>());
         case json::value_t::number_unsigned: {
-            const auto v = value.unsignedInteger();
+            const auto v = value.get<std::uint64_t>();
             if (v <= static_cast<std::uint64_t>(std::numeric_limits<std::int64_t>::max()))
                 return AnyValue::int64(static_cast<std::int64_t>(v));
             return AnyValue::uint64(v);
         }
         case json::value_t::number_float:
-            return wholeNumber(value.number()).value_or(AnyValue::double_(value.number()));
-        case json::value_t::string: return AnyValue::string(std::string(value.text()));
+            return wholeNumber(value.get<double>()).value_or(AnyValue::double_(value.get<double>()));
+        case json::value_t::string: return AnyValue::string(std::string(text(value)));
         case json::value_t::array:
         case json::value_t::object:
             // Text is bounded when parsed; this bounds values a host builds itself.
             if (path.depth() >= maxNesting)
                 path.fail("containers nested deeper than " + std::to_string(maxNesting) + " levels");
-            if (value.isArray()) return AnyValue::list(read(path, value, Tag<AnyList>{}));
+            if (value.is_array()) return AnyValue::list(read(path, value, Tag<AnyList>{}));
             return AnyValue::map(read(path, value, Tag<AnyMap>{}));
         case json::value_t::binary:
         case json::value_t::discarded: break;
@@ -50,11 +50,11 @@ AnyValue read(JsonPath& path, JsonValue value, Tag<AnyValue>) {
     path.fail("AnyDecodable value cannot be decoded");
 }
 
-AnyCodable read(JsonPath& path, JsonValue value, Tag<AnyCodable>) {
+AnyCodable read(JsonPath& path, const json& value, Tag<AnyCodable>) {
     return AnyCodable(read(path, value, Tag<AnyValue>{}));
 }
 
-AnyDecodable read(JsonPath& path, JsonValue value, Tag<AnyDecodable>) {
+AnyDecodable read(JsonPath& path, const json& value, Tag<AnyDecodable>) {
     return AnyDecodable(read(path, value, Tag<AnyValue>{}));
 }
 

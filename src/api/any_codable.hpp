@@ -8,9 +8,9 @@
 
 namespace palomir::model {
 
-AnyValue read(JsonPath& path, JsonValue value, Tag<AnyValue>);
-AnyCodable read(JsonPath& path, JsonValue value, Tag<AnyCodable>);
-AnyDecodable read(JsonPath& path, JsonValue value, Tag<AnyDecodable>);
+AnyValue read(JsonPath& path, const json& value, Tag<AnyValue>);
+AnyCodable read(JsonPath& path, const json& value, Tag<AnyCodable>);
+AnyDecodable read(JsonPath& path, const json& value, Tag<AnyDecodable>);
 
 /// Encodes `value`; `keyPath` names where it sits (for the error's key path).
 Result<json, EncodingError> encodeAny(const AnyValue& value, const std::string& keyPath);

@@ -6,30 +6,30 @@ namespace {
 
 // Every enumeration read from JSON must name one of its cases exactly.
 template <class Enum, class FromString>
-Enum readEnum(JsonPath& path, JsonValue value, const char* typeName, FromString fromString) {
-    if (!value.isString()) failExpected(path, "a string", value);
-    const std::string_view text = value.text();
-    if (auto parsed = fromString(text)) return *parsed;
-    path.fail("unknown value \"" + std::string(text) + "\" for " + typeName);
+Enum readEnum(JsonPath& path, const json& value, const char* typeName, FromString fromString) {
+    if (!value.is_string()) failExpected(path, "a string", value);
+    const std::string_view name = text(value);
+    if (auto parsed = fromString(name)) return *parsed;
+    path.fail("unknown value \"" + std::string(name) + "\" for " + typeName);
 }
 
 }  // namespace
 
-Date read(JsonPath& path, JsonValue value, Tag<Date>) {
-    if (!value.isString()) failExpected(path, "a string", value);
-    if (auto date = plRFC3339.parse(value.text())) return *date;
+Date read(JsonPath& path, const json& value, Tag<Date>) {
+    if (!value.is_string()) failExpected(path, "a string", value);
+    if (auto date = plRFC3339.parse(text(value))) return *date;
     path.fail("not a valid date");
 }
 
-Url read(JsonPath& path, JsonValue value, Tag<Url>) {
-    if (!value.isString()) failExpected(path, "a string", value);
-    if (auto url = Url::parseReference(value.text())) return std::move(*url);
+Url read(JsonPath& path, const json& value, Tag<Url>) {
+    if (!value.is_string()) failExpected(path, "a string", value);
+    if (auto url = Url::parseReference(text(value))) return std::move(*url);
     path.fail("not a valid URL");
 }
 
 // Lockdown links are opened or loaded as they stand, with no base address to
 // resolve a relative one against.
-static std::optional<Url> optionalAbsoluteUrl(JsonPath& path, JsonValue object, std::string_view key) {
+static std::optional<Url> optionalAbsoluteUrl(JsonPath& path, const json& object, std::string_view key) {
     auto url = optional<Url>(path, object, key);
     if (url && !url->isAbsolute()) {
         PathScope scope(path, key);
@@ -38,49 +38,49 @@ static std::optional<Url> optionalAbsoluteUrl(JsonPath& path, JsonValue object, 
     return url;
 }
 
-Uuid read(JsonPath& path, JsonValue value, Tag<Uuid>) {
-    if (!value.isString()) failExpected(path, "a string", value);
-    if (auto uuid = Uuid::parse(value.text())) return *uuid;
+Uuid read(JsonPath& path, const json& value, Tag<Uuid>) {
+    if (!value.is_string()) failExpected(path, "a string", value);
+    if (auto uuid = Uuid::parse(text(value))) return *uuid;
     path.fail("not a valid UUID");
 }
 
-CheckinEvent read(JsonPath& path, JsonValue value, Tag<CheckinEvent>) {
+CheckinEvent read(JsonPath& path, const json& value, Tag<CheckinEvent>) {
     return readEnum<CheckinEvent>(path, value, "CheckinEvent", checkinEventFromString);
 }
 
-LockdownType read(JsonPath& path, JsonValue value, Tag<LockdownType>) {
+LockdownType read(JsonPath& path, const json& value, Tag<LockdownType>) {
     return readEnum<LockdownType>(path, value, "LockdownType", lockdownTypeFromString);
 }
 
-ServiceState read(JsonPath& path, JsonValue value, Tag<ServiceState>) {
+ServiceState read(JsonPath& path, const json& value, Tag<ServiceState>) {
     // Tolerant on purpose: a state the backend adds later shows as the worst.
-    if (!value.isString()) failExpected(path, "a string", value);
-    return serviceStateFromString(value.text()).value_or(ServiceState::unknown);
+    if (!value.is_string()) failExpected(path, "a string", value);
+    return serviceStateFromString(text(value)).value_or(ServiceState::unknown);
 }
 
-Color read(JsonPath& path, JsonValue value, Tag<Color>) {
-    if (!value.isString()) failExpected(path, "a string", value);
-    return Color::fromHex(value.text());
+Color read(JsonPath& path, const json& value, Tag<Color>) {
+    if (!value.is_string()) failExpected(path, "a string", value);
+    return Color::fromHex(text(value));
 }
 
-ColorGradient::Point read(JsonPath& path, JsonValue value, Tag<ColorGradient::Point>) {
-    if (!value.isArray() || value.size() != 2) path.fail("expected an array of two numbers");
-    const JsonValue x = value.element(0);
-    const JsonValue y = value.element(1);
-    if (!x.isNumber() || !y.isNumber()) path.fail("expected an array of two numbers");
-    return ColorGradient::Point{x.number(), y.number()};
+ColorGradient::Point read(JsonPath& path, const json& value, Tag<ColorGradient::Point>) {
+    if (!value.is_array() || value.size() != 2) path.fail("expected an array of two numbers");
+    const json& x = value[0];
+    const json& y = value[1];
+    if (!x.is_number() || !y.is_number()) path.fail("expected an array of two numbers");
+    return ColorGradient::Point{x.get<double>(), y.get<double>()};
 }
 
-NextCheckin read(JsonPath& path, JsonValue value, Tag<NextCheckin>) {
-    const JsonValue o = expectObject(path, value);
+NextCheckin read(JsonPath& path, const json& value, Tag<NextCheckin>) {
+    const json& o = expectObject(path, value);
     NextCheckin out;
     out.automaticallyAt = optional<Date>(path, o, "automatically_at");
     out.onEvent = required<std::vector<CheckinEvent>>(path, o, "on_event");
     return out;
 }
 
-ColorGradient read(JsonPath& path, JsonValue value, Tag<ColorGradient>) {
-    const JsonValue o = expectObject(path, value);
+ColorGradient read(JsonPath& path, const json& value, Tag<ColorGradient>) {
+    const json& o = expectObject(path, value);
     ColorGradient out;
     out.colors = required<std::vector<Color>>(path, o, "colors");
     out.startPoint = required<ColorGradient::Point>(path, o, "startPoint");
@@ -88,8 +88,8 @@ ColorGradient read(JsonPath& path, JsonValue value, Tag<ColorGradient>) {
     return out;
 }
 
-Theme read(JsonPath& path, JsonValue value, Tag<Theme>) {
-    const JsonValue o = expectObject(path, value);
+Theme read(JsonPath& path, const json& value, Tag<Theme>) {
+    const json& o = expectObject(path, value);
     Theme out;
     out.textColor = required<Color>(path, o, "text_color");
     out.backgroundColor = required<Color>(path, o, "background_color");
@@ -100,8 +100,8 @@ Theme read(JsonPath& path, JsonValue value, Tag<Theme>) {
     return out;
 }
 
-Note read(JsonPath& path, JsonValue value, Tag<Note>) {
-    const JsonValue o = expectObject(path, value);
+Note read(JsonPath& path, const json& value, Tag<Note>) {
+    const json& o = expectObject(path, value);
     Note out;
     out.identifier = required<Uuid>(path, o, "identifier");
     out.title = required<std::string>(path, o, "title");
@@ -111,8 +111,8 @@ Note read(JsonPath& path, JsonValue value, Tag<Note>) {
     return out;
 }
 
-Lockdown read(JsonPath& path, JsonValue value, Tag<Lockdown>) {
-    const JsonValue o = expectObject(path, value);
+Lockdown read(JsonPath& path, const json& value, Tag<Lockdown>) {
+    const json& o = expectObject(path, value);
     Lockdown out;
     out.active = required<bool>(path, o, "active");
     out.type = optional<LockdownType>(path, o, "type");
@@ -127,8 +127,8 @@ Lockdown read(JsonPath& path, JsonValue value, Tag<Lockdown>) {
     return out;
 }
 
-ServiceMessage read(JsonPath& path, JsonValue value, Tag<ServiceMessage>) {
-    const JsonValue o = expectObject(path, value);
+ServiceMessage read(JsonPath& path, const json& value, Tag<ServiceMessage>) {
+    const json& o = expectObject(path, value);
     ServiceMessage out;
     out.title = optional<std::string>(path, o, "title");
     out.description = optional<std::string>(path, o, "description");
@@ -140,8 +140,8 @@ ServiceMessage read(JsonPath& path, JsonValue value, Tag<ServiceMessage>) {
     return out;
 }
 
-Service read(JsonPath& path, JsonValue value, Tag<Service>) {
-    const JsonValue o = expectObject(path, value);
+Service read(JsonPath& path, const json& value, Tag<Service>) {
+    const json& o = expectObject(path, value);
     Service out;
     out.name = required<std::string>(path, o, "name");
     out.identifier = required<std::string>(path, o, "identifier");
@@ -154,18 +154,18 @@ Service read(JsonPath& path, JsonValue value, Tag<Service>) {
     return out;
 }
 
-ServicesResponse read(JsonPath& path, JsonValue value, Tag<ServicesResponse>) {
-    const JsonValue o = expectObject(path, value);
+ServicesResponse read(JsonPath& path, const json& value, Tag<ServicesResponse>) {
+    const json& o = expectObject(path, value);
     return ServicesResponse{required<std::vector<Service>>(path, o, "services")};
 }
 
-ServiceResponse read(JsonPath& path, JsonValue value, Tag<ServiceResponse>) {
-    const JsonValue o = expectObject(path, value);
+ServiceResponse read(JsonPath& path, const json& value, Tag<ServiceResponse>) {
+    const json& o = expectObject(path, value);
     return ServiceResponse{required<Service>(path, o, "service")};
 }
 
-Configuration read(JsonPath& path, JsonValue value, Tag<Configuration>) {
-    const JsonValue o = expectObject(path, value);
+Configuration read(JsonPath& path, const json& value, Tag<Configuration>) {
+    const json& o = expectObject(path, value);
     Configuration out;
     out.version = required<std::string>(path, o, "version");
     out.nextCheckin = optional<NextCheckin>(path, o, "next_checkin");
@@ -176,8 +176,8 @@ Configuration read(JsonPath& path, JsonValue value, Tag<Configuration>) {
     return out;
 }
 
-DirectUpload read(JsonPath& path, JsonValue value, Tag<DirectUpload>) {
-    const JsonValue o = expectObject(path, value);
+DirectUpload read(JsonPath& path, const json& value, Tag<DirectUpload>) {
+    const json& o = expectObject(path, value);
     DirectUpload out;
     out.filename = required<std::string>(path, o, "filename");
     out.byteSize = required<std::int64_t>(path, o, "byte_size");
@@ -186,16 +186,16 @@ DirectUpload read(JsonPath& path, JsonValue value, Tag<DirectUpload>) {
     return out;
 }
 
-DirectUploadResponse::DirectUpload read(JsonPath& path, JsonValue value, Tag<DirectUploadResponse::DirectUpload>) {
-    const JsonValue o = expectObject(path, value);
+DirectUploadResponse::DirectUpload read(JsonPath& path, const json& value, Tag<DirectUploadResponse::DirectUpload>) {
+    const json& o = expectObject(path, value);
     DirectUploadResponse::DirectUpload out;
     out.url = required<std::string>(path, o, "url");
     out.headers = required<std::map<std::string, std::string>>(path, o, "headers");
     return out;
 }
 
-DirectUploadResponse read(JsonPath& path, JsonValue value, Tag<DirectUploadResponse>) {
-    const JsonValue o = expectObject(path, value);
+DirectUploadResponse read(JsonPath& path, const json& value, Tag<DirectUploadResponse>) {
+    const json& o = expectObject(path, value);
     DirectUploadResponse out;
     out.identifier = required<std::int64_t>(path, o, "id");
     out.key = required<std::string>(path, o, "key");
@@ -205,8 +205,8 @@ DirectUploadResponse read(JsonPath& path, JsonValue value, Tag<DirectUploadRespo
     return out;
 }
 
-Feedback read(JsonPath& path, JsonValue value, Tag<Feedback>) {
-    const JsonValue o = expectObject(path, value);
+Feedback read(JsonPath& path, const json& value, Tag<Feedback>) {
+    const json& o = expectObject(path, value);
     Feedback out;
     out.title = required<std::string>(path, o, "title");
     out.message = required<std::string>(path, o, "message");

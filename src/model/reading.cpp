@@ -24,8 +24,8 @@ void JsonPath::fail(std::string reason) const { throw DecodeFailure{DecodingErro
 
 namespace {
 
-const char* kindName(JsonValue value) {
-    switch (value.kind()) {
+const char* kindName(const json& value) {
+    switch (value.type()) {
         case json::value_t::null: return "null";
         case json::value_t::boolean: return "boolean";
         case json::value_t::number_integer:
@@ -42,42 +42,42 @@ const char* kindName(JsonValue value) {
 
 }  // namespace
 
-void failExpected(const JsonPath& path, const char* expected, JsonValue found) {
+void failExpected(const JsonPath& path, const char* expected, const json& found) {
     path.fail(std::string("expected ") + expected + ", found " + kindName(found));
 }
 
-JsonValue expectObject(const JsonPath& path, JsonValue value) {
-    if (!value.isObject()) failExpected(path, "an object", value);
+const json& expectObject(const JsonPath& path, const json& value) {
+    if (!value.is_object()) failExpected(path, "an object", value);
     return value;
 }
 
-JsonValue expectArray(const JsonPath& path, JsonValue value) {
-    if (!value.isArray()) failExpected(path, "an array", value);
+const json& expectArray(const JsonPath& path, const json& value) {
+    if (!value.is_array()) failExpected(path, "an array", value);
     return value;
 }
 
-std::string read(JsonPath& path, JsonValue value, Tag<std::string>) {
-    if (!value.isString()) failExpected(path, "a string", value);
-    return std::string(value.text());
+std::string read(JsonPath& path, const json& value, Tag<std::string>) {
+    if (!value.is_string()) failExpected(path, "a string", value);
+    return std::string(text(value));
 }
 
-bool read(JsonPath& path, JsonValue value, Tag<bool>) {
-    if (!value.isBoolean()) failExpected(path, "a boolean", value);
-    return value.boolean();
+bool read(JsonPath& path, const json& value, Tag<bool>) {
+    if (!value.is_boolean()) failExpected(path, "a boolean", value);
+    return value.get<bool>();
 }
 
-std::int64_t read(JsonPath& path, JsonValue value, Tag<std::int64_t>) {
-    switch (value.kind()) {
-        case json::value_t::number_integer: return value.integer();
+std::int64_t read(JsonPath& path, const json& value, Tag<std::int64_t>) {
+    switch (value.type()) {
+        case json::value_t::number_integer: return value.get<std::int64_t>();
         case json::value_t::number_unsigned: {
-            const auto v = value.unsignedInteger();
+            const auto v = value.get<std::uint64_t>();
             if (v > static_cast<std::uint64_t>(std::numeric_limits<std::int64_t>::max()))
                 path.fail("number does not fit a 64-bit integer");
             return static_cast<std::int64_t>(v);
         }
         case json::value_t::number_float: {
             // 7.0 is the integer 7; 7.5 is no integer at all.
-            const double d = value.number();
+            const double d = value.get<double>();
             if (std::trunc(d) != d) path.fail("expected an integer, found a number with a fraction");
             if (d < -9223372036854775808.0 || d >= 9223372036854775808.0)
                 path.fail("number does not fit a 64-bit integer");
@@ -87,9 +87,9 @@ std::int64_t read(JsonPath& path, JsonValue value, Tag<std::int64_t>) {
     }
 }
 
-double read(JsonPath& path, JsonValue value, Tag<double>) {
-    if (!value.isNumber()) failExpected(path, "a number", value);
-    return value.number();
+double read(JsonPath& path, const json& value, Tag<double>) {
+    if (!value.is_number()) failExpected(path, "a number", value);
+    return value.get<double>();
 }
 
 }  // namespace palomir::model

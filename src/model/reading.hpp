@@ -29,47 +29,12 @@ struct DecodeFailure {
     DecodingError error;
 };
 
-/// A cursor on one value of a document; cheap to copy. A value from a failed
-/// find() is missing and must not be read.
-class JsonValue {
-public:
-    explicit JsonValue(const json* value) : _value(value) {}
-
-    bool missing() const { return _value == nullptr; }
-    json::value_t kind() const { return _value->type(); }
-    bool isNull() const { return _value->is_null(); }
-    bool isBoolean() const { return _value->is_boolean(); }
-    bool isString() const { return _value->is_string(); }
-    bool isArray() const { return _value->is_array(); }
-    bool isObject() const { return _value->is_object(); }
-    bool isNumber() const { return _value->is_number(); }
-
-    bool boolean() const { return _value->get<bool>(); }
-    std::int64_t integer() const { return _value->get<std::int64_t>(); }
-    std::uint64_t unsignedInteger() const { return _value->get<std::uint64_t>(); }
-    /// Any number, widened or narrowed to a double.
-    double number() const { return _value->get<double>(); }
-    std::string_view text() const { return _value->get_ref<const std::string&>(); }
-    std::size_t size() const { return _value->size(); }
-
-    JsonValue element(std::size_t index) const { return JsonValue(&(*_value)[index]); }
-    /// The member named `key`, or a missing value. Of repeated keys in the
-    /// text nlohmann keeps the last.
-    JsonValue find(std::string_view key) const {
-        const auto found = _value->find(key);
-        return JsonValue(found == _value->end() ? nullptr : &*found);
-    }
-    /// The members, ordered by key.
-    const json::object_t& members() const { return _value->get_ref<const json::object_t&>(); }
-
-private:
-    const json* _value;
-};
+/// A string value's text; the caller has checked that it is a string.
+inline std::string_view text(const json& value) { return value.get_ref<const std::string&>(); }
 
 /// The member being read, kept as a stack while descending.
 class JsonPath {
 public:
-    JsonPath() { _segments.reserve(16); }
 
     void push(std::string_view key) { _segments.push_back({key, 0, true}); }
     void push(std::size_t index) { _segments.push_back({{}, index, false}); }
@@ -103,58 +68,58 @@ private:
     JsonPath& _path;
 };
 
-[[noreturn]] void failExpected(const JsonPath& path, const char* expected, JsonValue found);
+[[noreturn]] void failExpected(const JsonPath& path, const char* expected, const json& found);
 
-JsonValue expectObject(const JsonPath& path, JsonValue value);
-JsonValue expectArray(const JsonPath& path, JsonValue value);
+const json& expectObject(const JsonPath& path, const json& value);
+const json& expectArray(const JsonPath& path, const json& value);
 
 template <class T>
 struct Tag {};
 
-std::string read(JsonPath& path, JsonValue value, Tag<std::string>);
-bool read(JsonPath& path, JsonValue value, Tag<bool>);
-std::int64_t read(JsonPath& path, JsonValue value, Tag<std::int64_t>);
-double read(JsonPath& path, JsonValue value, Tag<double>);
+std::string read(JsonPath& path, const json& value, Tag<std::string>);
+bool read(JsonPath& path, const json& value, Tag<bool>);
+std::int64_t read(JsonPath& path, const json& value, Tag<std::int64_t>);
+double read(JsonPath& path, const json& value, Tag<double>);
 
 template <class T>
-std::vector<T> read(JsonPath& path, JsonValue value, Tag<std::vector<T>>) {
-    const JsonValue array = expectArray(path, value);
+std::vector<T> read(JsonPath& path, const json& value, Tag<std::vector<T>>) {
+    const json& array = expectArray(path, value);
     std::vector<T> out;
     out.reserve(array.size());
     for (std::size_t index = 0; index < array.size(); ++index) {
         PathScope scope(path, index);
-        out.push_back(read(path, array.element(index), Tag<T>{}));
+        out.push_back(read(path, array[index], Tag<T>{}));
     }
     return out;
 }
 
 template <class T>
-std::map<std::string, T> read(JsonPath& path, JsonValue value, Tag<std::map<std::string, T>>) {
-    const JsonValue object = expectObject(path, value);
+std::map<std::string, T> read(JsonPath& path, const json& value, Tag<std::map<std::string, T>>) {
+    const json& object = expectObject(path, value);
     std::map<std::string, T> out;
-    for (const auto& [key, member] : object.members()) {
+    for (const auto& [key, member] : object.get_ref<const json::object_t&>()) {
         PathScope scope(path, key);
-        out.emplace_hint(out.end(), key, read(path, JsonValue(&member), Tag<T>{}));
+        out.emplace_hint(out.end(), key, read(path, member, Tag<T>{}));
     }
     return out;
 }
 
 /// A member that must be present and not null.
 template <class T>
-T required(JsonPath& path, JsonValue object, std::string_view key) {
+T required(JsonPath& path, const json& object, std::string_view key) {
     PathScope scope(path, key);
-    const JsonValue member = object.find(key);
-    if (member.missing()) path.fail("missing required key");
-    return read(path, member, Tag<T>{});
+    const auto member = object.find(key);
+    if (member == object.end()) path.fail("missing required key");
+    return read(path, *member, Tag<T>{});
 }
 
 /// A member that is absent when missing or null, and read strictly otherwise.
 template <class T>
-std::optional<T> optional(JsonPath& path, JsonValue object, std::string_view key) {
-    const JsonValue member = object.find(key);
-    if (member.missing() || member.isNull()) return std::nullopt;
+std::optional<T> optional(JsonPath& path, const json& object, std::string_view key) {
+    const auto member = object.find(key);
+    if (member == object.end() || member->is_null()) return std::nullopt;
     PathScope scope(path, key);
-    return read(path, member, Tag<T>{});
+    return read(path, *member, Tag<T>{});
 }
 
 /// Reads a T at the root of a document and turns failures into errors.
@@ -162,7 +127,7 @@ template <class T>
 Result<T, DecodingError> decodeRoot(const json& value) {
     try {
         JsonPath path;
-        return Ok<T>{read(path, JsonValue(&value), Tag<T>{})};
+        return Ok<T>{read(path, value, Tag<T>{})};
     } catch (DecodeFailure& failure) {
         return Err<DecodingError>{std::move(failure.error)};
     } catch (const std::exception& e) {
