@@ -51,16 +51,8 @@ public:
 /// "2024-05-01 14:03:07GMT+02:00 [ERROR] message\n", in local time.
 class PALOMIR_API PalomirLogFormatter final : public LogFormatter {
 public:
-    /// A formatter in the local time zone.
-    PalomirLogFormatter();
-    /// Releases the clock.
-    ~PalomirLogFormatter() override;
     /// The line as shown above, with the current local time.
     std::string format(const std::string& message, LogType type) const override;
-
-private:
-    struct StampCache;
-    std::shared_ptr<StampCache> _stamp;
 };
 
 /// The console logger: every message, verbatim, one line on standard error.

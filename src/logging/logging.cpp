@@ -6,7 +6,6 @@
 #include <cerrno>
 #include <cstdio>
 #include <ctime>
-#include <mutex>
 
 namespace palomir {
 
@@ -53,30 +52,10 @@ std::string renderStamp(std::time_t second) {
 
 }  // namespace
 
-// The stamp shows only the second, and rendering it (time zone look-up and
-// all) costs more than the rest of a line, so it is rendered once a second.
-struct PalomirLogFormatter::StampCache {
-    std::mutex mutex;
-    std::time_t second = -1;
-    std::string text;
-};
-
-PalomirLogFormatter::PalomirLogFormatter() : _stamp(std::make_shared<StampCache>()) {}
-PalomirLogFormatter::~PalomirLogFormatter() = default;
-
 std::string PalomirLogFormatter::format(const std::string& message, LogType type) const {
-    const std::time_t now = std::time(nullptr);
     const std::string_view label = logTypeLabel(type);
-    std::string line;
-    line.reserve(40 + label.size() + message.size());
-    {
-        std::lock_guard lock(_stamp->mutex);
-        if (_stamp->second != now) {
-            _stamp->text = renderStamp(now);
-            _stamp->second = now;
-        }
-        line.append(_stamp->text);
-    }
+    std::string line = renderStamp(std::time(nullptr));
+    line.reserve(line.size() + label.size() + message.size() + 4);
     line.append(" [").append(label).append("] ").append(message).push_back('\n');
     return line;
 }
