@@ -5,15 +5,13 @@
 #include <openssl/ssl.h>
 #include <openssl/x509.h>
 #include <pthread.h>
+#include <strings.h>
 
 #include <algorithm>
 #include <atomic>
-#include <cctype>
 #include <climits>
 #include <condition_variable>
-#include <cstdio>
 #include <cstdlib>
-#include <cstring>
 #include <deque>
 #include <map>
 #include <mutex>
@@ -25,11 +23,7 @@ namespace {
 using Clock = std::chrono::steady_clock;
 
 bool sameName(std::string_view a, std::string_view b) {
-    if (a.size() != b.size()) return false;
-    for (std::size_t i = 0; i < a.size(); ++i)
-        if (std::tolower(static_cast<unsigned char>(a[i])) != std::tolower(static_cast<unsigned char>(b[i])))
-            return false;
-    return true;
+    return a.size() == b.size() && strncasecmp(a.data(), b.data(), a.size()) == 0;
 }
 
 std::string trimmed(std::string_view text) {
@@ -114,7 +108,6 @@ struct Transfer {
     HttpSession::Core* core = nullptr;
     HttpRequest request;
     std::shared_ptr<const std::vector<std::uint8_t>> upload;
-    std::size_t uploadOffset = 0;
     HttpCompletion completion;
 
     CURL* easy = nullptr;
@@ -281,24 +274,6 @@ std::size_t onHeader(char* data, std::size_t size, std::size_t count, void* user
     return length;
 }
 
-std::size_t onUploadRead(char* buffer, std::size_t size, std::size_t count, void* user) {
-    auto* transfer = static_cast<Transfer*>(user);
-    const auto& bytes = *transfer->upload;
-    const std::size_t length = std::min(size * count, bytes.size() - transfer->uploadOffset);
-    std::memcpy(buffer, bytes.data() + transfer->uploadOffset, length);
-    transfer->uploadOffset += length;
-    transfer->lastActivity = Clock::now();
-    return length;
-}
-
-int onUploadSeek(void* user, curl_off_t offset, int origin) {
-    auto* transfer = static_cast<Transfer*>(user);
-    if (origin != SEEK_SET || offset < 0 || static_cast<std::size_t>(offset) > transfer->upload->size())
-        return CURL_SEEKFUNC_CANTSEEK;
-    transfer->uploadOffset = static_cast<std::size_t>(offset);
-    return CURL_SEEKFUNC_OK;
-}
-
 int onProgress(void* user, curl_off_t, curl_off_t downloaded, curl_off_t, curl_off_t uploaded) {
     auto* transfer = static_cast<Transfer*>(user);
     if (downloaded != transfer->downloaded || uploaded != transfer->uploaded) {
@@ -431,21 +406,13 @@ std::optional<HttpError> HttpSession::Core::configure(Transfer& transfer) {
     if (configuration.pins) curl_easy_setopt(easy, CURLOPT_SSL_SESSIONID_CACHE, 0L);
 
     const std::string& method = request.method;
-    if (transfer.upload) {
-        curl_easy_setopt(easy, CURLOPT_UPLOAD, 1L);
-        curl_easy_setopt(easy, CURLOPT_READFUNCTION, onUploadRead);
-        curl_easy_setopt(easy, CURLOPT_READDATA, &transfer);
-        curl_easy_setopt(easy, CURLOPT_SEEKFUNCTION, onUploadSeek);
-        curl_easy_setopt(easy, CURLOPT_SEEKDATA, &transfer);
-        curl_easy_setopt(easy, CURLOPT_INFILESIZE_LARGE, static_cast<curl_off_t>(transfer.upload->size()));
-        if (method != "PUT") curl_easy_setopt(easy, CURLOPT_CUSTOMREQUEST, method.c_str());
-    } else if (request.body || (method != "GET" && method != "HEAD" && method != "DELETE")) {
+    // An upload's bytes go out from memory like any body, without a copy.
+    const std::vector<std::uint8_t>* body = transfer.upload ? transfer.upload.get() : request.body.get();
+    if (body || (method != "GET" && method != "HEAD" && method != "DELETE")) {
         static const char empty[] = "";
-        const bool hasBytes = request.body && !request.body->empty();
-        curl_easy_setopt(easy, CURLOPT_POSTFIELDSIZE_LARGE,
-                         static_cast<curl_off_t>(hasBytes ? request.body->size() : 0));
-        curl_easy_setopt(easy, CURLOPT_POSTFIELDS,
-                         hasBytes ? reinterpret_cast<const char*>(request.body->data()) : empty);
+        const bool hasBytes = body && !body->empty();
+        curl_easy_setopt(easy, CURLOPT_POSTFIELDSIZE_LARGE, static_cast<curl_off_t>(hasBytes ? body->size() : 0));
+        curl_easy_setopt(easy, CURLOPT_POSTFIELDS, hasBytes ? reinterpret_cast<const char*>(body->data()) : empty);
         if (method != "POST") curl_easy_setopt(easy, CURLOPT_CUSTOMREQUEST, method.c_str());
     } else if (method == "HEAD") {
         curl_easy_setopt(easy, CURLOPT_NOBODY, 1L);
