@@ -1,18 +1,16 @@
 #include "api/oauth.hpp"
 
+#include <curl/curl.h>
+
 #include <algorithm>
 #include <chrono>
+#include <new>
 
 #include "palomir/uuid.hpp"
 #include "platform/crypto.hpp"
 
 namespace palomir {
 namespace {
-
-bool isUnreserved(unsigned char c) {
-    return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') || c == '-' || c == '.' ||
-           c == '_' || c == '~';
-}
 
 std::string lowered(std::string_view text) {
     std::string out(text);
@@ -37,17 +35,15 @@ OAuthParameters defaultParameters(const OAuthCredentials& consumer, const std::o
 // key, `equals`, value, `close`, separated by `separator`.
 std::string encodedSortedText(OAuthParameters pairs, std::string_view equals, std::string_view close,
                               std::string_view separator) {
-    std::vector<const std::pair<std::string, std::string>*> order;
     for (auto& [key, value] : pairs) {
         key = OAuth::rfc3986encode(key);
         value = OAuth::rfc3986encode(value);
     }
-    for (const auto& pair : pairs) order.push_back(&pair);
-    std::stable_sort(order.begin(), order.end(), [](const auto* a, const auto* b) { return a->first < b->first; });
+    std::stable_sort(pairs.begin(), pairs.end(), [](const auto& a, const auto& b) { return a.first < b.first; });
     std::string text;
-    for (const auto* pair : order) {
+    for (const auto& [key, value] : pairs) {
         if (!text.empty()) text.append(separator);
-        text.append(pair->first).append(equals).append(pair->second).append(close);
+        text.append(key).append(equals).append(value).append(close);
     }
     return text;
 }
@@ -55,19 +51,14 @@ std::string encodedSortedText(OAuthParameters pairs, std::string_view equals, st
 }  // namespace
 
 std::string OAuth::rfc3986encode(std::string_view text) {
-    static constexpr char kHex[] = "0123456789ABCDEF";
-    std::string out;
-    out.reserve(text.size());
-    for (char c : text) {
-        const auto byte = static_cast<unsigned char>(c);
-        if (isUnreserved(byte)) {
-            out.push_back(c);
-        } else {
-            out.push_back('%');
-            out.push_back(kHex[byte >> 4]);
-            out.push_back(kHex[byte & 0x0F]);
-        }
-    }
+    // libcurl leaves exactly the unreserved characters as they are and
+    // writes every other byte as %XX in capitals. A length of 0 would make
+    // it measure the text itself.
+    if (text.empty()) return {};
+    char* escaped = curl_easy_escape(nullptr, text.data(), static_cast<int>(text.size()));
+    if (!escaped) throw std::bad_alloc();
+    std::string out(escaped);
+    curl_free(escaped);
     return out;
 }
 
