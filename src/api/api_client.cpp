@@ -1,5 +1,7 @@
 #include "palomir/api_client.hpp"
 
+#include <unicode/ustring.h>
+
 #include <cctype>
 #include <cstdlib>
 #include <map>
@@ -28,35 +30,13 @@ constexpr const char* kUnusableUploadURL = "https://upload.palomir.invalid/";
 
 constexpr const char* kJSONContentType = "application/json";
 
+// ICU's strict reading refuses overlong forms, surrogates and anything past
+// U+10FFFF, as the log and the error texts need.
 bool isValidUTF8(std::string_view text) {
-    std::size_t i = 0;
-    while (i < text.size()) {
-        const auto c = static_cast<unsigned char>(text[i]);
-        std::size_t extra;
-        unsigned char low = 0x80, high = 0xBF;  // allowed range of the first continuation byte
-        if (c < 0x80) {
-            extra = 0;
-        } else if (c >= 0xC2 && c <= 0xDF) {
-            extra = 1;
-        } else if (c >= 0xE0 && c <= 0xEF) {
-            extra = 2;
-            if (c == 0xE0) low = 0xA0;   // no overlong forms
-            if (c == 0xED) high = 0x9F;  // no surrogates
-        } else if (c >= 0xF0 && c <= 0xF4) {
-            extra = 3;
-            if (c == 0xF0) low = 0x90;
-            if (c == 0xF4) high = 0x8F;  // nothing above U+10FFFF
-        } else {
-            return false;
-        }
-        if (text.size() - i <= extra) return false;
-        for (std::size_t k = 1; k <= extra; ++k) {
-            const auto next = static_cast<unsigned char>(text[i + k]);
-            if (k == 1 ? (next < low || next > high) : (next < 0x80 || next > 0xBF)) return false;
-        }
-        i += extra + 1;
-    }
-    return true;
+    UErrorCode status = U_ZERO_ERROR;
+    std::int32_t length = 0;
+    u_strFromUTF8(nullptr, 0, &length, text.data(), static_cast<std::int32_t>(text.size()), &status);
+    return U_SUCCESS(status) || status == U_BUFFER_OVERFLOW_ERROR;
 }
 
 std::string bodyText(const std::vector<std::uint8_t>& body) {
