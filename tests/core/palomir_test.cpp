@@ -20,9 +20,7 @@ TEST(ErrorDescriptions, ReadExactly) {
         {APIError::encodingFailed("NaN"), "Encoding failed: NaN"},
         {APIError::errorResponse(std::vector<std::string>{"a", "b"}), "Error response a, b"},
         {APIError::errorResponse(std::nullopt), "Error response "},
-        {APIError::apolloError("graph broke"), "graph broke"},
-        {APIError::notImplemented(), "Not implemented"},
-        {APIError::invalidUserToken(), "Invalid app user token"}};
+        {APIError::apolloError("graph broke"), "graph broke"}};
     for (const auto& [error, expected] : apiErrors) EXPECT_EQ(error.localizedDescription(), expected);
     EXPECT_EQ(PalomirError::requestFailed(APIError::apolloError("")).errorDescription(),
               "Request failed: <unknown reason>");
@@ -52,8 +50,9 @@ TEST(NotesRendering, ListsQuotedEscapedDescriptions) {
 
 // Every test runs in a process of its own, so the shared client is fresh;
 // what it writes goes to a temporary caches directory. How check-ins are
-// served from memory, and that user credentials outlive new app credentials,
-// is proven against the sandbox.
+// served from memory, that user credentials outlive new app credentials and
+// that an undescribed app is refused are proven against the sandbox and
+// through the C facade.
 class PalomirTest : public ::testing::Test {
 protected:
     void SetUp() override { setCachesDirectory(_caches.path()); }
@@ -72,15 +71,6 @@ TEST_F(PalomirTest, UserCredentialsNeedAppCredentialsAndGoWithThem) {
     palomir.setAppCredentials(std::nullopt);
     palomir.setAppCredentials(AppCredentials{"t", "s"});
     EXPECT_EQ(palomir.userCredentials(), nullptr);
-}
-
-// A check-in's refusal is proven through the C facade.
-TEST_F(PalomirTest, AnUndescribedAppCannotSendFeedback) {
-    Bundle::setMain(Bundle(nlohmann::json{{"CFBundleIdentifier", "com.example.host"}}, std::nullopt));
-    Palomir::shared().setAppCredentials(AppCredentials{"t", "s"});
-    Awaited<std::string, PalomirError> feedback(_queue);
-    Palomir::shared().feedback("t", "m", "me", std::vector<Attachment>{}, {}, _queue, feedback.completion());
-    EXPECT_EQ(feedback.get().error(), PalomirError::failedToCreateAppInfo());
 }
 
 TEST_F(PalomirTest, WebRequestIsASignedGetForAPage) {
