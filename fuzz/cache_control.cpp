@@ -1,6 +1,5 @@
 // The "Cache-Control" max-age reader against the regular expression it stands
 // in for: the first case-insensitive match of max-age\s*=\s*([0-9]+).
-#include <cmath>
 #include <cstddef>
 #include <cstdint>
 #include <cstdlib>
