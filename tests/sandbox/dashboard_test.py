@@ -1,6 +1,6 @@
 #!/usr/bin/env python3
 """usage: dashboard_test.py SANDBOX LIBRARY_CLIENT SCENARIO: the dashboard in headless Chromium."""
-import itertools, json, os, pathlib, shutil, socket, ssl, subprocess, sys, tempfile, time, urllib.error, urllib.request
+import itertools, json, os, pathlib, shutil, ssl, subprocess, sys, tempfile, urllib.error, urllib.request
 
 SKIPPED = 77  # ctest's SKIP_RETURN_CODE
 TOKEN = "browser-test-token"
@@ -13,15 +13,14 @@ def main(sandbox, client, scenario):
         from selenium import webdriver
         from selenium.webdriver.chrome.service import Service
         from selenium.webdriver.common.by import By
-        from selenium.webdriver.support.ui import Select, WebDriverWait
+        from selenium.webdriver.support.ui import WebDriverWait
     except ImportError:
         driver_path = None
     if not chromium or not driver_path:
         print("SKIPPED: needs chromium, chromium-driver and python3-selenium (scripts/setup installs them)")
         return SKIPPED
     with tempfile.TemporaryDirectory(prefix="palomir-dashboard-") as directory:
-        command = [sandbox, "--quiet", "--data-dir", directory + "/data", "--scenario", scenario, "--admin-token", TOKEN,
-                   "--fault", "services=status:502*1"]
+        command = [sandbox, "--quiet", "--data-dir", directory + "/data", "--scenario", scenario, "--admin-token", TOKEN]
         server = subprocess.Popen(command, stdout=subprocess.PIPE, text=True)
         options = webdriver.ChromeOptions()
         options.binary_location = chromium
@@ -32,8 +31,7 @@ def main(sandbox, client, scenario):
         options.accept_insecure_certs = True  # the sandbox's CA is trusted by the library only
         browser = None
         try:
-            banner = [line.strip() for line in itertools.takewhile(lambda l: not l.startswith("A new CA"), server.stdout)]
-            assert "app secret:  sandbox-secret" in banner
+            banner = (line.strip() for line in itertools.takewhile(lambda l: not l.startswith("A new CA"), server.stdout))
             port = next(int(line.split()[1]) for line in banner if line.startswith("port:"))
             site, ca = f"https://localhost:{port}", directory + "/data/bundle/ca.pem"
             tls = ssl.create_default_context(cafile=ca)
@@ -45,24 +43,15 @@ def main(sandbox, client, scenario):
                 except urllib.error.HTTPError as error:
                     return error.code, error.read()
 
-            def library(*arguments):
-                return subprocess.run([client, site + "/api", ca, directory + "/data/bundle", *arguments],
-                                      capture_output=True, text=True, timeout=60).returncode
-
             browser = webdriver.Chrome(options=options, service=Service(driver_path))
             wait = WebDriverWait(browser, 15)
             element = lambda id: browser.find_element(By.ID, id)
-            rows = lambda: [row.text for row in browser.find_elements(By.CSS_SELECTOR, "#requests tbody tr")]
 
             # The token is required, by the page and by the routes behind it.
             assert fetch("/")[0] == 401 and fetch("/_sandbox/requests")[0] == 401
             browser.get(site + "/")
             assert "need the token" in browser.find_element(By.TAG_NAME, "body").text
-
             browser.get(f"{site}/?token={TOKEN}")
-            assert library("checkin") == 0
-            assert "services status:502*1" in element("faults").text  # as given on the command line
-            wait.until(lambda _: any("PUT /api/checkin/sandbox-token 200 valid (path-without-slash)" in r for r in rows()))
 
             # A bad key is named and the served scenario stays.
             before = fetch(f"/_sandbox/scenario?token={TOKEN}")[1]
@@ -74,44 +63,20 @@ def main(sandbox, client, scenario):
             wait.until(lambda _: "Not saved: configuration.notes[1].identifier: not a valid UUID" in
                        element("scenario-message").text)
             assert fetch(f"/_sandbox/scenario?token={TOKEN}")[1] == before
-            Select(element("scenario-files")).select_by_value("hard-lockdown")
-            element("scenario-switch").click()
-            wait.until(lambda _: "Now serving hard-lockdown" in element("scenario-message").text)
 
-            # A fault armed on the page reaches the library's next request, once.
-            Select(element("fault-route")).select_by_value("checkin")
-            element("fault-kind").send_keys("status:503")
-            element("fault-count").send_keys("1")
-            element("fault-arm").click()
-            wait.until(lambda _: "checkin status:503*1" in element("faults").text)
-            assert library("checkin") != 0
-            wait.until(lambda _: any(" 503 " in r and "status:503" in r for r in rows()))
-            assert library("checkin") == 0
-
-            # A feedback's title is shown as text; its attachment downloads whole.
+            # The library's feedback: its title is shown as text, its attachment downloads whole.
             attachment = os.urandom(3000)
             pathlib.Path(directory + "/capture.bin").write_bytes(attachment)
-            assert library("feedback", TITLE, directory + "/capture.bin") == 0
+            assert subprocess.run([client, site + "/api", ca, directory + "/data/bundle", TITLE, directory + "/capture.bin"],
+                                  timeout=60).returncode == 0
             wait.until(lambda _: browser.find_elements(By.CSS_SELECTOR, ".feedback-title"))
             assert browser.find_element(By.CSS_SELECTOR, ".feedback-title").text == TITLE
             assert not browser.find_elements(By.CSS_SELECTOR, "#feedback img")
-            assert "size and checksum match" in element("feedback").text
             link = browser.find_element(By.CSS_SELECTOR, "#feedback a.download").get_attribute("href")
             assert fetch(link[len(site):]) == (200, attachment)
 
             if os.environ.get("PALOMIR_DASHBOARD_SCREENSHOT"):  # the README's picture
                 browser.save_screenshot(os.environ["PALOMIR_DASHBOARD_SCREENSHOT"])
-            # SIGTERM ends it at once, though a connection that never spoke holds a thread for seconds.
-            idle = socket.create_connection(("127.0.0.1", port))
-            started = time.monotonic()
-            server.terminate()
-            assert server.wait(timeout=30) == 0 and time.monotonic() - started < 1
-            # The CA kept in the data directory serves the next start.
-            authority = pathlib.Path(ca).read_text()
-            server = subprocess.Popen(command, stdout=subprocess.PIPE, text=True)
-            list(itertools.takewhile(lambda l: not l.startswith("  data:"), server.stdout))
-            server.terminate()
-            assert "A new CA" not in server.communicate()[0] and pathlib.Path(ca).read_text() == authority
             print("dashboard: all checks passed")
             return 0
         finally:

@@ -1,6 +1,5 @@
-// The library's own traffic for the dashboard's browser test:
-//   library_client BASE_URL CA_FILE BUNDLE_DIR checkin
-//   library_client BASE_URL CA_FILE BUNDLE_DIR feedback TITLE FILE
+// The library's own feedback for the dashboard's browser test:
+//   library_client BASE_URL CA_FILE BUNDLE_DIR TITLE FILE
 // Prints "ok" or the library's error, and exits non-zero on an error.
 #include <iostream>
 
@@ -8,8 +7,7 @@
 
 int main(int argc, char** argv) {
     using namespace palomir;
-    const std::string action = argc > 4 ? argv[4] : "";
-    if (!(argc == 5 && action == "checkin") && !(argc == 7 && action == "feedback")) return 2;
+    if (argc != 6) return 2;
     auto main = MainQueue::shared();
     Bundle::setMain(Bundle(nlohmann::json{{"CFBundleIdentifier", "io.palomir.browser-test"},
                                           {"CFBundleShortVersionString", "1.0"},
@@ -18,16 +16,11 @@ int main(int argc, char** argv) {
     Palomir::shared().setBackend(BackendOptions{argv[1], {argv[2]}, argv[3]});
     Palomir::shared().setAppCredentials(AppCredentials{"sandbox-token", "sandbox-secret"});
     std::optional<std::string> outcome;
-    if (action == "checkin")
-        Palomir::shared().checkin(main, [&](Result<Configuration, Error> result) {
-            outcome = result.hasError() ? result.error().localizedDescription() : "ok";
-        });
-    else
-        Palomir::shared().feedback(argv[5], "Sent by the browser test.", "tester@example.com",
-                                   std::vector<std::filesystem::path>{argv[6]}, {}, main,
-                                   [&](Result<std::string, PalomirError> result) {
-                                       outcome = result.hasError() ? result.error().localizedDescription() : "ok";
-                                   });
+    Palomir::shared().feedback(argv[4], "Sent by the browser test.", "tester@example.com",
+                               std::vector<std::filesystem::path>{argv[5]}, {}, main,
+                               [&](Result<std::string, PalomirError> result) {
+                                   outcome = result.hasError() ? result.error().localizedDescription() : "ok";
+                               });
     main->runUntil([&] { return outcome.has_value(); }, std::chrono::seconds(30));
     std::cout << outcome.value_or("no answer within 30 s") << "\n";
     return outcome == "ok" ? 0 : 1;
