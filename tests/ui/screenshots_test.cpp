@@ -20,19 +20,18 @@ namespace {
 
 using preview::StressCase;
 
-double contrast(const QColor& a, const QColor& b) {
+double luminance(const QColor& c) {
     const auto channel = [](double v) { return v <= 0.03928 ? v / 12.92 : std::pow((v + 0.055) / 1.055, 2.4); };
-    const auto luminance = [&](const QColor& c) {
-        return 0.2126 * channel(c.redF()) + 0.7152 * channel(c.greenF()) + 0.0722 * channel(c.blueF());
-    };
-    const auto [dark, light] = std::minmax(luminance(a), luminance(b));
-    return (light + 0.05) / (dark + 0.05);
+    return 0.2126 * channel(c.redF()) + 0.7152 * channel(c.greenF()) + 0.0722 * channel(c.blueF());
 }
 
-QColor over(const QColor& top, double alpha, const QColor& below) {
+// The contrast of `ink` painted at `alpha` over `background` against that background.
+double contrast(const QColor& ink, double alpha, const QColor& background) {
     const auto mix = [&](double t, double b) { return t * alpha + b * (1.0 - alpha); };
-    return QColor::fromRgbF(mix(top.redF(), below.redF()), mix(top.greenF(), below.greenF()),
-                            mix(top.blueF(), below.blueF()));
+    const QColor painted = QColor::fromRgbF(mix(ink.redF(), background.redF()), mix(ink.greenF(), background.greenF()),
+                                            mix(ink.blueF(), background.blueF()));
+    const auto [dark, light] = std::minmax(luminance(painted), luminance(background));
+    return (light + 0.05) / (dark + 0.05);
 }
 
 // The items drawn under `item`, in paint order; screens and notes are owned
@@ -55,49 +54,6 @@ bool named(const QQuickItem* item, const char* name) {
     return item && (item->objectName() == QLatin1String(name) || named(item->parentItem(), name));
 }
 
-// What lies beneath `text`, outermost first: every rectangle painted before
-// it that covers its centre, with its opacity; the gradient layer stands for
-// the theme's gradient stops.
-std::vector<QColor> backgrounds(const QQuickItem* text, const QPointF centre, const QQuickWindow& window,
-                                const Configuration& configuration) {
-    std::vector<std::pair<QColor, double>> layers;  // innermost first
-    std::vector<QColor> bases{window.color()};
-    for (const QQuickItem* child = text; child->parentItem(); child = child->parentItem()) {
-        const QQuickItem* parent = child->parentItem();
-        auto siblings = parent->childItems();
-        const auto at = siblings.indexOf(const_cast<QQuickItem*>(child));
-        for (auto i = siblings.size() - 1; i >= 0; --i) {
-            const QQuickItem* r = siblings[i];
-            const bool before = r->z() < child->z() || (r->z() == child->z() && i < at);
-            if (!before || !r->isVisible() || r->opacity() <= 0 || !sceneRect(r).contains(centre)) continue;
-            if (r->objectName() == QLatin1String("backgroundGradientLayer") && configuration.theme.backgroundGradient) {
-                bases.clear();
-                for (const auto& stop : configuration.theme.backgroundGradient->colors)
-                    bases.push_back(QColor::fromRgbF(static_cast<float>(stop.red), static_cast<float>(stop.green),
-                                                     static_cast<float>(stop.blue)));
-                layers.emplace_back(QColor(), -1.0);  // marks: nothing beneath counts
-            } else if (r->inherits("QQuickRectangle")) {
-                const QColor c = test::colorOf(r);
-                if (c.alpha() > 0) layers.emplace_back(c, c.alphaF() * r->opacity());
-            }
-        }
-        if (parent->inherits("QQuickRectangle")) {
-            const QColor c = test::colorOf(parent);
-            if (c.alpha() > 0) layers.emplace_back(c, c.alphaF() * parent->opacity());
-        }
-    }
-    std::vector<QColor> result;
-    for (QColor base : bases) {
-        // Composite from the first opaque layer (or the gradient) inwards.
-        auto start = std::find_if(layers.begin(), layers.end(), [](const auto& l) { return l.second < 0 || l.second >= 1; });
-        if (start != layers.end() && start->second >= 1) base = start->first;
-        for (auto it = std::make_reverse_iterator(start); it != layers.rend(); ++it)
-            base = over(it->first, it->second, base);
-        result.push_back(base);
-    }
-    return result;
-}
-
 // Colours the backend's theme or the screen's fixed design name for both text
 // and background are the backend's business; every other pair is ours.
 bool themeChosen(const QQuickItem* text, const Configuration& configuration) {
@@ -106,6 +62,72 @@ bool themeChosen(const QQuickItem* text, const Configuration& configuration) {
     if (named(text, "closeButton")) return true;  // the fixed teal link
     if (named(text, "actionButton")) return theme.actionTextColor && theme.actionButtonColor;
     return theme.innerBackgroundColor.has_value();
+}
+
+// The texts shown on `screen` stay inside `bounds` and apart, and read well
+// on what is painted beneath them: the window grabbed with those texts
+// hidden, so every layer, translucent or gradient, counts as drawn.
+void checkTexts(QQuickWindow& window, QQuickItem* screen, const QRectF& bounds, const Configuration& configuration) {
+    struct Shown {
+        QQuickItem* item;
+        QRectF seen;
+        double opacity;
+        std::string name;
+    };
+    std::vector<Shown> shown;
+    for (QQuickItem* text : drawnUnder(screen)) {
+        if (!text->inherits("QQuickText") || !text->isVisible() || test::text(text).isEmpty()) continue;
+        QRectF rect = sceneRect(text), seen = rect;
+        bool scrolls = false;
+        double opacity = 1;
+        for (const QQuickItem* a = text; a; a = a->parentItem()) {
+            if (a->clip()) seen &= sceneRect(a);
+            if (a->inherits("QQuickFlickable") && a->property("contentHeight").toReal() > a->height() + 1)
+                scrolls = true;
+            opacity *= a->opacity();
+        }
+        if (seen.isEmpty() || opacity <= 0) continue;  // scrolled away, or a page off screen
+        const auto name = (text->parentItem()->objectName() + "/" + text->objectName() + " \"" +
+                           test::text(text).left(24) + "\"").toStdString();
+        EXPECT_LE(text->property("paintedWidth").toReal(), text->width() + 1) << name << " does not wrap";
+        EXPECT_TRUE(rect.left() >= bounds.left() - 0.5 && rect.right() <= bounds.right() + 0.5)
+            << name << " runs out sideways: " << rect.left() << ".." << rect.right();
+        if (!scrolls) {
+            EXPECT_TRUE(rect.top() >= bounds.top() - 0.5 && rect.bottom() <= bounds.bottom() + 0.5)
+                << name << " runs out vertically: " << rect.top() << ".." << rect.bottom();
+        }
+        for (const auto& other : shown) {
+            const QRectF both = seen & other.seen;
+            EXPECT_TRUE(both.width() < 1 || both.height() < 1) << name << " overlaps " << other.name;
+        }
+        shown.push_back({text, seen, opacity, name});
+    }
+    std::vector<qreal> own;
+    for (const auto& s : shown) {
+        own.push_back(s.item->opacity());
+        s.item->setOpacity(0);
+    }
+    const QImage beneath = window.grabWindow();
+    for (std::size_t i = 0; i < shown.size(); ++i) shown[i].item->setOpacity(own[i]);
+    const qreal ratio = beneath.devicePixelRatio();
+    for (const auto& [item, seen, opacity, name] : shown) {
+        if (themeChosen(item, configuration)) continue;
+        const QColor ink = test::colorOf(item);
+        double worst = 21;
+        QColor worstBackground;
+        // Inset a pixel, so the panel's own antialiased edge is not taken for what lies beneath.
+        const QRect area = QRectF(seen.topLeft() * ratio, seen.size() * ratio).adjusted(1, 1, -1, -1).toAlignedRect();
+        for (int y = area.top(); y <= area.bottom(); y += 2) {
+            for (int x = area.left(); x <= area.right(); x += 2) {
+                const QColor background = beneath.pixelColor(x, y);
+                if (const double c = contrast(ink, ink.alphaF() * opacity, background); c < worst) {
+                    worst = c;
+                    worstBackground = background;
+                }
+            }
+        }
+        EXPECT_GE(worst, 4.5) << name << ": " << ink.name().toStdString() << " on " << worstBackground.name().toStdString();
+    }
 }
 
 void checkGeometry(QQuickWindow& window, const QString& file, const Configuration& configuration) {
@@ -120,50 +142,15 @@ void checkGeometry(QQuickWindow& window, const QString& file, const Configuratio
         const QRectF bounds = windowRect & sceneRect(panel);
         // Texts are checked at rest, then once more with every scroller at
         // its end, where a long footer hides; the picture keeps the rest.
+        checkTexts(window, screen, bounds, configuration);
         std::vector<std::pair<QQuickItem*, qreal>> scrolled;
-        for (int pass = 0; pass < 2; ++pass) {
-        std::vector<std::pair<QQuickItem*, QRectF>> shown;
-        for (QQuickItem* text : drawnUnder(screen)) {
-            if (!text->inherits("QQuickText") || !text->isVisible() || test::text(text).isEmpty()) continue;
-            QRectF rect = sceneRect(text), seen = rect;
-            bool scrolls = false;
-            double opacity = 1;
-            for (const QQuickItem* a = text; a; a = a->parentItem()) {
-                if (a->clip()) seen &= sceneRect(a);
-                if (a->inherits("QQuickFlickable") && a->property("contentHeight").toReal() > a->height() + 1)
-                    scrolls = true;
-                opacity *= a->opacity();
-            }
-            if (seen.isEmpty() || opacity <= 0) continue;  // scrolled away, or a page off screen
-            const auto name = (text->parentItem()->objectName() + "/" + text->objectName() + " \"" +
-                               test::text(text).left(24) + "\"").toStdString();
-            EXPECT_LE(text->property("paintedWidth").toReal(), text->width() + 1) << name << " does not wrap";
-            EXPECT_TRUE(rect.left() >= bounds.left() - 0.5 && rect.right() <= bounds.right() + 0.5)
-                << name << " runs out sideways: " << rect.left() << ".." << rect.right();
-            if (!scrolls) {
-                EXPECT_TRUE(rect.top() >= bounds.top() - 0.5 && rect.bottom() <= bounds.bottom() + 0.5)
-                    << name << " runs out vertically: " << rect.top() << ".." << rect.bottom();
-            }
-            for (const auto& [other, otherSeen] : shown) {
-                const QRectF both = seen & otherSeen;
-                EXPECT_TRUE(both.width() < 1 || both.height() < 1)
-                    << name << " overlaps " << test::text(other).left(24).toStdString();
-            }
-            shown.emplace_back(text, seen);
-            if (themeChosen(text, configuration)) continue;
-            for (const QColor& background : backgrounds(text, seen.center(), window, configuration)) {
-                const QColor ink = over(test::colorOf(text), test::colorOf(text).alphaF() * opacity, background);
-                EXPECT_GE(contrast(ink, background), 4.5)
-                    << name << ": " << ink.name().toStdString() << " on " << background.name().toStdString();
-            }
-        }
         for (QQuickItem* flickable : drawnUnder(screen)) {
-            if (pass || !flickable->inherits("QQuickFlickable")) continue;
+            if (!flickable->inherits("QQuickFlickable")) continue;
             scrolled.emplace_back(flickable, flickable->property("contentY").toReal());
             const qreal end = flickable->property("contentHeight").toReal() - flickable->height();
             flickable->setProperty("contentY", std::max<qreal>(0, end));
         }
-        }
+        checkTexts(window, screen, bounds, configuration);
         for (const auto& [flickable, y] : scrolled) flickable->setProperty("contentY", y);
         // A tap on the screen's own empty area must not reach the host beneath.
         QPointF tap;

@@ -1,12 +1,11 @@
 #include "support.hpp"
 
-#include <QtCore/QFile>
+#include <QtGui/QDesktopServices>
 #include <QtGui/QGuiApplication>
 #include <QtQuick/QQuickWindow>
 #include <QtQuick/QSGRendererInterface>
 
 #include <gtest/gtest.h>
-#include <nlohmann/json.hpp>
 
 namespace palomir::qt::test {
 
@@ -19,19 +18,6 @@ Configuration configuration(const std::string& json) {
     return decoded.value();
 }
 
-Configuration configurationFile(const QString& path) {
-    QFile file(path);
-    if (!file.open(QIODevice::ReadOnly)) {
-        ADD_FAILURE() << "cannot read " << path.toStdString();
-        return Configuration{};
-    }
-    // A sandbox scenario carries the configuration under "configuration".
-    const auto document = nlohmann::json::parse(file.readAll().toStdString(), nullptr, false);
-    if (document.is_object() && document.contains("configuration"))
-        return configuration(document["configuration"].dump());
-    return configuration(document.dump());
-}
-
 Configuration withLockdown(const std::string& lockdownJson, const std::string& themeJson) {
     const std::string theme = themeJson.empty() ? R"({"text_color":"#111111","background_color":"#336699"})" : themeJson;
     return configuration(R"({"version":"1","theme":)" + theme + R"(,"notes":[],"lockdown":)" + lockdownJson + "}");
@@ -42,6 +28,9 @@ QColor colorOf(const QQuickItem* item, const char* property) {
 }
 
 QString text(const QQuickItem* item) { return item->property("text").toString(); }
+
+UrlSink::UrlSink() { QDesktopServices::setUrlHandler(QStringLiteral("https"), this, "open"); }
+UrlSink::~UrlSink() { QDesktopServices::unsetUrlHandler(QStringLiteral("https")); }
 
 void click(QQuickItem* button) {
     ASSERT_NE(button, nullptr);

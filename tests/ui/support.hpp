@@ -15,8 +15,6 @@ namespace palomir::qt::test {
 
 /// A configuration from JSON text; the test fails when it does not decode.
 Configuration configuration(const std::string& json);
-/// The configuration of a document in the test data folders.
-Configuration configurationFile(const QString& path);
 
 /// A configuration with a lockdown built from the members given (JSON text
 /// of the lockdown object) and a plain theme.
@@ -24,10 +22,13 @@ Configuration withLockdown(const std::string& lockdownJson, const std::string& t
 
 QColor colorOf(const QQuickItem* item, const char* property = "color");
 QString text(const QQuickItem* item);
-/// Receives the URLs handed to QDesktopServices::openUrl.
+
+/// Receives the https URLs handed to QDesktopServices::openUrl while it lives.
 class UrlSink : public QObject {
     Q_OBJECT
 public:
+    UrlSink();
+    ~UrlSink() override;
     std::vector<QUrl> opened;
 public Q_SLOTS:
     void open(const QUrl& url) { opened.push_back(url); }
