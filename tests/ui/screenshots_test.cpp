@@ -155,9 +155,8 @@ void checkGeometry(QQuickWindow& window, const QString& file, const Configuratio
         // A tap on the screen's own empty area must not reach the host beneath.
         QPointF tap;
         if (kind == "featureView") {
-            const QMarginsF safe(screen->property("safeAreaLeft").toReal(), 0, 0,
-                                 screen->property("safeAreaBottom").toReal());
-            tap = QPointF(safe.left() + 16, window.height() - safe.bottom() - 16);
+            tap = QPointF(screen->property("safeAreaLeft").toReal() + 16,
+                          window.height() - screen->property("safeAreaBottom").toReal() - 16);
         } else if (kind == "messageView") {
             tap = sceneRect(panel).topLeft() + QPointF(10, 20);
         } else {
