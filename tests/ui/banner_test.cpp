@@ -17,31 +17,26 @@ using Location = Palomir::MessageViewLocation;
 // Appearance, light and dark colours of the message, and the card's colour.
 using ColourCase = std::tuple<UserInterfaceStyle, std::optional<std::string>, std::optional<std::string>, QColor>;
 
-class BannerColourTest : public testing::TestWithParam<ColourCase> {};
-
-TEST_P(BannerColourTest, CardColourIsChosenForTheAppearance) {
-    const auto& [style, light, dark, expected] = GetParam();
-    ServiceMessage message;
-    message.title = "Sync is paused";
-    if (light) message.backgroundColorLight = Color::fromHex(*light);
-    if (dark) message.backgroundColorDark = Color::fromHex(*dark);
-    MessageViewController banner;
-    banner.setUserInterfaceStyle(style);
-    banner.setMessage(message);
-    EXPECT_EQ(test::colorOf(banner.roundedCornersView()), expected);
+TEST(BannerColourTest, CardColourIsChosenForTheAppearance) {
+    const ColourCase cases[] = {{UserInterfaceStyle::light, "#FEF3C7", "#78350F", QColor(0xFE, 0xF3, 0xC7)},
+                                {UserInterfaceStyle::dark, "#FEF3C7", "#78350F", QColor(0x78, 0x35, 0x0F)},
+                                {UserInterfaceStyle::light, std::nullopt, std::nullopt, QColor(Qt::white)},
+                                {UserInterfaceStyle::dark, std::nullopt, std::nullopt, QColor(Qt::white)},
+                                {UserInterfaceStyle::dark, "#FEF3C7", std::nullopt, QColor(Qt::white)}};
+    for (const auto& [style, light, dark, expected] : cases) {
+        ServiceMessage message;
+        message.title = "Sync is paused";
+        if (light) message.backgroundColorLight = Color::fromHex(*light);
+        if (dark) message.backgroundColorDark = Color::fromHex(*dark);
+        MessageViewController banner;
+        banner.setUserInterfaceStyle(style);
+        banner.setMessage(message);
+        EXPECT_EQ(test::colorOf(banner.roundedCornersView()), expected) << light.value_or("-") << " " << dark.value_or("-");
+    }
 }
 
-INSTANTIATE_TEST_SUITE_P(
-    Appearances, BannerColourTest,
-    testing::Values(ColourCase{UserInterfaceStyle::light, "#FEF3C7", "#78350F", QColor(0xFE, 0xF3, 0xC7)},
-                    ColourCase{UserInterfaceStyle::dark, "#FEF3C7", "#78350F", QColor(0x78, 0x35, 0x0F)},
-                    ColourCase{UserInterfaceStyle::light, std::nullopt, std::nullopt, QColor(Qt::white)},
-                    ColourCase{UserInterfaceStyle::dark, std::nullopt, std::nullopt, QColor(Qt::white)},
-                    ColourCase{UserInterfaceStyle::dark, "#FEF3C7", std::nullopt, QColor(Qt::white)}));
-
 Configuration withServices(const std::string& services) {
-    return test::configuration(R"({"version":"1","theme":{"text_color":"#000","background_color":"#fff"},"notes":[],
-        "lockdown":{"active":false,"latest_version":"1"},"services":)" + services + "}");
+    return test::withLockdown(R"({"active":false,"latest_version":"1"})", {}, services);
 }
 
 // The worst service's message is placed inside the safe area at either

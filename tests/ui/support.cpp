@@ -18,9 +18,10 @@ Configuration configuration(const std::string& json) {
     return decoded.value();
 }
 
-Configuration withLockdown(const std::string& lockdownJson, const std::string& themeJson) {
+Configuration withLockdown(const std::string& lockdownJson, const std::string& themeJson, const std::string& servicesJson) {
     const std::string theme = themeJson.empty() ? R"({"text_color":"#111111","background_color":"#336699"})" : themeJson;
-    return configuration(R"({"version":"1","theme":)" + theme + R"(,"notes":[],"lockdown":)" + lockdownJson + "}");
+    const std::string services = servicesJson.empty() ? "" : R"(,"services":)" + servicesJson;
+    return configuration(R"({"version":"1","theme":)" + theme + R"(,"notes":[],"lockdown":)" + lockdownJson + services + "}");
 }
 
 QColor colorOf(const QQuickItem* item, const char* property) {

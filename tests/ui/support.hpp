@@ -17,8 +17,10 @@ namespace palomir::qt::test {
 Configuration configuration(const std::string& json);
 
 /// A configuration with a lockdown built from the members given (JSON text
-/// of the lockdown object) and a plain theme.
-Configuration withLockdown(const std::string& lockdownJson, const std::string& themeJson = {});
+/// of the lockdown object), a plain theme unless one is given, and services
+/// when a list is given.
+Configuration withLockdown(const std::string& lockdownJson, const std::string& themeJson = {},
+                           const std::string& servicesJson = {});
 
 QColor colorOf(const QQuickItem* item, const char* property = "color");
 QString text(const QQuickItem* item);
