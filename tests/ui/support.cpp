@@ -9,19 +9,14 @@
 
 namespace palomir::qt::test {
 
-Configuration configuration(const std::string& json) {
-    auto decoded = decodeJson<Configuration>(json);
-    if (!decoded.hasValue()) {
-        ADD_FAILURE() << "configuration does not decode: " << decoded.error().message();
-        return Configuration{};
-    }
-    return decoded.value();
-}
-
 Configuration withLockdown(const std::string& lockdownJson, const std::string& themeJson, const std::string& servicesJson) {
     const std::string theme = themeJson.empty() ? R"({"text_color":"#111111","background_color":"#336699"})" : themeJson;
     const std::string services = servicesJson.empty() ? "" : R"(,"services":)" + servicesJson;
-    return configuration(R"({"version":"1","theme":)" + theme + R"(,"notes":[],"lockdown":)" + lockdownJson + services + "}");
+    auto decoded = decodeJson<Configuration>(R"({"version":"1","theme":)" + theme + R"(,"notes":[],"lockdown":)" +
+                                             lockdownJson + services + "}");
+    if (decoded.hasValue()) return decoded.value();
+    ADD_FAILURE() << "configuration does not decode: " << decoded.error().message();
+    return Configuration{};
 }
 
 QColor colorOf(const QQuickItem* item, const char* property) {

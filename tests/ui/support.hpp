@@ -13,12 +13,9 @@
 
 namespace palomir::qt::test {
 
-/// A configuration from JSON text; the test fails when it does not decode.
-Configuration configuration(const std::string& json);
-
 /// A configuration with a lockdown built from the members given (JSON text
 /// of the lockdown object), a plain theme unless one is given, and services
-/// when a list is given.
+/// when a list is given; the test fails when it does not decode.
 Configuration withLockdown(const std::string& lockdownJson, const std::string& themeJson = {},
                            const std::string& servicesJson = {});
 
