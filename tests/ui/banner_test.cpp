@@ -83,7 +83,6 @@ TEST(UpdateMessageViewTest, PlacesTheWorstMessageTogglesItAndRemovesItWhenNoneIs
         test::click(banner->expandButton());
         expectState(false);
     }
-    EXPECT_EQ(host.findChildren<MessageViewController*>().size(), 1);
 
     test::click(banner->moreInfoButton());
     EXPECT_EQ(sink.opened, std::vector<QUrl>{QUrl(QStringLiteral("https://status.example.com/sync"))});
@@ -101,7 +100,6 @@ TEST(UpdateMessageViewTest, PlacesTheWorstMessageTogglesItAndRemovesItWhenNoneIs
     EXPECT_DOUBLE_EQ(banner->view()->y() + banner->view()->height(), 800.0 - 30.0 - 10.0);
     Palomir::shared().setConfiguration(withoutMessage);
     EXPECT_TRUE(updateMessageView(&host, &view, Location::bottom, -10).isNull());
-    EXPECT_TRUE(host.findChildren<MessageViewController*>().isEmpty());
 }
 
 }  // namespace
