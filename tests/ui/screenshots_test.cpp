@@ -55,47 +55,42 @@ bool named(const QQuickItem* item, const char* name) {
     return item && (item->objectName() == QLatin1String(name) || named(item->parentItem(), name));
 }
 
-// What lies beneath `text`, outermost first: every rectangle painted before
-// it that covers its centre, with its opacity; the gradient layer stands for
-// the theme's gradient stops.
+// What the layout puts beneath `text` at `centre`, one colour per stop of
+// the theme's gradient when that lies beneath (else the window's colour),
+// with every translucent rectangle above it composited on.
 std::vector<QColor> backgrounds(const QQuickItem* text, const QPointF centre, const QQuickWindow& window,
                                 const Configuration& configuration) {
-    std::vector<std::pair<QColor, double>> layers;  // innermost first
-    std::vector<QColor> bases{window.color()};
+    std::vector<std::pair<QColor, double>> layers;  // innermost first; alpha -1 marks the gradient
     for (const QQuickItem* child = text; child->parentItem(); child = child->parentItem()) {
         const QQuickItem* parent = child->parentItem();
-        auto siblings = parent->childItems();
+        const auto siblings = parent->childItems();
         const auto at = siblings.indexOf(const_cast<QQuickItem*>(child));
         for (auto i = siblings.size() - 1; i >= 0; --i) {
             const QQuickItem* r = siblings[i];
             const bool before = r->z() < child->z() || (r->z() == child->z() && i < at);
             if (!before || !r->isVisible() || r->opacity() <= 0 || !sceneRect(r).contains(centre)) continue;
             if (r->objectName() == QLatin1String("backgroundGradientLayer") && configuration.theme.backgroundGradient) {
-                bases.clear();
-                for (const auto& stop : configuration.theme.backgroundGradient->colors)
-                    bases.push_back(QColor::fromRgbF(static_cast<float>(stop.red), static_cast<float>(stop.green),
-                                                     static_cast<float>(stop.blue)));
-                layers.emplace_back(QColor(), -1.0);  // marks: nothing beneath counts
-            } else if (r->inherits("QQuickRectangle")) {
-                const QColor c = test::colorOf(r);
-                if (c.alpha() > 0) layers.emplace_back(c, c.alphaF() * r->opacity());
+                layers.emplace_back(QColor(), -1.0);
+            } else if (r->inherits("QQuickRectangle") && test::colorOf(r).alpha() > 0) {
+                layers.emplace_back(test::colorOf(r), test::colorOf(r).alphaF() * r->opacity());
             }
         }
-        if (parent->inherits("QQuickRectangle")) {
-            const QColor c = test::colorOf(parent);
-            if (c.alpha() > 0) layers.emplace_back(c, c.alphaF() * parent->opacity());
-        }
+        if (parent->inherits("QQuickRectangle") && test::colorOf(parent).alpha() > 0)
+            layers.emplace_back(test::colorOf(parent), test::colorOf(parent).alphaF() * parent->opacity());
     }
-    std::vector<QColor> result;
-    for (QColor base : bases) {
-        // Composite from the first opaque layer (or the gradient) inwards.
-        auto start = std::find_if(layers.begin(), layers.end(), [](const auto& l) { return l.second < 0 || l.second >= 1; });
-        if (start != layers.end() && start->second >= 1) base = start->first;
-        for (auto it = std::make_reverse_iterator(start); it != layers.rend(); ++it)
-            base = over(it->first, it->second, base);
-        result.push_back(base);
+    // Composite from the first opaque layer (or the gradient) inwards.
+    const auto start = std::find_if(layers.begin(), layers.end(), [](const auto& l) { return l.second < 0 || l.second >= 1; });
+    std::vector<QColor> bases{start == layers.end() ? window.color() : start->first};
+    if (start != layers.end() && start->second < 0) {
+        bases.clear();
+        for (const auto& stop : configuration.theme.backgroundGradient->colors)
+            bases.push_back(QColor::fromRgbF(static_cast<float>(stop.red), static_cast<float>(stop.green),
+                                             static_cast<float>(stop.blue)));
     }
-    return result;
+    for (QColor& base : bases) {
+        for (auto it = std::make_reverse_iterator(start); it != layers.rend(); ++it) base = over(it->first, it->second, base);
+    }
+    return bases;
 }
 
 // Colours the backend's theme or the screen's fixed design name for both text
@@ -106,6 +101,49 @@ bool themeChosen(const QQuickItem* text, const Configuration& configuration) {
     if (named(text, "closeButton")) return true;  // the fixed teal link
     if (named(text, "actionButton")) return theme.actionTextColor && theme.actionButtonColor;
     return theme.innerBackgroundColor.has_value();
+}
+
+// The texts shown on `screen` stay inside `bounds` and apart, and read well
+// on every colour the layout puts beneath them.
+void checkTexts(QQuickWindow& window, QQuickItem* screen, const QRectF& bounds, const Configuration& configuration) {
+    struct Shown {
+        QRectF seen;
+        std::string name;
+    };
+    std::vector<Shown> shown;
+    for (QQuickItem* text : drawnUnder(screen)) {
+        if (!text->inherits("QQuickText") || !text->isVisible() || test::text(text).isEmpty()) continue;
+        QRectF rect = sceneRect(text), seen = rect;
+        bool scrolls = false;
+        double opacity = 1;
+        for (const QQuickItem* a = text; a; a = a->parentItem()) {
+            if (a->clip()) seen &= sceneRect(a);
+            if (a->inherits("QQuickFlickable") && a->property("contentHeight").toReal() > a->height() + 1)
+                scrolls = true;
+            opacity *= a->opacity();
+        }
+        if (seen.isEmpty() || opacity <= 0) continue;  // scrolled away, or a page off screen
+        const auto name = (text->parentItem()->objectName() + "/" + text->objectName() + " \"" +
+                           test::text(text).left(24) + "\"").toStdString();
+        EXPECT_LE(text->property("paintedWidth").toReal(), text->width() + 1) << name << " does not wrap";
+        EXPECT_TRUE(rect.left() >= bounds.left() - 0.5 && rect.right() <= bounds.right() + 0.5)
+            << name << " runs out sideways: " << rect.left() << ".." << rect.right();
+        if (!scrolls) {
+            EXPECT_TRUE(rect.top() >= bounds.top() - 0.5 && rect.bottom() <= bounds.bottom() + 0.5)
+                << name << " runs out vertically: " << rect.top() << ".." << rect.bottom();
+        }
+        for (const auto& other : shown) {
+            const QRectF both = seen & other.seen;
+            EXPECT_TRUE(both.width() < 1 || both.height() < 1) << name << " overlaps " << other.name;
+        }
+        shown.push_back({seen, name});
+        if (themeChosen(text, configuration)) continue;
+        for (const QColor& background : backgrounds(text, seen.center(), window, configuration)) {
+            const QColor ink = over(test::colorOf(text), test::colorOf(text).alphaF() * opacity, background);
+            EXPECT_GE(contrast(ink, background), 4.5)
+                << name << ": " << ink.name().toStdString() << " on " << background.name().toStdString();
+        }
+    }
 }
 
 void checkGeometry(QQuickWindow& window, const QString& file, const Configuration& configuration) {
@@ -120,57 +158,21 @@ void checkGeometry(QQuickWindow& window, const QString& file, const Configuratio
         const QRectF bounds = windowRect & sceneRect(panel);
         // Texts are checked at rest, then once more with every scroller at
         // its end, where a long footer hides; the picture keeps the rest.
+        checkTexts(window, screen, bounds, configuration);
         std::vector<std::pair<QQuickItem*, qreal>> scrolled;
-        for (int pass = 0; pass < 2; ++pass) {
-        std::vector<std::pair<QQuickItem*, QRectF>> shown;
-        for (QQuickItem* text : drawnUnder(screen)) {
-            if (!text->inherits("QQuickText") || !text->isVisible() || test::text(text).isEmpty()) continue;
-            QRectF rect = sceneRect(text), seen = rect;
-            bool scrolls = false;
-            double opacity = 1;
-            for (const QQuickItem* a = text; a; a = a->parentItem()) {
-                if (a->clip()) seen &= sceneRect(a);
-                if (a->inherits("QQuickFlickable") && a->property("contentHeight").toReal() > a->height() + 1)
-                    scrolls = true;
-                opacity *= a->opacity();
-            }
-            if (seen.isEmpty() || opacity <= 0) continue;  // scrolled away, or a page off screen
-            const auto name = (text->parentItem()->objectName() + "/" + text->objectName() + " \"" +
-                               test::text(text).left(24) + "\"").toStdString();
-            EXPECT_LE(text->property("paintedWidth").toReal(), text->width() + 1) << name << " does not wrap";
-            EXPECT_TRUE(rect.left() >= bounds.left() - 0.5 && rect.right() <= bounds.right() + 0.5)
-                << name << " runs out sideways: " << rect.left() << ".." << rect.right();
-            if (!scrolls) {
-                EXPECT_TRUE(rect.top() >= bounds.top() - 0.5 && rect.bottom() <= bounds.bottom() + 0.5)
-                    << name << " runs out vertically: " << rect.top() << ".." << rect.bottom();
-            }
-            for (const auto& [other, otherSeen] : shown) {
-                const QRectF both = seen & otherSeen;
-                EXPECT_TRUE(both.width() < 1 || both.height() < 1)
-                    << name << " overlaps " << test::text(other).left(24).toStdString();
-            }
-            shown.emplace_back(text, seen);
-            if (themeChosen(text, configuration)) continue;
-            for (const QColor& background : backgrounds(text, seen.center(), window, configuration)) {
-                const QColor ink = over(test::colorOf(text), test::colorOf(text).alphaF() * opacity, background);
-                EXPECT_GE(contrast(ink, background), 4.5)
-                    << name << ": " << ink.name().toStdString() << " on " << background.name().toStdString();
-            }
-        }
         for (QQuickItem* flickable : drawnUnder(screen)) {
-            if (pass || !flickable->inherits("QQuickFlickable")) continue;
+            if (!flickable->inherits("QQuickFlickable")) continue;
             scrolled.emplace_back(flickable, flickable->property("contentY").toReal());
             const qreal end = flickable->property("contentHeight").toReal() - flickable->height();
             flickable->setProperty("contentY", std::max<qreal>(0, end));
         }
-        }
+        checkTexts(window, screen, bounds, configuration);
         for (const auto& [flickable, y] : scrolled) flickable->setProperty("contentY", y);
         // A tap on the screen's own empty area must not reach the host beneath.
         QPointF tap;
         if (kind == "featureView") {
-            const QMarginsF safe(screen->property("safeAreaLeft").toReal(), 0, 0,
-                                 screen->property("safeAreaBottom").toReal());
-            tap = QPointF(safe.left() + 16, window.height() - safe.bottom() - 16);
+            tap = QPointF(screen->property("safeAreaLeft").toReal() + 16,
+                          window.height() - screen->property("safeAreaBottom").toReal() - 16);
         } else if (kind == "messageView") {
             tap = sceneRect(panel).topLeft() + QPointF(10, 20);
         } else {

@@ -1,40 +1,22 @@
 #include "support.hpp"
 
-#include <QtCore/QFile>
+#include <QtGui/QDesktopServices>
 #include <QtGui/QGuiApplication>
 #include <QtQuick/QQuickWindow>
 #include <QtQuick/QSGRendererInterface>
 
 #include <gtest/gtest.h>
-#include <nlohmann/json.hpp>
 
 namespace palomir::qt::test {
 
-Configuration configuration(const std::string& json) {
-    auto decoded = decodeJson<Configuration>(json);
-    if (!decoded.hasValue()) {
-        ADD_FAILURE() << "configuration does not decode: " << decoded.error().message();
-        return Configuration{};
-    }
-    return decoded.value();
-}
-
-Configuration configurationFile(const QString& path) {
-    QFile file(path);
-    if (!file.open(QIODevice::ReadOnly)) {
-        ADD_FAILURE() << "cannot read " << path.toStdString();
-        return Configuration{};
-    }
-    // A sandbox scenario carries the configuration under "configuration".
-    const auto document = nlohmann::json::parse(file.readAll().toStdString(), nullptr, false);
-    if (document.is_object() && document.contains("configuration"))
-        return configuration(document["configuration"].dump());
-    return configuration(document.dump());
-}
-
-Configuration withLockdown(const std::string& lockdownJson, const std::string& themeJson) {
+Configuration withLockdown(const std::string& lockdownJson, const std::string& themeJson, const std::string& servicesJson) {
     const std::string theme = themeJson.empty() ? R"({"text_color":"#111111","background_color":"#336699"})" : themeJson;
-    return configuration(R"({"version":"1","theme":)" + theme + R"(,"notes":[],"lockdown":)" + lockdownJson + "}");
+    const std::string services = servicesJson.empty() ? "" : R"(,"services":)" + servicesJson;
+    auto decoded = decodeJson<Configuration>(R"({"version":"1","theme":)" + theme + R"(,"notes":[],"lockdown":)" +
+                                             lockdownJson + services + "}");
+    if (decoded.hasValue()) return decoded.value();
+    ADD_FAILURE() << "configuration does not decode: " << decoded.error().message();
+    return Configuration{};
 }
 
 QColor colorOf(const QQuickItem* item, const char* property) {
@@ -42,6 +24,9 @@ QColor colorOf(const QQuickItem* item, const char* property) {
 }
 
 QString text(const QQuickItem* item) { return item->property("text").toString(); }
+
+UrlSink::UrlSink() { QDesktopServices::setUrlHandler(QStringLiteral("https"), this, "open"); }
+UrlSink::~UrlSink() { QDesktopServices::unsetUrlHandler(QStringLiteral("https")); }
 
 void click(QQuickItem* button) {
     ASSERT_NE(button, nullptr);

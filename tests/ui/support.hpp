@@ -13,21 +13,21 @@
 
 namespace palomir::qt::test {
 
-/// A configuration from JSON text; the test fails when it does not decode.
-Configuration configuration(const std::string& json);
-/// The configuration of a document in the test data folders.
-Configuration configurationFile(const QString& path);
-
 /// A configuration with a lockdown built from the members given (JSON text
-/// of the lockdown object) and a plain theme.
-Configuration withLockdown(const std::string& lockdownJson, const std::string& themeJson = {});
+/// of the lockdown object), a plain theme unless one is given, and services
+/// when a list is given; the test fails when it does not decode.
+Configuration withLockdown(const std::string& lockdownJson, const std::string& themeJson = {},
+                           const std::string& servicesJson = {});
 
 QColor colorOf(const QQuickItem* item, const char* property = "color");
 QString text(const QQuickItem* item);
-/// Receives the URLs handed to QDesktopServices::openUrl.
+
+/// Receives the https URLs handed to QDesktopServices::openUrl while it lives.
 class UrlSink : public QObject {
     Q_OBJECT
 public:
+    UrlSink();
+    ~UrlSink() override;
     std::vector<QUrl> opened;
 public Q_SLOTS:
     void open(const QUrl& url) { opened.push_back(url); }
