@@ -34,13 +34,13 @@ class CheckinTest {
         Theme.Gradient gradient = new Theme.Gradient(List.of(new Color(0, 0, 0, 1), new Color(1, 1, 1, 1)), 0, 0.5, 1, 0.5);
         assertEquals(new Theme(new Color(1, 0, 0, 1), new Color(0, 1, 0, 128 / 255.0), null, null, new Color(0, 0, 1, 1),
                                gradient), c.theme());
-        assertEquals(List.of(new Note(UUID.fromString("0e9d6c3a-4b2f-4a8e-b1d7-6f2c9e5a8b34"), "Hello", "Sub",
+        assertEquals(List.of(new Note(UUID.fromString("0e9d6c3a-4b2f-4a8e-b1d7-6f2c9e5a8b34"), "Hello 👋 你好", "Sub",
                                       "From the sandbox", "https://example.com/n.png")), c.notes());
         Note why = new Note(UUID.fromString("5a4e2b10-0000-4000-8000-00000000000f"), "Why", null, "Old", null);
         assertEquals(new Lockdown(true, LockdownType.HARD, "3.0", "Please update", null, null, "https://example.com/update",
                                   null, null, List.of(why)), c.lockdown());
         assertEquals(LockdownResult.HARD, c.lockdownResult());
-        assertEquals(List.of(new Service("Sync", "sync", null, true, ServiceState.ERROR, true,
+        assertEquals(List.of(new Service("Sync 🔄 同步", "sync", null, true, ServiceState.ERROR, true,
                                          new Service.Message("Sync is down", null, null, null, "More"), null)),
                      c.services());
     }
