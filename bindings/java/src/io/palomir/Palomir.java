@@ -16,6 +16,7 @@ import java.util.function.Consumer;
  * once, on the executor passed with it (on Android, the main thread's
  * executor), also for answers from memory and local failures. An executor
  * that rejects the completion loses it (the rejection is printed).
+ * A text argument containing NUL is refused with an IllegalArgumentException.
  */
 public final class Palomir {
     private static final Palomir SHARED = new Palomir();
