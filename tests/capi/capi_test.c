@@ -1,12 +1,14 @@
 // The C facade driven from C: `tests_capi <case>` runs one case in a fresh
 // process (the shared client lives once per process). The "sandbox" case
 // takes the address, CA file and bundle directory of a running
-// palomir-sandbox, which run_against_sandbox.py starts for it.
+// palomir-sandbox, which run_against_sandbox.py starts for it. What the Java
+// tests already prove through this facade against the sandbox (a check-in
+// read field by field, a wrong secret's text, a user token answered from
+// another thread, feedback with attachments) is not repeated here.
 #define _POSIX_C_SOURCE 200809L
 #include <palomir/palomir.h>
 
 #include <curl/curl.h>
-#include <pthread.h>
 #include <stdatomic.h>
 #include <stdio.h>
 #include <stdlib.h>
@@ -22,22 +24,24 @@ static void check(bool ok, const char* what, int line) {
 }
 #define CHECK(condition) check((condition), #condition, __LINE__)
 
-static void check_text(const char* actual, const char* expected, int line) {
-    if ((!actual && !expected) || (actual && expected && strcmp(actual, expected) == 0)) return;
-    fprintf(stderr, "capi_test.c:%d: \"%s\", expected \"%s\"\n", line, actual ? actual : "(NULL)",
-            expected ? expected : "(NULL)");
-    ++failures;
+static bool same(const char* actual, const char* expected) {
+    return actual && expected ? strcmp(actual, expected) == 0 : actual == expected;
 }
-#define CHECK_STR(actual, expected) check_text((actual), (expected), __LINE__)
 
-// Checks that `*error` was made with `code` and `text`, and releases it.
+// Checks that `*error` was made with `code` and `text` (NULL: that there is
+// no error), and releases it.
 static void check_error(PLError** error, PLErrorCode code, const char* text, int line) {
-    check(*error != NULL && pl_error_code(*error) == code, "error code", line);
-    check_text(pl_error_description(*error), text, line);
+    if (!text) {
+        check(*error == NULL, pl_error_description(*error), line);
+    } else {
+        check(*error != NULL && pl_error_code(*error) == code, "error code", line);
+        check(same(pl_error_description(*error), text), pl_error_description(*error), line);
+    }
     pl_error_release(*error);
     *error = NULL;
 }
 #define CHECK_ERROR(error, code, text) check_error(&(error), (code), (text), __LINE__)
+#define NO_ERROR (PLErrorCode)0, NULL
 
 // ---------------------------------------------------------------------------
 // Without network
@@ -45,59 +49,45 @@ static void check_error(PLError** error, PLErrorCode code, const char* text, int
 static void configuration(void) {
     static const struct {
         const char* lockdown;
-        PLLockdownResult expected;
-        int type; // -1: none named
-        size_t notes;
+        int result; // -1: refused
+        int type;   // -1: none named
     } readings[] = {
-        {"{\"active\":false,\"type\":\"hard\",\"latest_version\":\"1\"}", PL_LOCKDOWN_RESULT_OPEN, PL_LOCKDOWN_TYPE_HARD, 0},
+        {"{\"active\":false,\"type\":\"hard\",\"latest_version\":\"1\"}", PL_LOCKDOWN_RESULT_OPEN, PL_LOCKDOWN_TYPE_HARD},
         // Active without a type: open here, although the screen flow shows it as soft.
-        {"{\"active\":true,\"latest_version\":\"1\",\"notes\":[{\"identifier\":\"5A4E2B10-0000-4000-8000-00000000000F\","
-         "\"title\":\"L\",\"content\":\"c\"}]}", PL_LOCKDOWN_RESULT_OPEN, -1, 1},
-        {"{\"active\":true,\"type\":\"soft\",\"latest_version\":\"1\"}", PL_LOCKDOWN_RESULT_SOFT, PL_LOCKDOWN_TYPE_SOFT, 0},
-        {"{\"active\":true,\"type\":\"hard\",\"latest_version\":\"1\"}", PL_LOCKDOWN_RESULT_HARD, PL_LOCKDOWN_TYPE_HARD, 0},
-        // Not a configuration: refused, naming the member.
-        {"{\"active\":true}", (PLLockdownResult)-1, -1, 0},
+        {"{\"active\":true,\"latest_version\":\"1\"}", PL_LOCKDOWN_RESULT_OPEN, -1},
+        {"{\"active\":true,\"type\":\"soft\",\"latest_version\":\"1\"}", PL_LOCKDOWN_RESULT_SOFT, PL_LOCKDOWN_TYPE_SOFT},
+        {"{\"active\":true,\"type\":\"hard\",\"latest_version\":\"1\"}", PL_LOCKDOWN_RESULT_HARD, PL_LOCKDOWN_TYPE_HARD},
+        {"{\"active\":true}", -1, -1},
     };
     for (size_t i = 0; i < sizeof readings / sizeof readings[0]; ++i) {
-        char json[1024];
+        char json[512];
         snprintf(json, sizeof json,
-                 "{\"version\":\"7.1\",\"next_checkin\":{\"automatically_at\":\"2030-01-02T03:04:05.678Z\","
-                 "\"on_event\":[\"foreground\"]},\"theme\":{\"text_color\":\"#000000\",\"background_color\":\"#ffffff\"},"
+                 "{\"version\":\"7.1\",\"next_checkin\":{\"automatically_at\":\"2030-01-02T03:04:05.678Z\",\"on_event\":[]},"
+                 "\"theme\":{\"text_color\":\"#000000\",\"background_color\":\"#ffffff\"},\"services\":[],"
                  "\"notes\":[{\"identifier\":\"0e9d6c3a-4b2f-4a8e-b1d7-6f2c9e5a8b34\",\"title\":\"Hi\",\"content\":\"c\"}],"
-                 "\"services\":[{\"name\":\"Sync\",\"identifier\":\"sync\",\"is_available\":true,\"state\":\"warning\","
-                 "\"triggers_message\":true}],\"lockdown\":%s}garbage",
+                 "\"lockdown\":%s}garbage",
                  readings[i].lockdown);
         PLError* error = (PLError*)1; // must be overwritten
         // Only the given length is read; the whole text is no document.
         CHECK(!pl_configuration_from_json(json, NULL));
         PLConfiguration* read = pl_configuration_from_json_n(json, strlen(json) - 7, &error);
-        if (!read) {
+        if (readings[i].result < 0) {
             CHECK_ERROR(error, PL_ERROR_INVALID_JSON, "Invalid configuration: lockdown.latest_version: missing required key");
             continue;
         }
-        check(!error && pl_configuration_lockdown(read) == readings[i].expected, readings[i].lockdown, __LINE__);
+        CHECK(error == NULL);
+        check(pl_configuration_lockdown(read) == (PLLockdownResult)readings[i].result, readings[i].lockdown, __LINE__);
+        PLLockdownType type = (PLLockdownType)-1;
+        CHECK(pl_configuration_lockdown_type(read, &type) == (readings[i].type >= 0) && (int)type == readings[i].type);
         bool has_date = false;
         int64_t at = 0;
         CHECK(pl_configuration_next_checkin(read, &has_date, &at) && has_date && at == 1893553445678LL);
-        PLCheckinEvent event = PL_CHECKIN_EVENT_LAUNCH;
-        CHECK(pl_configuration_next_checkin_event_at(read, 0, &event) && event == PL_CHECKIN_EVENT_FOREGROUND);
-        CHECK(!pl_configuration_note_subtitle(read, 0) && !pl_configuration_note_title(read, 1));
-        PLServiceState state = PL_SERVICE_STATE_OK;
-        CHECK(pl_configuration_service_state(read, 0, &state) && state == PL_SERVICE_STATE_WARNING);
-        CHECK(!pl_configuration_service_state(read, 1, &state));
-        PLLockdownType type = (PLLockdownType)-1;
-        CHECK(pl_configuration_lockdown_type(read, &type) == (readings[i].type >= 0) && (int)type == readings[i].type);
-        CHECK(pl_configuration_lockdown_note_count(read) == readings[i].notes);
-        CHECK_STR(pl_configuration_note_identifier(read, 0), "0E9D6C3A-4B2F-4A8E-B1D7-6F2C9E5A8B34");
-        // A retained handle outlives the first release.
-        PLConfiguration* kept = pl_configuration_retain(read);
+        CHECK(same(pl_configuration_note_identifier(read, 0), "0E9D6C3A-4B2F-4A8E-B1D7-6F2C9E5A8B34"));
+        // Past the end is no value, not a crash.
+        PLServiceState state;
+        CHECK(!pl_configuration_note_title(read, 1) && !pl_configuration_service_state(read, 0, &state));
         pl_configuration_release(read);
-        CHECK_STR(pl_configuration_version(kept), "7.1");
-        pl_configuration_release(kept);
     }
-}
-
-static void enumerations(void) {
     for (int value = -1; value <= 3; ++value) {
         PLDismissAction action = (PLDismissAction)77;
         PLLockdownResult result = (PLLockdownResult)77;
@@ -108,36 +98,25 @@ static void enumerations(void) {
     }
 }
 
-static void attachments(void) {
+static void attachments_and_metadata(void) {
     char bytes[] = {'x', '\0', 'y'};
     PLAttachment* attachment = pl_attachment_create("photo.PNG", NULL, bytes, sizeof bytes);
     bytes[0] = 'z'; // the attachment holds its own copy
     size_t length = 0;
     const char* held = pl_attachment_bytes(attachment, &length);
     CHECK(length == 3 && held && memcmp(held, "x\0y", 3) == 0);
-    CHECK_STR(pl_attachment_content_type(attachment), "image/png");
+    CHECK(same(pl_attachment_content_type(attachment), "image/png"));
     pl_attachment_release(attachment);
     CHECK(!pl_attachment_create("x", NULL, NULL, 5));
     PLError* error = NULL;
     CHECK(!pl_attachment_create_from_file("/nonexistent-palomir/a.txt", &error));
     CHECK_ERROR(error, PL_ERROR_FILE, "Cannot read file \"/nonexistent-palomir/a.txt\": No such file or directory");
-}
 
-static void metadata_json(void) {
-    PLError* error = NULL;
-    CHECK(pl_set_app_info_metadata_json("null", &error) && !error);
+    CHECK(pl_set_app_info_metadata_json("null", &error));
     CHECK(!pl_set_app_info_metadata_json("[1,2]", &error));
     CHECK_ERROR(error, PL_ERROR_INVALID_JSON, "Invalid JSON: metadata must be an object or null");
-    // Text that is not JSON gets the parser's reason after the lead.
-    const char* broken[] = {"{\"a\":", ""};
-    for (int i = 0; i < 2; ++i) {
-        CHECK(!pl_set_app_info_metadata_json(broken[i], &error) && pl_error_code(error) == PL_ERROR_INVALID_JSON);
-        CHECK(strncmp(pl_error_description(error), "Invalid JSON: ", 14) == 0 && strlen(pl_error_description(error)) > 14);
-        pl_error_release(error);
-    }
-    const char bytes[] = "{\"k\":1}trailing";
-    CHECK(pl_set_app_info_metadata_json_n(bytes, 7, NULL));
-    CHECK(!pl_set_app_info_metadata_json_n(bytes, sizeof bytes - 1, NULL));
+    const char text[] = "{\"k\":1}trailing";
+    CHECK(pl_set_app_info_metadata_json_n(text, 7, NULL) && !pl_set_app_info_metadata_json_n(text, sizeof text - 1, NULL));
 }
 
 // A call given NULL where a value is required fails with
@@ -159,23 +138,17 @@ static void null_arguments(void) {
     REFUSED(pl_set_app_credentials("t", NULL, &error), "secret");
     REFUSED(pl_set_caches_directory(NULL, &error), "path");
     REFUSED(pl_set_host_info(NULL, "1", "1", NULL, &error), "identifier");
-    REFUSED(pl_set_host_info("i", NULL, "1", NULL, &error), "version");
     REFUSED(pl_set_host_info("i", "1", NULL, NULL, &error), "build");
-    REFUSED(pl_set_app_info_metadata_json(NULL, &error), "json");
     REFUSED(pl_set_app_info_metadata_json_n(NULL, 3, &error), "json");
-    REFUSED(pl_configuration_from_json(NULL, &error) != NULL, "json");
     REFUSED(pl_configuration_from_json_n(NULL, 2, &error) != NULL, "json");
     REFUSED(pl_attachment_create_from_file(NULL, &error) != NULL, "path");
     REFUSED(pl_checkin(NULL, NULL, NULL, &error), "queue");
     REFUSED(pl_feedback(NULL, "m", "s", NULL, 0, q, NULL, NULL, &error), "title");
-    REFUSED(pl_feedback("t", NULL, "s", NULL, 0, q, NULL, NULL, &error), "message");
     REFUSED(pl_feedback("t", "m", NULL, NULL, 0, q, NULL, NULL, &error), "submitted_by");
     REFUSED(pl_feedback("t", "m", "s", NULL, 2, q, NULL, NULL, &error), "attachments");
     REFUSED(pl_feedback("t", "m", "s", holes, 2, q, NULL, NULL, &error), "attachments[0]");
     REFUSED(pl_feedback("t", "m", "s", NULL, 0, NULL, NULL, NULL, &error), "queue");
-    REFUSED(pl_feedback_with_files("t", "m", "s", NULL, 1, q, NULL, NULL, &error), "paths");
     REFUSED(pl_feedback_with_files("t", "m", "s", paths, 2, q, NULL, NULL, &error), "paths[1]");
-    REFUSED(pl_feedback_with_files("t", "m", "s", NULL, 0, NULL, NULL, NULL, &error), "queue");
     // Without an error out-parameter the failure is still reported by the result.
     CHECK(!pl_checkin(NULL, NULL, NULL, NULL));
 
@@ -221,12 +194,8 @@ static void await(Outcome* outcome, PLErrorCode code, const char* text) {
     CHECK(pl_main_queue_run_until(called, outcome, 20000));
     pl_main_queue_run_until(NULL, NULL, 50);
     CHECK(atomic_load(&outcome->calls) == 1);
-    if (text)
-        CHECK_ERROR(outcome->error, code, text);
-    else if (outcome->error)
-        check_text(pl_error_description(outcome->error), "(no error)", __LINE__);
+    check_error(&outcome->error, code, text, __LINE__);
     pl_configuration_release(outcome->configuration);
-    pl_error_release(outcome->error);
     memset(outcome, 0, sizeof *outcome);
 }
 
@@ -239,26 +208,25 @@ static void checkin_expecting(PLErrorCode code, const char* text) {
 
 static const char* kMissing = "Missing app token and/or secret";
 
-typedef struct Posted {
-    PLMainWork* items[16];
-    atomic_int count;
-} Posted;
+static _Atomic(PLMainWork*) posted;
+static atomic_int posts;
 
+// A host loop's poster, which keeps the work until the test runs it.
 static void post(PLMainWork* work, void* context) {
-    Posted* posted = context;
-    int index = atomic_fetch_add(&posted->count, 1);
-    if (index < 16)
-        posted->items[index] = work;
-    else
-        pl_main_work_discard(work);
+    (void)context;
+    atomic_fetch_add(&posts, 1);
+    PLMainWork* earlier = atomic_exchange(&posted, work);
+    if (earlier) pl_main_work_discard(earlier);
 }
 
-static bool posted_any(void* context) { return atomic_load(&((Posted*)context)->count) > 0; }
+static bool posted_any(void* context) {
+    (void)context;
+    return atomic_load(&posted) != NULL;
+}
 
 // Completions arrive on the queue named: the drained main queue, a serial
 // queue the caller released at once, and a main queue bound to a host loop.
 static void queues_without_credentials(void) {
-    checkin_expecting(PL_ERROR_MISSING_CREDENTIALS, kMissing);
     Outcome outcome = {0};
     PLQueue* serial = pl_queue_create_serial("capi.test");
     CHECK(pl_checkin(serial, checkin_done, &outcome, NULL));
@@ -270,18 +238,14 @@ static void queues_without_credentials(void) {
     pl_clear_app_credentials();
     checkin_expecting(PL_ERROR_MISSING_CREDENTIALS, kMissing);
 
-    Posted posted = {{0}, 0};
-    pl_main_queue_bind(post, &posted);
+    pl_main_queue_bind(post, NULL);
     CHECK(pl_checkin(pl_queue_main(), checkin_done, &outcome, NULL));
-    CHECK(pl_main_queue_run_until(posted_any, &posted, 10000));
+    CHECK(pl_main_queue_run_until(posted_any, NULL, 10000));
     CHECK(atomic_load(&outcome.calls) == 0); // posted, not yet run
-    int count = atomic_load(&posted.count);
-    for (int i = 0; i < count && i < 16; ++i) pl_main_work_run(posted.items[i]);
+    pl_main_work_run(atomic_exchange(&posted, NULL));
     await(&outcome, PL_ERROR_MISSING_CREDENTIALS, kMissing);
-    // Unbound again: work waits for a drain.
+    CHECK(atomic_load(&posts) == 1);
     pl_main_queue_bind(NULL, NULL);
-    checkin_expecting(PL_ERROR_MISSING_CREDENTIALS, kMissing);
-    CHECK(atomic_load(&posted.count) == count);
 }
 
 // A host that never describes itself (this test program has no Info.json)
@@ -304,15 +268,13 @@ static const char* base_url;
 static const char* ca_file;
 static const char* bundle_dir;
 
-// The body of a sandbox admin route such as "requests" (free() it).
-static char* sandbox_admin(const char* route) {
-    char url[256];
+// How often `needle` occurs in the body of the sandbox admin route `route`.
+static int recorded(const char* route, const char* needle) {
+    char url[256], token[160], *text = NULL;
     snprintf(url, sizeof url, "%.*s/_sandbox/%s", (int)(strlen(base_url) - 4), base_url, route);
-    char* text = NULL;
+    snprintf(token, sizeof token, "X-Sandbox-Token: %s", getenv("PALOMIR_SANDBOX_ADMIN_TOKEN"));
     size_t size = 0;
     FILE* body = open_memstream(&text, &size);
-    char token[160];
-    snprintf(token, sizeof token, "X-Sandbox-Token: %s", getenv("PALOMIR_SANDBOX_ADMIN_TOKEN"));
     struct curl_slist* headers = curl_slist_append(NULL, token);
     CURL* curl = curl_easy_init();
     curl_easy_setopt(curl, CURLOPT_URL, url);
@@ -323,106 +285,61 @@ static char* sandbox_admin(const char* route) {
     curl_easy_cleanup(curl);
     curl_slist_free_all(headers);
     fclose(body);
-    return text;
-}
-
-// How often `needle` occurs in `text`.
-static int occurrences(const char* text, const char* needle) {
     int count = 0;
     for (const char* at = text; (at = strstr(at, needle)) != NULL; at += strlen(needle)) ++count;
+    free(text);
     return count;
 }
 
-typedef struct TokenSource {
-    const char* token; // NULL: answered from another thread
-    atomic_int asked;
-    atomic_int released;
-} TokenSource;
+static atomic_int released;
 
-static void* answer_later(void* reply) {
-    pl_user_token_reply(reply, "Bearer xyz");
-    return NULL;
+static void provide_token(PLUserTokenReply* reply, void* context) { pl_user_token_reply(reply, context); }
+
+static void release_token(void* context) {
+    (void)context;
+    atomic_fetch_add(&released, 1);
 }
-
-static void provide_token(PLUserTokenReply* reply, void* context) {
-    TokenSource* source = context;
-    atomic_fetch_add(&source->asked, 1);
-    pthread_t thread;
-    if (source->token)
-        pl_user_token_reply(reply, source->token);
-    else if (pthread_create(&thread, NULL, answer_later, reply) == 0)
-        pthread_detach(thread);
-}
-
-static void release_source(void* context) { atomic_fetch_add(&((TokenSource*)context)->released, 1); }
 
 static void sandbox(void) {
     PLError* error = NULL;
     CHECK(pl_set_backend(base_url, ca_file, bundle_dir, &error) && !error);
-    CHECK(pl_set_app_credentials("sandbox-token", "not-the-secret", NULL));
-    checkin_expecting(PL_ERROR_REQUEST_FAILED, "Request failed: Bad status: 401");
     CHECK(pl_set_app_credentials("sandbox-token", "sandbox-secret", NULL));
     CHECK(pl_set_app_info_metadata_json("{\"plan\":\"pro\",\"seats\":[3,null],\"beta\":{\"on\":true}}", NULL));
     Outcome outcome = {0};
     CHECK(pl_checkin(pl_queue_main(), checkin_done, &outcome, NULL));
     CHECK(pl_main_queue_run_until(called, &outcome, 20000));
-    CHECK_STR(pl_configuration_version(outcome.configuration), "2024.06.1");
-    CHECK_STR(pl_configuration_worst_service_identifier(outcome.configuration), "sync");
-    // The scenario's lockdown is active without a type.
-    CHECK(pl_configuration_lockdown_active(outcome.configuration));
-    CHECK(pl_configuration_lockdown(outcome.configuration) == PL_LOCKDOWN_RESULT_OPEN);
-    await(&outcome, PL_ERROR_INVALID_ARGUMENT, NULL);
+    CHECK(same(pl_configuration_version(outcome.configuration), "2024.06.1"));
+    CHECK(same(pl_configuration_worst_service_identifier(outcome.configuration), "sync"));
+    await(&outcome, NO_ERROR);
 
-    // The user's token by callback: answered at once, then from another
-    // thread, then cleared; a replaced provider's context is handed back.
-    TokenSource direct = {"abc123", 0, 0}, threaded = {NULL, 0, 0}, unused = {"x", 0, 0};
-    pl_set_user_credentials(provide_token, &direct, release_source);
-    checkin_expecting(PL_ERROR_INVALID_ARGUMENT, NULL);
-    pl_set_user_credentials(provide_token, &threaded, release_source);
-    CHECK(atomic_load(&direct.asked) == 1 && atomic_load(&direct.released) == 1);
-    checkin_expecting(PL_ERROR_INVALID_ARGUMENT, NULL);
-    pl_set_user_credentials(NULL, &unused, release_source);
-    CHECK(atomic_load(&threaded.asked) == 1 && atomic_load(&threaded.released) == 1);
-    CHECK(atomic_load(&unused.released) == 1 && atomic_load(&unused.asked) == 0);
-    checkin_expecting(PL_ERROR_INVALID_ARGUMENT, NULL);
+    // The user's token by callback, then cleared: the replaced provider's
+    // context is handed back, and so is the one given with no provider.
+    pl_set_user_credentials(provide_token, "Bearer abc123", release_token);
+    checkin_expecting(NO_ERROR);
+    pl_set_user_credentials(NULL, "unused", release_token);
+    CHECK(atomic_load(&released) == 2);
+    checkin_expecting(NO_ERROR);
 
+    // A file that cannot be read is left out; the feedback goes on.
     char directory[] = "/tmp/palomir-capi-files-XXXXXX", path[512], missing[600];
     CHECK(mkdtemp(directory) != NULL);
     snprintf(path, sizeof path, "%s/log.txt", directory);
+    snprintf(missing, sizeof missing, "%s/not-there.txt", directory);
     FILE* log = fopen(path, "wb");
     CHECK(log && fputs("line\n", log) >= 0 && fclose(log) == 0);
-    PLAttachment* note = pl_attachment_create("note.txt", NULL, "hello", 5);
-    PLAttachment* data = pl_attachment_create("data.bin", "application/octet-stream", "\x01\x02", 2);
-    PLAttachment* file = pl_attachment_create_from_file(path, NULL);
-    const PLAttachment* list[] = {note, data, file};
-    CHECK(pl_feedback("Crash", "It broke", "ann@example.com", list, 3, pl_queue_main(), feedback_done, &outcome, NULL));
-    pl_attachment_release(note); // copied during the call
-    pl_attachment_release(data);
-    pl_attachment_release(file);
-    await(&outcome, PL_ERROR_INVALID_ARGUMENT, NULL);
-    // A file that cannot be read is left out; the feedback goes on.
-    snprintf(missing, sizeof missing, "%s/not-there.txt", directory);
     const char* paths[] = {missing, path};
     CHECK(pl_feedback_with_files("Files", "See log", "bob", paths, 2, pl_queue_main(), feedback_done, &outcome, NULL));
-    await(&outcome, PL_ERROR_INVALID_ARGUMENT, NULL);
+    await(&outcome, NO_ERROR);
     remove(path);
     remove(directory);
 
-    char* requests = sandbox_admin("requests");
-    CHECK(occurrences(requests, "/api/checkin/sandbox-token") == 5);
-    CHECK(occurrences(requests, "\"signature\":\"invalid\"") == 1);
-    // The metadata goes with every later check-in and feedback.
-    CHECK(occurrences(requests, "\\\"metadata\\\":{\\\"beta\\\":{\\\"on\\\":true},\\\"plan\\\":\\\"pro\\\",\\\"seats\\\":[3,null]}") == 6);
-    CHECK(occurrences(requests, "[\"X-Authorization-User\",\"Bearer abc123\"]") == 1);
-    CHECK(occurrences(requests, "X-Authorization-User") == 2);
-    free(requests);
-    char* feedback = sandbox_admin("feedback");
-    CHECK(occurrences(feedback, "\"submitted_by\":\"ann@example.com\"") == 1);
-    CHECK(occurrences(feedback, "\"filename\":\"note.txt\"") == 1 && occurrences(feedback, "\"filename\":\"data.bin\"") == 1);
-    CHECK(occurrences(feedback, "\"filename\":\"log.txt\"") == 2 && occurrences(feedback, "not-there.txt") == 0);
-    CHECK(occurrences(feedback, "\"content_type\":\"text/plain\"") == 3);
-    CHECK(occurrences(feedback, "\"uploaded\":true") == 4);
-    free(feedback);
+    CHECK(recorded("requests", "/api/checkin/sandbox-token") == 3);
+    // The metadata goes with every check-in and feedback after it was set.
+    CHECK(recorded("requests", "\\\"metadata\\\":{\\\"beta\\\":{\\\"on\\\":true},\\\"plan\\\":\\\"pro\\\",\\\"seats\\\":[3,null]}") == 4);
+    CHECK(recorded("requests", "[\"X-Authorization-User\",\"Bearer abc123\"]") == 1);
+    CHECK(recorded("requests", "X-Authorization-User") == 1);
+    CHECK(recorded("feedback", "\"filename\":\"log.txt\"") == 1 && recorded("feedback", "not-there.txt") == 0);
+    CHECK(recorded("feedback", "\"content_type\":\"text/plain\"") == 1 && recorded("feedback", "\"uploaded\":true") == 1);
 }
 
 // ---------------------------------------------------------------------------
@@ -432,9 +349,7 @@ static const struct {
     void (*run)(void);
 } cases[] = {
     {"configuration", configuration},
-    {"enumerations", enumerations},
-    {"attachments", attachments},
-    {"metadata_json", metadata_json},
+    {"attachments_and_metadata", attachments_and_metadata},
     {"null_arguments", null_arguments},
     {"queues_without_credentials", queues_without_credentials},
     {"without_host_info", without_host_info},

@@ -2,12 +2,15 @@
 // forwards to one C function (or reads one group of accessors). No
 // behaviour lives here; the Java side turns handles into records.
 //
-// Texts cross as JNI's modified UTF-8, which equals UTF-8 except for NUL and
-// characters outside the Basic Multilingual Plane.
+// Texts cross as byte arrays of standard UTF-8, encoded and decoded on the
+// Java side: JNI's own string functions speak modified UTF-8, which writes
+// characters outside the Basic Multilingual Plane (emoji) as surrogate pairs
+// the C library would take for invalid text.
 
 #include <jni.h>
 
 #include <cmath>
+#include <cstring>
 #include <limits>
 #include <string>
 #include <vector>
@@ -21,7 +24,7 @@ PLQueue* delivery = nullptr;  // completions run here, then go to the caller's E
 jmethodID pendingComplete = nullptr;
 jclass palomirClass = nullptr;
 jmethodID askToken = nullptr;
-jclass stringClass = nullptr;
+jclass bytesClass = nullptr;
 
 // Native threads that call into Java are attached once and detached when they end.
 struct Attachment {
@@ -48,25 +51,29 @@ void drop(JNIEnv* env) {
     }
 }
 
+// A Java byte[] of UTF-8 (null: no text) as a NUL-terminated C string.
 class Text {
 public:
-    Text(JNIEnv* env, jstring string) : env_(env), string_(string) {
-        if (string) chars_ = env->GetStringUTFChars(string, nullptr);
+    Text(JNIEnv* env, jbyteArray bytes) : present_(bytes != nullptr) {
+        if (!bytes) return;
+        text_.resize(static_cast<size_t>(env->GetArrayLength(bytes)));
+        env->GetByteArrayRegion(bytes, 0, static_cast<jsize>(text_.size()), reinterpret_cast<jbyte*>(text_.data()));
     }
-    ~Text() {
-        if (chars_) env_->ReleaseStringUTFChars(string_, chars_);
-    }
-    Text(const Text&) = delete;
-    Text& operator=(const Text&) = delete;
-    const char* get() const { return chars_; }
+    const char* get() const { return present_ ? text_.c_str() : nullptr; }
 
 private:
-    JNIEnv* env_;
-    jstring string_;
-    const char* chars_ = nullptr;
+    bool present_;
+    std::string text_;
 };
 
-jstring string(JNIEnv* env, const char* text) { return text ? env->NewStringUTF(text) : nullptr; }
+// A C string as a Java byte[] of its UTF-8 (null for none).
+jbyteArray utf8(JNIEnv* env, const char* text) {
+    if (!text) return nullptr;
+    const auto length = static_cast<jsize>(std::strlen(text));
+    jbyteArray bytes = env->NewByteArray(length);
+    if (bytes) env->SetByteArrayRegion(bytes, 0, length, reinterpret_cast<const jbyte*>(text));
+    return bytes;
+}
 jlong handle(const void* pointer) { return static_cast<jlong>(reinterpret_cast<intptr_t>(pointer)); }
 template <class T>
 T* pointer(jlong value) {
@@ -140,40 +147,40 @@ extern "C" JNIEXPORT jint JNICALL JNI_OnLoad(JavaVM* loaded, void*) {
     if (vm->GetEnv(reinterpret_cast<void**>(&env), JNI_VERSION_1_8) != JNI_OK) return JNI_ERR;
     jclass pending = env->FindClass("io/palomir/Pending");
     jclass palomir = env->FindClass("io/palomir/Palomir");
-    jclass text = env->FindClass("java/lang/String");
-    if (!pending || !palomir || !text) return JNI_ERR;
+    jclass bytes = env->FindClass("[B");
+    if (!pending || !palomir || !bytes) return JNI_ERR;
     pendingComplete = env->GetMethodID(pending, "complete", "(JJ)V");
     askToken = env->GetStaticMethodID(palomir, "askToken", "(Lio/palomir/UserCredentials;J)V");
     palomirClass = static_cast<jclass>(env->NewGlobalRef(palomir));
-    stringClass = static_cast<jclass>(env->NewGlobalRef(text));
+    bytesClass = static_cast<jclass>(env->NewGlobalRef(bytes));
     delivery = pl_queue_create_serial("palomir.java");
     return pendingComplete && askToken && delivery ? JNI_VERSION_1_8 : JNI_ERR;
 }
 
 NATIVE(jint, errorCode)(JNIEnv*, jclass, jlong error) { return pl_error_code(pointer<PLError>(error)); }
-NATIVE(jstring, errorDescription)(JNIEnv* env, jclass, jlong error) {
-    return string(env, pl_error_description(pointer<PLError>(error)));
+NATIVE(jbyteArray, errorDescription)(JNIEnv* env, jclass, jlong error) {
+    return utf8(env, pl_error_description(pointer<PLError>(error)));
 }
 NATIVE(void, errorRelease)(JNIEnv*, jclass, jlong error) { pl_error_release(pointer<PLError>(error)); }
 
-NATIVE(jlong, setCachesDirectory)(JNIEnv* env, jclass, jstring path) {
+NATIVE(jlong, setCachesDirectory)(JNIEnv* env, jclass, jbyteArray path) {
     PLError* error = nullptr;
     return errorOf(pl_set_caches_directory(Text(env, path).get(), &error), error);
 }
 
-NATIVE(jlong, setHostInfo)(JNIEnv* env, jclass, jstring identifier, jstring version, jstring build, jstring name) {
+NATIVE(jlong, setHostInfo)(JNIEnv* env, jclass, jbyteArray identifier, jbyteArray version, jbyteArray build, jbyteArray name) {
     PLError* error = nullptr;
     Text a(env, identifier), b(env, version), c(env, build), d(env, name);
     return errorOf(pl_set_host_info(a.get(), b.get(), c.get(), d.get(), &error), error);
 }
 
-NATIVE(jlong, setBackend)(JNIEnv* env, jclass, jstring baseUrl, jstring caFile, jstring resourceDir) {
+NATIVE(jlong, setBackend)(JNIEnv* env, jclass, jbyteArray baseUrl, jbyteArray caFile, jbyteArray resourceDir) {
     PLError* error = nullptr;
     Text a(env, baseUrl), b(env, caFile), c(env, resourceDir);
     return errorOf(pl_set_backend(a.get(), b.get(), c.get(), &error), error);
 }
 
-NATIVE(jlong, setAppCredentials)(JNIEnv* env, jclass, jstring token, jstring secret) {
+NATIVE(jlong, setAppCredentials)(JNIEnv* env, jclass, jbyteArray token, jbyteArray secret) {
     PLError* error = nullptr;
     Text a(env, token), b(env, secret);
     return errorOf(pl_set_app_credentials(a.get(), b.get(), &error), error);
@@ -189,16 +196,16 @@ NATIVE(void, setUserCredentials)(JNIEnv* env, jclass, jobject provider) {
     pl_set_user_credentials(provideToken, env->NewGlobalRef(provider), releaseProvider);
 }
 
-NATIVE(void, replyToken)(JNIEnv* env, jclass, jlong reply, jstring token) {
+NATIVE(void, replyToken)(JNIEnv* env, jclass, jlong reply, jbyteArray token) {
     pl_user_token_reply(pointer<PLUserTokenReply>(reply), Text(env, token).get());
 }
 
 NATIVE(jobjectArray, logFiles)(JNIEnv* env, jclass) {
     PLStringList* list = pl_copy_log_files();
     const auto count = static_cast<jsize>(pl_string_list_count(list));
-    jobjectArray paths = env->NewObjectArray(count, stringClass, nullptr);
+    jobjectArray paths = env->NewObjectArray(count, bytesClass, nullptr);
     for (jsize i = 0; paths && i < count; ++i) {
-        jstring path = string(env, pl_string_list_at(list, static_cast<size_t>(i)));
+        jbyteArray path = utf8(env, pl_string_list_at(list, static_cast<size_t>(i)));
         env->SetObjectArrayElement(paths, i, path);
         env->DeleteLocalRef(path);
     }
@@ -212,7 +219,7 @@ NATIVE(jlong, checkin)(JNIEnv* env, jclass, jobject pending) {
     });
 }
 
-NATIVE(jlong, services)(JNIEnv* env, jclass, jboolean system, jstring identifier, jobject pending) {
+NATIVE(jlong, services)(JNIEnv* env, jclass, jboolean system, jbyteArray identifier, jobject pending) {
     Text id(env, identifier);
     return start(env, pending, [&](jobject context, PLError** error) {
         if (!identifier) return pl_services(system, delivery, servicesDone, context, error);
@@ -220,13 +227,13 @@ NATIVE(jlong, services)(JNIEnv* env, jclass, jboolean system, jstring identifier
     });
 }
 
-NATIVE(jlong, feedback)(JNIEnv* env, jclass, jstring title, jstring message, jstring submittedBy,
+NATIVE(jlong, feedback)(JNIEnv* env, jclass, jbyteArray title, jbyteArray message, jbyteArray submittedBy,
                         jobjectArray filenames, jobjectArray contentTypes, jobjectArray data, jobject pending) {
     const jsize count = env->GetArrayLength(filenames);
     std::vector<PLAttachment*> attachments;
     for (jsize i = 0; i < count; ++i) {
-        auto name = static_cast<jstring>(env->GetObjectArrayElement(filenames, i));
-        auto type = static_cast<jstring>(env->GetObjectArrayElement(contentTypes, i));
+        auto name = static_cast<jbyteArray>(env->GetObjectArrayElement(filenames, i));
+        auto type = static_cast<jbyteArray>(env->GetObjectArrayElement(contentTypes, i));
         auto bytes = static_cast<jbyteArray>(env->GetObjectArrayElement(data, i));
         std::vector<jbyte> copy(static_cast<size_t>(env->GetArrayLength(bytes)));
         env->GetByteArrayRegion(bytes, 0, static_cast<jsize>(copy.size()), copy.data());
@@ -249,8 +256,8 @@ NATIVE(jlong, feedback)(JNIEnv* env, jclass, jstring title, jstring message, jst
 NATIVE(void, configurationRelease)(JNIEnv*, jclass, jlong value) {
     pl_configuration_release(pointer<PLConfiguration>(value));
 }
-NATIVE(jstring, configurationVersion)(JNIEnv* env, jclass, jlong value) {
-    return string(env, pl_configuration_version(configuration(value)));
+NATIVE(jbyteArray, configurationVersion)(JNIEnv* env, jclass, jlong value) {
+    return utf8(env, pl_configuration_version(configuration(value)));
 }
 NATIVE(jlong, configurationNextCheckin)(JNIEnv*, jclass, jlong value) {
     bool hasDate = false;
@@ -284,15 +291,15 @@ NATIVE(jdoubleArray, configurationGradient)(JNIEnv* env, jclass, jlong value) {
 NATIVE(jint, configurationNoteCount)(JNIEnv*, jclass, jlong value) {
     return static_cast<jint>(pl_configuration_note_count(configuration(value)));
 }
-NATIVE(jstring, configurationNote)(JNIEnv* env, jclass, jlong value, jint index, jint field) {
+NATIVE(jbyteArray, configurationNote)(JNIEnv* env, jclass, jlong value, jint index, jint field) {
     const PLConfiguration* c = configuration(value);
     const auto i = static_cast<size_t>(index);
     switch (field) {
-        case PL_NOTE_IDENTIFIER: return string(env, pl_configuration_note_identifier(c, i));
-        case PL_NOTE_TITLE: return string(env, pl_configuration_note_title(c, i));
-        case PL_NOTE_SUBTITLE: return string(env, pl_configuration_note_subtitle(c, i));
-        case PL_NOTE_CONTENT: return string(env, pl_configuration_note_content(c, i));
-        default: return string(env, pl_configuration_note_image(c, i));
+        case PL_NOTE_IDENTIFIER: return utf8(env, pl_configuration_note_identifier(c, i));
+        case PL_NOTE_TITLE: return utf8(env, pl_configuration_note_title(c, i));
+        case PL_NOTE_SUBTITLE: return utf8(env, pl_configuration_note_subtitle(c, i));
+        case PL_NOTE_CONTENT: return utf8(env, pl_configuration_note_content(c, i));
+        default: return utf8(env, pl_configuration_note_image(c, i));
     }
 }
 NATIVE(jint, configurationLockdownResult)(JNIEnv*, jclass, jlong value) {
@@ -306,23 +313,23 @@ NATIVE(jint, configurationLockdownType)(JNIEnv*, jclass, jlong value) {
     return pl_configuration_lockdown_type(configuration(value), &type) ? type : -1;
 }
 // Fields in the order of the Lockdown record's texts.
-NATIVE(jstring, configurationLockdownText)(JNIEnv* env, jclass, jlong value, jint field) {
+NATIVE(jbyteArray, configurationLockdownText)(JNIEnv* env, jclass, jlong value, jint field) {
     const PLConfiguration* c = configuration(value);
     switch (field) {
-        case 0: return string(env, pl_configuration_lockdown_latest_version(c));
-        case 1: return string(env, pl_configuration_lockdown_title(c));
-        case 2: return string(env, pl_configuration_lockdown_title_image(c));
-        case 3: return string(env, pl_configuration_lockdown_subtitle(c));
-        case 4: return string(env, pl_configuration_lockdown_action_url(c));
-        case 5: return string(env, pl_configuration_lockdown_action_title(c));
-        default: return string(env, pl_configuration_lockdown_dismiss_title(c));
+        case 0: return utf8(env, pl_configuration_lockdown_latest_version(c));
+        case 1: return utf8(env, pl_configuration_lockdown_title(c));
+        case 2: return utf8(env, pl_configuration_lockdown_title_image(c));
+        case 3: return utf8(env, pl_configuration_lockdown_subtitle(c));
+        case 4: return utf8(env, pl_configuration_lockdown_action_url(c));
+        case 5: return utf8(env, pl_configuration_lockdown_action_title(c));
+        default: return utf8(env, pl_configuration_lockdown_dismiss_title(c));
     }
 }
 NATIVE(jint, configurationLockdownNoteCount)(JNIEnv*, jclass, jlong value) {
     return static_cast<jint>(pl_configuration_lockdown_note_count(configuration(value)));
 }
-NATIVE(jstring, configurationLockdownNote)(JNIEnv* env, jclass, jlong value, jint index, jint field) {
-    return string(env, pl_configuration_lockdown_note(configuration(value), static_cast<size_t>(index),
+NATIVE(jbyteArray, configurationLockdownNote)(JNIEnv* env, jclass, jlong value, jint index, jint field) {
+    return utf8(env, pl_configuration_lockdown_note(configuration(value), static_cast<size_t>(index),
                                                       static_cast<PLNoteField>(field)));
 }
 NATIVE(jlong, configurationCopyServices)(JNIEnv*, jclass, jlong value) {
@@ -337,8 +344,8 @@ NATIVE(jdouble, servicesMaxAge)(JNIEnv*, jclass, jlong value) {
     return pl_services_max_age(services(value), &seconds) ? seconds : std::nan("");
 }
 NATIVE(jint, servicesCount)(JNIEnv*, jclass, jlong value) { return static_cast<jint>(pl_services_count(services(value))); }
-NATIVE(jstring, servicesText)(JNIEnv* env, jclass, jlong value, jint index, jint field) {
-    return string(env, pl_services_text(services(value), static_cast<size_t>(index), static_cast<PLServiceField>(field)));
+NATIVE(jbyteArray, servicesText)(JNIEnv* env, jclass, jlong value, jint index, jint field) {
+    return utf8(env, pl_services_text(services(value), static_cast<size_t>(index), static_cast<PLServiceField>(field)));
 }
 NATIVE(jint, servicesState)(JNIEnv*, jclass, jlong value, jint index) {
     PLServiceState state = PL_SERVICE_STATE_UNKNOWN;

@@ -16,6 +16,7 @@ import java.util.function.Consumer;
  * once, on the executor passed with it (on Android, the main thread's
  * executor), also for answers from memory and local failures. An executor
  * that rejects the completion loses it (the rejection is printed).
+ * A text argument containing NUL is refused with an IllegalArgumentException.
  */
 public final class Palomir {
     private static final Palomir SHARED = new Palomir();
@@ -28,7 +29,7 @@ public final class Palomir {
 
     /** Where log files go. Android hosts call this first, with their cache directory. */
     public void setCachesDirectory(Path directory) throws PalomirException {
-        PalomirException.check(Native.setCachesDirectory(directory.toString()));
+        PalomirException.check(Native.setCachesDirectory(Native.utf8(directory.toString())));
     }
 
     /**
@@ -36,18 +37,19 @@ public final class Palomir {
      * before anything else. {@code name} may be null.
      */
     public void setHostInfo(String identifier, String version, String build, String name) throws PalomirException {
-        PalomirException.check(Native.setHostInfo(identifier, version, build, name));
+        PalomirException.check(Native.setHostInfo(Native.utf8(identifier), Native.utf8(version), Native.utf8(build),
+                                                  Native.utf8(name)));
     }
 
     /** Another backend: an HTTPS base URL, a PEM CA file to trust and a directory with the pinned certificate; null for defaults. */
     public void setBackend(String baseUrl, Path caFile, Path resourceDirectory) throws PalomirException {
-        PalomirException.check(Native.setBackend(baseUrl, caFile == null ? null : caFile.toString(),
-                                                 resourceDirectory == null ? null : resourceDirectory.toString()));
+        PalomirException.check(Native.setBackend(Native.utf8(baseUrl), Native.utf8(caFile == null ? null : caFile.toString()),
+                                                 Native.utf8(resourceDirectory == null ? null : resourceDirectory.toString())));
     }
 
     /** Signs every request with the app's token and secret. */
     public void setAppCredentials(String token, String secret) throws PalomirException {
-        PalomirException.check(Native.setAppCredentials(token, secret));
+        PalomirException.check(Native.setAppCredentials(Native.utf8(token), Native.utf8(secret)));
     }
 
     /** Drops the app credentials, and the user credentials with them. */
@@ -72,7 +74,7 @@ public final class Palomir {
 
     public void service(String identifier, Executor executor, Consumer<Result<Fetched<Service>>> completion) {
         Objects.requireNonNull(identifier, "identifier");
-        start(Native.services(false, identifier, new Pending<>(executor, completion, Palomir::readService)));
+        start(Native.services(false, Native.utf8(identifier), new Pending<>(executor, completion, Palomir::readService)));
     }
 
     /** The backend's own services. */
@@ -82,7 +84,7 @@ public final class Palomir {
 
     public void systemService(String identifier, Executor executor, Consumer<Result<Fetched<Service>>> completion) {
         Objects.requireNonNull(identifier, "identifier");
-        start(Native.services(true, identifier, new Pending<>(executor, completion, Palomir::readService)));
+        start(Native.services(true, Native.utf8(identifier), new Pending<>(executor, completion, Palomir::readService)));
     }
 
     /** Uploads the attachments, then submits the feedback naming them. */
@@ -92,22 +94,22 @@ public final class Palomir {
         Objects.requireNonNull(message, "message");
         Objects.requireNonNull(submittedBy, "submittedBy");
         int count = attachments.size();
-        String[] names = new String[count], types = new String[count];
+        byte[][] names = new byte[count][], types = new byte[count][];
         byte[][] data = new byte[count][];
         for (int i = 0; i < count; ++i) {
             Attachment attachment = attachments.get(i);
-            names[i] = attachment.filename();
-            types[i] = attachment.contentType();
+            names[i] = Native.utf8(attachment.filename());
+            types[i] = Native.utf8(attachment.contentType());
             data[i] = attachment.data();
         }
-        start(Native.feedback(title, message, submittedBy, names, types, data,
+        start(Native.feedback(Native.utf8(title), Native.utf8(message), Native.utf8(submittedBy), names, types, data,
                               new Pending<Void>(executor, completion, handle -> null)));
     }
 
     /** The paths of the client's log files. */
     public List<Path> logFiles() {
         List<Path> paths = new ArrayList<>();
-        for (String path : Native.logFiles()) paths.add(Path.of(path));
+        for (byte[] path : Native.logFiles()) paths.add(Path.of(Native.text(path)));
         return paths;
     }
 
@@ -138,7 +140,7 @@ public final class Palomir {
         @Override
         public void accept(String token) {
             long handle = reply.getAndSet(0);
-            if (handle != 0) Native.replyToken(handle, token);
+            if (handle != 0) Native.replyToken(handle, Native.utf8(token));
         }
     }
 
@@ -152,21 +154,19 @@ public final class Palomir {
             List<Note> notes = new ArrayList<>();
             for (int i = 0, n = Native.configurationNoteCount(handle); i < n; ++i) {
                 final int index = i;
-                notes.add(note(field -> Native.configurationNote(handle, index, field)));
+                notes.add(note(field -> Native.text(Native.configurationNote(handle, index, field))));
             }
             List<Note> lockdownNotes = new ArrayList<>();
             for (int i = 0, n = Native.configurationLockdownNoteCount(handle); i < n; ++i) {
                 final int index = i;
-                lockdownNotes.add(note(field -> Native.configurationLockdownNote(handle, index, field)));
+                lockdownNotes.add(note(field -> Native.text(Native.configurationLockdownNote(handle, index, field))));
             }
             int type = Native.configurationLockdownType(handle);
+            TextField text = field -> Native.text(Native.configurationLockdownText(handle, field));
             Lockdown lockdown = new Lockdown(Native.configurationLockdownActive(handle),
-                                             type < 0 ? null : LockdownType.values()[type],
-                                             Native.configurationLockdownText(handle, 0), Native.configurationLockdownText(handle, 1),
-                                             Native.configurationLockdownText(handle, 2), Native.configurationLockdownText(handle, 3),
-                                             Native.configurationLockdownText(handle, 4), Native.configurationLockdownText(handle, 5),
-                                             Native.configurationLockdownText(handle, 6), lockdownNotes);
-            return new Configuration(Native.configurationVersion(handle),
+                                             type < 0 ? null : LockdownType.values()[type], text.get(0), text.get(1),
+                                             text.get(2), text.get(3), text.get(4), text.get(5), text.get(6), lockdownNotes);
+            return new Configuration(Native.text(Native.configurationVersion(handle)),
                                      next <= Long.MIN_VALUE + 1 ? null : Instant.ofEpochMilli(next), events,
                                      theme(handle), notes, lockdown,
                                      LockdownResult.values()[Native.configurationLockdownResult(handle)],
@@ -176,11 +176,12 @@ public final class Palomir {
         }
     }
 
-    private interface NoteText {
+    // One text field of a record, by its number.
+    private interface TextField {
         String get(int field);
     }
 
-    private static Note note(NoteText text) {
+    private static Note note(TextField text) {
         return new Note(UUID.fromString(text.get(0)), text.get(1), text.get(2), text.get(3), text.get(4));
     }
 
@@ -216,13 +217,11 @@ public final class Palomir {
 
     private static Service service(long handle, int i) {
         int flags = Native.servicesFlags(handle, i);
+        TextField text = field -> Native.text(Native.servicesText(handle, i, field));
         Service.Message message = (flags & 4) == 0 ? null
-            : new Service.Message(Native.servicesText(handle, i, 4), Native.servicesText(handle, i, 5),
-                                  Native.servicesText(handle, i, 6), Native.servicesText(handle, i, 7),
-                                  Native.servicesText(handle, i, 8));
-        return new Service(Native.servicesText(handle, i, 0), Native.servicesText(handle, i, 1),
-                           Native.servicesText(handle, i, 2), (flags & 1) != 0,
+            : new Service.Message(text.get(4), text.get(5), text.get(6), text.get(7), text.get(8));
+        return new Service(text.get(0), text.get(1), text.get(2), (flags & 1) != 0,
                            ServiceState.values()[Native.servicesState(handle, i)], (flags & 2) != 0, message,
-                           Native.servicesText(handle, i, 3));
+                           text.get(3));
     }
 }

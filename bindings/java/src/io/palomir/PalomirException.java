@@ -25,7 +25,7 @@ public final class PalomirException extends Exception {
             Code[] codes = Code.values();
             int code = Native.errorCode(handle);
             return new PalomirException(code >= 1 && code <= codes.length ? codes[code - 1] : Code.INTERNAL,
-                                        Native.errorDescription(handle));
+                                        Native.text(Native.errorDescription(handle)));
         } finally {
             Native.errorRelease(handle);
         }

@@ -10,8 +10,11 @@ import java.nio.file.Path;
 import java.security.KeyStore;
 import java.security.cert.CertificateFactory;
 import java.util.concurrent.CompletableFuture;
+import java.util.concurrent.Executor;
 import java.util.concurrent.TimeUnit;
+import java.util.function.BiConsumer;
 import java.util.function.Consumer;
+import java.util.regex.Pattern;
 import javax.net.ssl.SSLContext;
 import javax.net.ssl.TrustManagerFactory;
 
@@ -33,8 +36,7 @@ final class Sandbox {
     }
 
     /** Starts an operation and waits for its one result, delivered on the executor given. */
-    static <T> Result<T> await(java.util.function.BiConsumer<java.util.concurrent.Executor, Consumer<Result<T>>> operation)
-        throws Exception {
+    static <T> Result<T> await(BiConsumer<Executor, Consumer<Result<T>>> operation) throws Exception {
         CompletableFuture<Result<T>> done = new CompletableFuture<>();
         Thread[] ran = new Thread[1];
         operation.accept(command -> {
@@ -68,8 +70,6 @@ final class Sandbox {
     }
 
     static int occurrences(String text, String needle) {
-        int count = 0;
-        for (int at = text.indexOf(needle); at >= 0; at = text.indexOf(needle, at + needle.length())) ++count;
-        return count;
+        return text.split(Pattern.quote(needle), -1).length - 1;
     }
 }
