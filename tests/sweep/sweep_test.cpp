@@ -112,10 +112,8 @@ protected:
                 auto result = feedback("t", "m", {Attachment::fromText("a.txt", std::nullopt, "bytes")});
                 EXPECT_TRUE(result.hasValue()) << result.error().errorDescription();
                 const std::string lead = "failed to start direct upload: ";
-                std::string logged;
-                for (const auto& line : _logger->lines())
-                    if (line.rfind(lead, 0) == 0) logged = line.substr(lead.size());
-                return {logged, requestsTo("POST", "/api/direct_uploads")};
+                return {_logger->logged(lead, LogType::default_).value_or(lead).substr(lead.size()),
+                        requestsTo("POST", "/api/direct_uploads")};
             }
             default: return {text(feedback("t", "m", {})), requestsTo("POST", "/api/feedback")};
         }
