@@ -129,12 +129,12 @@ TEST_F(ClientIntegration, ServiceFetchesPostInOrderAndOnlyListsChangeTheStoredLi
 }
 
 // Three files and the client's log file, asked for once: one announcement is
-// refused, and the first upload to arrive is left a second without an
+// refused, and the first upload to arrive is left two seconds without an
 // answer. Three files are named, that one too, and last, in the order the
 // uploads finished.
 TEST_F(ClientIntegration, FeedbackNamesItsFilesInCompletionOrderEvenWhenABytesUploadFails) {
     fault(sb::Route::directUploads, "status:500*1");
-    fault(sb::Route::upload, "stall:1000*1");
+    fault(sb::Route::upload, "stall:2000*1");
 
     // Palomir lives for the process; the provider list only borrows it.
     std::shared_ptr<AttachmentProvider> logs(&Palomir::shared(), [](AttachmentProvider*) {});
