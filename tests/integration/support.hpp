@@ -6,6 +6,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <chrono>
 #include <filesystem>
 #include <fstream>
@@ -27,13 +28,9 @@ namespace palomir {
 inline const std::filesystem::path kScenarios =
     std::filesystem::path(PALOMIR_SOURCE_DIR) / "examples" / "scenarios";
 
-// The main bundle of a made-up host, so that the app info can be built.
-inline void setHostBundle() {
-    Bundle::setMain(Bundle(nlohmann::json{{"CFBundleIdentifier", "com.example.host"},
-                                          {"CFBundleDisplayName", "Example"},
-                                          {"CFBundleVersion", "42"},
-                                          {"CFBundleShortVersionString", "4.2"}},
-                           std::nullopt));
+inline std::string readText(const std::filesystem::path& path) {
+    std::ifstream in(path, std::ios::binary);
+    return std::string((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
 }
 
 class CapturingLogger : public Logger {
@@ -42,17 +39,12 @@ public:
         std::lock_guard lock(_mutex);
         _lines.emplace_back(message, type);
     }
-    bool contains(const std::string& text, LogType type) const {
+    // The first line logged at `type` that begins with `start`.
+    std::optional<std::string> logged(const std::string& start, LogType type) const {
         std::lock_guard lock(_mutex);
         for (const auto& [line, t] : _lines)
-            if (t == type && line.find(text) != std::string::npos) return true;
-        return false;
-    }
-    std::vector<std::string> lines() const {
-        std::lock_guard lock(_mutex);
-        std::vector<std::string> out;
-        for (const auto& entry : _lines) out.push_back(entry.first);
-        return out;
+            if (t == type && line.starts_with(start)) return line;
+        return std::nullopt;
     }
 
 private:
@@ -72,7 +64,12 @@ protected:
     void startSandbox(sandbox::SandboxOptions options = {}, bool hostLogger = true,
                       const std::optional<std::filesystem::path>& caches = std::nullopt) {
         setCachesDirectory(caches.value_or(_caches.path()));
-        setHostBundle();
+        // The main bundle of a made-up host, so that the app info can be built.
+        Bundle::setMain(Bundle(nlohmann::json{{"CFBundleIdentifier", "com.example.host"},
+                                              {"CFBundleDisplayName", "Example"},
+                                              {"CFBundleVersion", "42"},
+                                              {"CFBundleShortVersionString", "4.2"}},
+                               std::nullopt));
         if (options.scenarioFile.empty() && options.scenarioJson.empty())
             options.scenarioFile = kScenarios / "outage.json";
         options.dataDirectory = _data.path();
@@ -92,23 +89,13 @@ protected:
         return BackendOptions{_sandbox->baseURL(), {_sandbox->caFile()}, _sandbox->bundleDirectory()};
     }
 
-    void scenario(const std::string& json) {
-        auto set = _sandbox->setScenarioJson(json);
-        ASSERT_TRUE(set.hasValue()) << set.error();
-    }
-
     // A scenario from an example file, with the next timed check-in moved.
     void scenarioFile(const std::string& name, std::optional<int> nextCheckinAfterSeconds = std::nullopt) {
         std::ifstream in(kScenarios / name);
         auto document = nlohmann::json::parse(in);
         if (nextCheckinAfterSeconds) document["next_checkin_after_seconds"] = *nextCheckinAfterSeconds;
-        scenario(document.dump());
-    }
-
-    Result<Configuration, Error> checkin() {
-        Awaited<Configuration> awaited(_queue);
-        Palomir::shared().checkin(_queue, awaited.completion());
-        return awaited.get();
+        auto set = _sandbox->setScenarioJson(document.dump());
+        ASSERT_TRUE(set.hasValue()) << set.error();
     }
 
     // The one result of an asynchronous call handed a completion for `_queue`.
@@ -117,6 +104,10 @@ protected:
         Awaited<T, E> awaited(_queue);
         call(awaited.completion());
         return awaited.get(limit);
+    }
+
+    Result<Configuration, Error> checkin() {
+        return await<Configuration>([this](auto done) { Palomir::shared().checkin(_queue, done); });
     }
 
     Result<Palomir::ServicesResult, Error> fetchServices() {
@@ -140,10 +131,9 @@ protected:
     }
 
     std::size_t requestsTo(const std::string& method, const std::string& prefix) const {
-        std::size_t count = 0;
-        for (const auto& request : _sandbox->requests())
-            if (request.method == method && request.target.rfind(prefix, 0) == 0) ++count;
-        return count;
+        const auto requests = _sandbox->requests();
+        return std::count_if(requests.begin(), requests.end(),
+                             [&](const auto& r) { return r.method == method && r.target.starts_with(prefix); });
     }
 
     palomir_test::TempDir _caches, _data, _bundle;
