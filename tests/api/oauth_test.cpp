@@ -130,16 +130,21 @@ TEST(OAuthEncoding, UnreservedSetAndQuery) {
     EXPECT_EQ(query, (OAuthParameters{{"a", "2"}, {"b", ""}, {"c", " "}}));
 }
 
-// A JSON body is never signed (the sandbox verifies the API client's requests
-// end to end); a form's fields are. Without a URL or a method the request is
-// left as it was.
-TEST(RequestSigning, FormFieldsAreSignedAndUnsignableRequestsLeftAlone) {
+// Length and type are added for what is given. A JSON body is never signed
+// (the sandbox verifies the API client's requests end to end); a form's fields
+// are. Without a URL or a method the request is left as it was.
+TEST(RequestSigning, HeadersFollowWhatIsGivenAndFormFieldsAreSigned) {
     URLRequest bare;
     bare.url = "https://api.example.com/api/services";
     oAuthSign(bare, "GET", std::nullopt, std::nullopt, {"T", "s"}, std::nullopt);
     ASSERT_EQ(bare.headers.size(), 1u);
     EXPECT_EQ(bare.headers[0].first, "Authorization");
     EXPECT_FALSE(bare.body);
+    URLRequest put;
+    put.url = "https://api.example.com/api/checkin/T";
+    oAuthSign(put, "PUT", std::vector<std::uint8_t>{'{', '}'}, "application/json", {"T", "s"}, std::nullopt);
+    EXPECT_EQ(put.method + " " + put.value("Content-Length").value_or("") + " " + put.value("Content-Type").value_or(""),
+              "PUT 2 application/json");
 
     for (const auto& [target, method] : {std::pair{"not a url", "GET"}, std::pair{"https://h/x", ""}}) {
         URLRequest unsignable;
