@@ -10,6 +10,14 @@
 namespace palomir {
 namespace {
 
+// The header a credentials object answers with, failing unless it answers at once.
+std::optional<std::string> answerOf(UserCredentials& credentials) {
+    std::optional<std::optional<std::string>> answer;
+    credentials.authHeader([&](std::optional<std::string> value) { answer = value; });
+    EXPECT_TRUE(answer) << "no answer at once";
+    return answer.value_or(std::nullopt);
+}
+
 TEST(UserTokenNormalisation, StaticAndClosureAgree) {
     const std::vector<std::pair<std::optional<std::string>, std::optional<std::string>>> cases = {
         {"abc", "Bearer abc"},        {"", std::nullopt},         {std::nullopt, std::nullopt},
@@ -19,38 +27,29 @@ TEST(UserTokenNormalisation, StaticAndClosureAgree) {
     for (const auto& [given, header] : cases) {
         const std::optional<std::string> token = given;  // a lambda cannot capture a structured binding here
         SCOPED_TRACE(token.value_or("(none)"));
-        EXPECT_EQ(normalizedUserAuthHeader(token), header);
+        ClosureUserCredentials closure([token](ClosureUserCredentials::Callback callback) { callback(token); });
+        EXPECT_EQ(answerOf(closure), header);
         if (token) {
-            std::optional<std::optional<std::string>> answer;
-            StaticUserCredentials(*token).authHeader([&](std::optional<std::string> value) { answer = value; });
-            ASSERT_TRUE(answer) << "a static token answers at once";
-            EXPECT_EQ(*answer, header);
+            StaticUserCredentials fixed(*token);
+            EXPECT_EQ(answerOf(fixed), header);
         }
-        std::optional<std::optional<std::string>> answer;
-        ClosureUserCredentials([&](ClosureUserCredentials::Callback callback) { callback(token); })
-            .authHeader([&](std::optional<std::string> value) { answer = value; });
-        ASSERT_TRUE(answer);
-        EXPECT_EQ(*answer, header);
     }
 }
 
-TEST(ClosureUserCredentials, OnlyTheFirstAnswerIsPassedOnEvenFromRacingCopies) {
+// Only the first answer of a request counts, even from copies racing on
+// several threads; each request has its own callback, so one left unanswered
+// holds up no other, and is freed with the callback once nobody keeps it.
+TEST(ClosureUserCredentials, EachRequestIsAnsweredOnceWheneverItsAnswerComes) {
     std::vector<std::optional<std::string>> answers;
-    ClosureUserCredentials credentials([](ClosureUserCredentials::Callback callback) {
+    ClosureUserCredentials repeating([](ClosureUserCredentials::Callback callback) {
         auto copy = callback;
         callback("first");
         copy("second");
         callback(std::nullopt);
     });
-    credentials.authHeader([&](std::optional<std::string> value) { answers.push_back(value); });
-    ASSERT_EQ(answers.size(), 1u);
-    EXPECT_EQ(answers[0], "Bearer first");
+    repeating.authHeader([&](std::optional<std::string> value) { answers.push_back(value); });
+    EXPECT_EQ(answers, std::vector<std::optional<std::string>>{"Bearer first"});
 
-    // Each request gets its own once-only callback.
-    credentials.authHeader([&](std::optional<std::string> value) { answers.push_back(value); });
-    EXPECT_EQ(answers.size(), 2u);
-
-    // Copies racing on several threads still complete once.
     std::atomic<int> completions{0};
     std::vector<std::thread> threads;
     ClosureUserCredentials racing([&](ClosureUserCredentials::Callback callback) {
@@ -59,32 +58,22 @@ TEST(ClosureUserCredentials, OnlyTheFirstAnswerIsPassedOnEvenFromRacingCopies) {
     racing.authHeader([&](std::optional<std::string>) { ++completions; });
     for (auto& thread : threads) thread.join();
     EXPECT_EQ(completions.load(), 1);
-}
 
-TEST(ClosureUserCredentials, ANeverAnsweringClosureHoldsUpOnlyItsOwnRequest) {
     std::vector<ClosureUserCredentials::Callback> pending;
-    ClosureUserCredentials credentials([&](ClosureUserCredentials::Callback callback) {
-        if (pending.size() < 2) {
-            pending.push_back(callback);
-            return;
-        }
+    ClosureUserCredentials holding([&](ClosureUserCredentials::Callback callback) {
+        if (pending.size() < 2) return pending.push_back(callback);
         callback("third");
     });
     auto held = std::make_shared<int>(0);
     bool firstAnswered = false;
-    credentials.authHeader([&firstAnswered, held](std::optional<std::string>) { firstAnswered = true; });
-    std::optional<std::string> second;
-    credentials.authHeader([&](std::optional<std::string> v) { second = v; });
-    std::optional<std::string> third;
-    credentials.authHeader([&](std::optional<std::string> v) { third = v; });
+    holding.authHeader([&firstAnswered, held](std::optional<std::string>) { firstAnswered = true; });
+    std::optional<std::string> second, third;
+    holding.authHeader([&](std::optional<std::string> v) { second = v; });
+    holding.authHeader([&](std::optional<std::string> v) { third = v; });
     EXPECT_EQ(third, "Bearer third");
-
-    // The second answer arrives later, on another thread.
     EXPECT_EQ(second, std::nullopt);
     std::thread([&] { pending[1]("late"); }).join();
     EXPECT_EQ(second, "Bearer late");
-
-    // The unanswered completion goes together with the callback once nobody keeps it.
     EXPECT_FALSE(firstAnswered);
     pending.clear();
     EXPECT_EQ(held.use_count(), 1);

@@ -151,23 +151,6 @@ TEST_F(FileLoggerTest, CreatesItsFileAndKeepsTheNewestOldFiles) {
     }
 }
 
-class AngleFormatter : public LogFormatter {
-public:
-    std::string format(const std::string& m, LogType) const override { return m == "skip" ? "" : "<" + m + ">"; }
-};
-
-// Another formatter's text is written as it is, and empty text not at all.
-// Lines logged just before the logger goes are written before it closes its
-// file, which it reports like any other end of the file.
-TEST_F(FileLoggerTest, WritesWhatItsFormatterMakesUntilItCloses) {
-    auto& logger = makeLogger("angle", LogType::debug, 2, std::make_shared<AngleFormatter>());
-    const fs::path file = *logger.currentLogFile();
-    for (const char* message : {"one", "skip", "two"}) logger.log(message, LogType::info);
-    _loggers.clear();
-    EXPECT_EQ(printed("io 0\n"), "Failed to create log file io 0\n");
-    EXPECT_EQ(readFile(file), "<one><two>");
-}
-
 // A file that cannot be opened, or a device that is always full: writes while
 // closed are reported each time, failed writes only once.
 TEST_F(FileLoggerTest, FailuresArePrintedAsTheyHappen) {
