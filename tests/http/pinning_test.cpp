@@ -111,11 +111,8 @@ TEST_P(PinningTest, AcceptsOnlyAVerifiedChainHoldingThePinnedKey) {
 
     const Outcome outcome = perform(world.session(pins, trusted), get(server.url("/probe", c.host)));
     if (c.refusal.empty()) {
-        ASSERT_TRUE(outcome.response) << outcome.errorText();
-        EXPECT_EQ(outcome.response->status, 200);
-        EXPECT_EQ(outcome.body(), "ok");
-        ASSERT_EQ(server.requests().size(), 1u);
-        EXPECT_EQ(server.requests()[0].path, "/probe");
+        EXPECT_EQ(outcome.body(), "ok") << outcome.errorText();
+        EXPECT_EQ(server.requests().size(), 1u);
     } else {
         ASSERT_TRUE(outcome.error) << "accepted, status " << outcome.response->status;
         EXPECT_EQ(outcome.error->kind, HttpError::Kind::refusedTls);
@@ -152,52 +149,38 @@ INSTANTIATE_TEST_SUITE_P(
                 "SSL certificate problem: unable to get issuer certificate", "localhost", "", true}),
     [](const auto& info) { return info.param.name; });
 
-// Trusted, but not pinned: only a fresh verification of the later
-// connection can tell (the server closes every connection after one request
-// and would resume its TLS session if it were offered).
-TEST(PinningSession, ARogueChainIsRefusedOnTheNextConnection) {
+// Every connection of a pinned session is checked afresh against the pin of
+// its own host: one reached by an address without a pin is refused, and so
+// is a rogue chain (trusted, but not pinned) presented on the next
+// connection. The server closes every connection after one request and
+// would resume its TLS session if one were offered.
+TEST(PinningSession, ChecksEveryConnectionAgainstThePinOfItsHost) {
     World world;
     TlsTestServer server({world.a.chain(), {}, false});
     auto session = world.session(Pins{{"localhost", world.a.intermediate.der()}});
 
     const Outcome first = perform(session, get(server.url("/first")));
     ASSERT_TRUE(first.response) << first.errorText();
-    server.setChain(world.b.chain());
-    const Outcome second = perform(session, get(server.url("/second")));
-    ASSERT_TRUE(second.error) << "the rogue chain was accepted";
-    EXPECT_EQ(second.error->message, noKeyInChain);
-    ASSERT_EQ(server.requests().size(), 1u);
-    EXPECT_EQ(server.requests()[0].path, "/first");
-}
-
-TEST(PinningSession, EachRequestIsCheckedAgainstItsOwnHost) {
-    World world;
-    TlsTestServer server({world.a.chain(), {}, true});
-    auto session = world.session(Pins{{"localhost", world.a.leaf.der()}});
-
-    ASSERT_TRUE(perform(session, get(server.url("/named"))).response);
-    // The same server and certificate, reached by an address that has no pin.
     const Outcome byAddress = perform(session, get(server.url("/address", "127.0.0.1")));
     ASSERT_TRUE(byAddress.error) << "a host without a pin was accepted";
     EXPECT_EQ(byAddress.error->message, noPinFor("127.0.0.1"));
-    ASSERT_TRUE(perform(session, get(server.url("/named-again"))).response);
-
-    const auto seen = server.requests();
-    ASSERT_EQ(seen.size(), 2u);
-    EXPECT_EQ(seen[0].path, "/named");
-    EXPECT_EQ(seen[1].path, "/named-again");
+    server.setChain(world.b.chain());
+    const Outcome rogue = perform(session, get(server.url("/rogue")));
+    ASSERT_TRUE(rogue.error) << "the rogue chain was accepted";
+    EXPECT_EQ(rogue.error->message, noKeyInChain);
+    ASSERT_EQ(server.requests().size(), 1u);
+    EXPECT_EQ(server.requests()[0].path, "/first");
 }
 
 TEST(PinningSession, ResumesTlsSessionsOnlyWithoutPins) {
     World world;
     TlsTestServer server({world.a.chain(), {}, false});
     auto unpinned = world.session(std::nullopt);
+    auto pinned = world.session(Pins{{"localhost", world.a.intermediate.der()}});
     for (int i = 0; i < 3; ++i) ASSERT_TRUE(perform(unpinned, get(server.url("/"))).response);
     // The server does resume sessions...
     const std::size_t resumedBefore = server.resumedHandshakes();
     EXPECT_GE(resumedBefore, 1u);
-
-    auto pinned = world.session(Pins{{"localhost", world.a.intermediate.der()}});
     for (int i = 0; i < 3; ++i) ASSERT_TRUE(perform(pinned, get(server.url("/"))).response);
     // ...but a pinned session never offers one.
     EXPECT_EQ(server.completedHandshakes(), 6u);

