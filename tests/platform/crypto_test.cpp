@@ -10,16 +10,10 @@ using namespace palomir;
 // they are used: the OAuth reference signature and the sandbox's check of
 // an upload's announced MD5. Random UUIDs are checked as OAuth nonces.
 
-TEST(Base64, EncodesAndDecodesTheStandardVectorsAndRefusesMalformedText) {
+TEST(Base64, EncodesTheStandardVectors) {
     for (const auto& [plain, encoded] : std::vector<std::pair<std::string, std::string>>{
-             {"", ""}, {"f", "Zg=="}, {"fo", "Zm8="}, {"foo", "Zm9v"}, {"foobar", "Zm9vYmFy"}, {"\xfb\xff", "+/8="}}) {
+             {"", ""}, {"f", "Zg=="}, {"fo", "Zm8="}, {"foo", "Zm9v"}, {"foobar", "Zm9vYmFy"}, {"\xfb\xff", "+/8="}})
         EXPECT_EQ(crypto::base64Encode(crypto::asBytes(plain)), encoded);
-        const auto decoded = crypto::base64Decode(encoded);
-        ASSERT_TRUE(decoded.has_value()) << encoded;
-        EXPECT_EQ(std::string(decoded->begin(), decoded->end()), plain);
-    }
-    for (const char* text : {"Zg=", "Z===", "Zm9v\n", "Zg==Zg==", "Zm9*", "Zm 9", "=Zm9", "Zg=a"})
-        EXPECT_FALSE(crypto::base64Decode(text).has_value()) << text;
 }
 
 TEST(Uuid, ParsesOnlyTheCanonicalFormInEitherCaseAndWritesUpperCase) {

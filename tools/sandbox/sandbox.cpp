@@ -482,8 +482,11 @@ Answer Sandbox::State::startDirectUpload(const httplib::Request& request) {
         return errorAnswer(422, (error.keyPath.empty() ? "blob" : "blob." + error.keyPath) + ": " + error.reason);
     }
     if (blob.value().byteSize < 0) return errorAnswer(422, "blob.byte_size: must not be negative");
-    auto digest = crypto::base64Decode(blob.value().checksum);
-    if (!digest || digest->size() != 16) return errorAnswer(422, "blob.checksum: expected the base64 of an MD5 digest");
+    // The base64 of sixteen bytes: 22 characters of the alphabet, then "==".
+    const std::string& checksum = blob.value().checksum;
+    if (checksum.size() != 24 || checksum.compare(22, 2, "==") != 0 ||
+        checksum.find_first_not_of("ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/") != 22)
+        return errorAnswer(422, "blob.checksum: expected the base64 of an MD5 digest");
 
     RecordedUpload upload;
     upload.filename = blob.value().filename;
