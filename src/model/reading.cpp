@@ -51,11 +51,6 @@ const json& expectObject(const JsonPath& path, const json& value) {
     return value;
 }
 
-const json& expectArray(const JsonPath& path, const json& value) {
-    if (!value.is_array()) failExpected(path, "an array", value);
-    return value;
-}
-
 std::string read(JsonPath& path, const json& value, Tag<std::string>) {
     if (!value.is_string()) failExpected(path, "a string", value);
     return std::string(text(value));

@@ -71,7 +71,6 @@ private:
 [[noreturn]] void failExpected(const JsonPath& path, const char* expected, const json& found);
 
 const json& expectObject(const JsonPath& path, const json& value);
-const json& expectArray(const JsonPath& path, const json& value);
 
 template <class T>
 struct Tag {};
@@ -83,12 +82,12 @@ double read(JsonPath& path, const json& value, Tag<double>);
 
 template <class T>
 std::vector<T> read(JsonPath& path, const json& value, Tag<std::vector<T>>) {
-    const json& array = expectArray(path, value);
+    if (!value.is_array()) failExpected(path, "an array", value);
     std::vector<T> out;
-    out.reserve(array.size());
-    for (std::size_t index = 0; index < array.size(); ++index) {
+    out.reserve(value.size());
+    for (std::size_t index = 0; index < value.size(); ++index) {
         PathScope scope(path, index);
-        out.push_back(read(path, array[index], Tag<T>{}));
+        out.push_back(read(path, value[index], Tag<T>{}));
     }
     return out;
 }
