@@ -349,12 +349,12 @@ void APIClient::directUpload(std::shared_ptr<const std::vector<std::uint8_t>> da
     // The target's headers go out exactly as the backend gave them: the
     // storage behind it checks them, and it knows nothing of our signing.
     for (const auto& [name, value] : config.headers) request.headers.emplace_back(name, value);
-    if (!data) data = std::make_shared<const std::vector<std::uint8_t>>();
+    request.body = data ? std::move(data) : std::make_shared<const std::vector<std::uint8_t>>();
 
     if (!session) session = _sessions->apiSession;
     auto logger = _logger;
     const std::string url = request.url;
-    session->uploadTask(std::move(request), std::move(data),
+    session->dataTask(std::move(request),
                         [logger, url, completion = std::move(completion)](std::optional<HttpResponse> response,
                                                                           std::optional<HttpError> error) {
                             if (logger) logger->log(logRecord("direct upload:\n", url, response, error), LogType::debug);

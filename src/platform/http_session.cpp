@@ -107,7 +107,6 @@ std::optional<std::string> headerValue(const HttpHeaders& headers, std::string_v
 struct Transfer {
     HttpSession::Core* core = nullptr;
     HttpRequest request;
-    std::shared_ptr<const std::vector<std::uint8_t>> upload;
     HttpCompletion completion;
 
     CURL* easy = nullptr;
@@ -406,8 +405,8 @@ std::optional<HttpError> HttpSession::Core::configure(Transfer& transfer) {
     if (configuration.pins) curl_easy_setopt(easy, CURLOPT_SSL_SESSIONID_CACHE, 0L);
 
     const std::string& method = request.method;
-    // An upload's bytes go out from memory like any body, without a copy.
-    const std::vector<std::uint8_t>* body = transfer.upload ? transfer.upload.get() : request.body.get();
+    // A body (an upload's bytes too) goes out from memory, without a copy.
+    const std::vector<std::uint8_t>* body = request.body.get();
     if (body || (method != "GET" && method != "HEAD" && method != "DELETE")) {
         static const char empty[] = "";
         const bool hasBytes = body && !body->empty();
@@ -559,15 +558,5 @@ void HttpSession::dataTask(HttpRequest request, HttpCompletion completion) {
     _core->enqueue(std::move(transfer));
 }
 
-void HttpSession::uploadTask(HttpRequest request, std::shared_ptr<const std::vector<std::uint8_t>> bytes,
-                             HttpCompletion completion) {
-    if (request.method.empty() || request.method == "GET") request.method = "PUT";
-    auto transfer = std::make_unique<Transfer>();
-    transfer->upload = bytes ? std::move(bytes) : std::make_shared<const std::vector<std::uint8_t>>();
-    transfer->request = std::move(request);
-    transfer->request.body.reset();
-    transfer->completion = std::move(completion);
-    _core->enqueue(std::move(transfer));
-}
 
 }  // namespace palomir

@@ -105,10 +105,6 @@ public:
     /// Sends the request with its body, if any. The completion is called
     /// exactly once, on the session's thread, never inside this call.
     void dataTask(HttpRequest request, HttpCompletion completion);
-    /// Sends `bytes` as the body (a "PUT" unless the request names another
-    /// method), streamed from the shared buffer.
-    void uploadTask(HttpRequest request, std::shared_ptr<const std::vector<std::uint8_t>> bytes,
-                    HttpCompletion completion);
 
     /// True on the session's network thread.
     bool isCurrent() const;

@@ -24,8 +24,7 @@ struct Outcome {
 };
 
 /// Runs one task and waits for its completion (at most 30 s).
-inline Outcome perform(const std::shared_ptr<HttpSession>& session, HttpRequest request,
-                       std::shared_ptr<const std::vector<std::uint8_t>> upload = nullptr) {
+inline Outcome perform(const std::shared_ptr<HttpSession>& session, HttpRequest request) {
     auto promise = std::make_shared<std::promise<Outcome>>();
     auto future = promise->get_future();
     const auto start = std::chrono::steady_clock::now();
@@ -41,10 +40,7 @@ inline Outcome perform(const std::shared_ptr<HttpSession>& session, HttpRequest 
         outcome.seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
         promise->set_value(std::move(outcome));
     };
-    if (upload)
-        session->uploadTask(std::move(request), std::move(upload), std::move(completion));
-    else
-        session->dataTask(std::move(request), std::move(completion));
+    session->dataTask(std::move(request), std::move(completion));
     if (future.wait_for(std::chrono::seconds(30)) != std::future_status::ready) {
         ADD_FAILURE() << "no completion within 30 s";
         return {};
