@@ -23,6 +23,20 @@ struct Outcome {
     std::string errorText() const { return error ? error->message : "(no error)"; }
 };
 
+/// An HTTPS server on loopback, keeping connections alive, with a session
+/// configuration that trusts its root.
+struct TrustedServer {
+    TrustedServer(const std::string& name, palomir_test::TlsTestServer::Handler handler)
+        : pki(palomir_test::TestPki::make(name)), server({pki.chain(), std::move(handler), true}) {
+        pki.root.writePem(dir / "root.pem");
+        configuration.trustAnchors = {dir / "root.pem"};
+    }
+    palomir_test::TestPki pki;
+    palomir_test::TempDir dir;
+    palomir_test::TlsTestServer server;
+    HttpSessionConfiguration configuration;
+};
+
 /// Runs one task and waits for its completion (at most 30 s).
 inline Outcome perform(const std::shared_ptr<HttpSession>& session, HttpRequest request) {
     auto promise = std::make_shared<std::promise<Outcome>>();

@@ -15,19 +15,15 @@ using palomir_test::TlsTestServer;
 // upload chains started from a completion are proven by the client's
 // hostile-server sweep and its feedback runs.)
 TEST(Session, SendsWhatItIsGivenAndALaterExchangeCarriesNothingOfAnEarlierOne) {
-    const auto pki = palomir_test::TestPki::make("Session");
-    palomir_test::TempDir dir;
-    pki.root.writePem(dir / "root.pem");
-    TlsTestServer server({pki.chain(), [](const RecordedRequest& request) {
-                              TestResponse response;
-                              response.status = request.method == "POST" ? 201 : 200;
-                              response.headers = {{"Cache-Control", "max-age=300"}};
-                              response.body = "answer";
-                              return response;
-                          }, true});
-    HttpSessionConfiguration configuration;
-    configuration.trustAnchors = {dir / "root.pem"};
-    auto session = HttpSession::make(configuration);
+    TrustedServer trusted("Session", [](const RecordedRequest& request) {
+        TestResponse response;
+        response.status = request.method == "POST" ? 201 : 200;
+        response.headers = {{"Cache-Control", "max-age=300"}};
+        response.body = "answer";
+        return response;
+    });
+    auto& server = trusted.server;
+    auto session = HttpSession::make(trusted.configuration);
     auto exchange = [&](const std::string& method, HttpHeaders headers = {},
                         std::shared_ptr<const std::vector<std::uint8_t>> body = nullptr) {
         HttpRequest request = get(server.url("/" + method));
@@ -75,24 +71,21 @@ TEST(Session, SendsWhatItIsGivenAndALaterExchangeCarriesNothingOfAnEarlierOne) {
 
 // Answers of "/<bytes>", with a length, or of "/<bytes>/chunked" without.
 TEST(Session, BodiesOverTheLimitAreRefused) {
-    const auto pki = palomir_test::TestPki::make("Limits");
-    palomir_test::TempDir dir;
-    pki.root.writePem(dir / "root.pem");
-    TlsTestServer server({pki.chain(), [](const RecordedRequest& request) {
-                              TestResponse response;
-                              const std::size_t bytes = std::stoul(request.path.substr(1));
-                              if (request.path.ends_with("/chunked"))
-                                  response.chunkedBytes = bytes;
-                              else
-                                  response.body.assign(bytes, 'x');
-                              return response;
-                          }, true});
+    TrustedServer trusted("Limits", [](const RecordedRequest& request) {
+        TestResponse response;
+        const std::size_t bytes = std::stoul(request.path.substr(1));
+        if (request.path.ends_with("/chunked"))
+            response.chunkedBytes = bytes;
+        else
+            response.body.assign(bytes, 'x');
+        return response;
+    });
+    auto& server = trusted.server;
     // The default limit is proven by the sweep, through the API client.
     const std::string overLimit = "The response body is larger than 100000 bytes";
     const std::pair<std::string, std::string> cases[] = {
         {"/100000", ""}, {"/100001", overLimit}, {"/100000/chunked", ""}, {"/300000/chunked", overLimit}};
-    HttpSessionConfiguration configuration;
-    configuration.trustAnchors = {dir / "root.pem"};
+    HttpSessionConfiguration configuration = trusted.configuration;
     configuration.maxBodySize = 100'000;
     auto session = HttpSession::make(configuration);
     for (const auto& [path, refusal] : cases) {
