@@ -338,19 +338,17 @@ std::optional<HttpError> HttpSession::Core::configure(Transfer& transfer) {
 
     // Fields named twice go out once, their values joined, in first-seen order.
     HttpHeaders fields;
-    for (const auto& field : request.headers) {
-        const auto& [name, value] = field;
+    const auto named = [&](std::string_view name) {
+        return std::find_if(fields.begin(), fields.end(), [&](const auto& f) { return sameName(f.first, name); });
+    };
+    for (const auto& [name, value] : request.headers) {
         if (name.empty() || hasLineBreak(name) || hasLineBreak(value) || name.find(':') != std::string::npos)
             return invalid("Invalid header field: " + name);
-        auto same = std::find_if(fields.begin(), fields.end(), [&](const auto& f) { return sameName(f.first, field.first); });
-        if (same == fields.end())
-            fields.emplace_back(name, value);
-        else
+        if (auto same = named(name); same != fields.end())
             same->second += ", " + value;
+        else
+            fields.emplace_back(name, value);
     }
-    const auto present = [&](std::string_view name) {
-        return std::any_of(fields.begin(), fields.end(), [&](const auto& f) { return sameName(f.first, name); });
-    };
     std::vector<std::string> lines;
     for (const auto& [name, value] : fields)
         lines.push_back(value.empty() ? name + ";" : name + ": " + value);  // "Name;" sends an empty field
@@ -360,7 +358,7 @@ std::optional<HttpError> HttpSession::Core::configure(Transfer& transfer) {
     // stalls large uploads on servers that do not answer it. Storage targets
     // check the fields of an upload against what they signed.
     for (const char* added : {"Accept", "Content-Type", "Expect"})
-        if (!present(added)) lines.push_back(std::string(added) + ":");
+        if (named(added) == fields.end()) lines.push_back(std::string(added) + ":");
     for (const auto& line : lines) {
         curl_slist* extended = curl_slist_append(transfer.headerList, line.c_str());
         if (!extended) return invalid("Out of memory");
