@@ -36,7 +36,7 @@ AnyValue read(JsonPath& path, const json& value, Tag<AnyValue>) {
         }
         case json::value_t::number_float:
             return wholeNumber(value.get<double>()).value_or(AnyValue::double_(value.get<double>()));
-        case json::value_t::string: return AnyValue::string(std::string(text(value)));
+        case json::value_t::string: return AnyValue::string(value.get<std::string>());
         case json::value_t::array:
         case json::value_t::object:
             // Text is bounded when parsed; this bounds values a host builds itself.

@@ -7,8 +7,7 @@ namespace {
 // Every enumeration read from JSON must name one of its cases exactly.
 template <class Enum, class FromString>
 Enum readEnum(JsonPath& path, const json& value, const char* typeName, FromString fromString) {
-    if (!value.is_string()) failExpected(path, "a string", value);
-    const std::string_view name = text(value);
+    const std::string_view name = expectString(path, value);
     if (auto parsed = fromString(name)) return *parsed;
     path.fail("unknown value \"" + std::string(name) + "\" for " + typeName);
 }
@@ -16,14 +15,12 @@ Enum readEnum(JsonPath& path, const json& value, const char* typeName, FromStrin
 }  // namespace
 
 Date read(JsonPath& path, const json& value, Tag<Date>) {
-    if (!value.is_string()) failExpected(path, "a string", value);
-    if (auto date = plRFC3339.parse(text(value))) return *date;
+    if (auto date = plRFC3339.parse(expectString(path, value))) return *date;
     path.fail("not a valid date");
 }
 
 Url read(JsonPath& path, const json& value, Tag<Url>) {
-    if (!value.is_string()) failExpected(path, "a string", value);
-    if (auto url = Url::parseReference(text(value))) return std::move(*url);
+    if (auto url = Url::parseReference(expectString(path, value))) return std::move(*url);
     path.fail("not a valid URL");
 }
 
@@ -39,8 +36,7 @@ static std::optional<Url> optionalAbsoluteUrl(JsonPath& path, const json& object
 }
 
 Uuid read(JsonPath& path, const json& value, Tag<Uuid>) {
-    if (!value.is_string()) failExpected(path, "a string", value);
-    if (auto uuid = Uuid::parse(text(value))) return *uuid;
+    if (auto uuid = Uuid::parse(expectString(path, value))) return *uuid;
     path.fail("not a valid UUID");
 }
 
@@ -54,13 +50,11 @@ LockdownType read(JsonPath& path, const json& value, Tag<LockdownType>) {
 
 ServiceState read(JsonPath& path, const json& value, Tag<ServiceState>) {
     // Tolerant on purpose: a state the backend adds later shows as the worst.
-    if (!value.is_string()) failExpected(path, "a string", value);
-    return serviceStateFromString(text(value)).value_or(ServiceState::unknown);
+    return serviceStateFromString(expectString(path, value)).value_or(ServiceState::unknown);
 }
 
 Color read(JsonPath& path, const json& value, Tag<Color>) {
-    if (!value.is_string()) failExpected(path, "a string", value);
-    return Color::fromHex(text(value));
+    return Color::fromHex(expectString(path, value));
 }
 
 ColorGradient::Point read(JsonPath& path, const json& value, Tag<ColorGradient::Point>) {

@@ -51,9 +51,13 @@ const json& expectObject(const JsonPath& path, const json& value) {
     return value;
 }
 
-std::string read(JsonPath& path, const json& value, Tag<std::string>) {
+std::string_view expectString(const JsonPath& path, const json& value) {
     if (!value.is_string()) failExpected(path, "a string", value);
-    return std::string(text(value));
+    return value.get_ref<const std::string&>();
+}
+
+std::string read(JsonPath& path, const json& value, Tag<std::string>) {
+    return std::string(expectString(path, value));
 }
 
 bool read(JsonPath& path, const json& value, Tag<bool>) {

@@ -29,9 +29,6 @@ struct DecodeFailure {
     DecodingError error;
 };
 
-/// A string value's text; the caller has checked that it is a string.
-inline std::string_view text(const json& value) { return value.get_ref<const std::string&>(); }
-
 /// The member being read, kept as a stack while descending.
 class JsonPath {
 public:
@@ -71,6 +68,8 @@ private:
 [[noreturn]] void failExpected(const JsonPath& path, const char* expected, const json& found);
 
 const json& expectObject(const JsonPath& path, const json& value);
+/// The text of a string value; anything else fails at `path`.
+std::string_view expectString(const JsonPath& path, const json& value);
 
 template <class T>
 struct Tag {};
