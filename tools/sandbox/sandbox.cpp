@@ -482,10 +482,13 @@ Answer Sandbox::State::startDirectUpload(const httplib::Request& request) {
         return errorAnswer(422, (error.keyPath.empty() ? "blob" : "blob." + error.keyPath) + ": " + error.reason);
     }
     if (blob.value().byteSize < 0) return errorAnswer(422, "blob.byte_size: must not be negative");
-    // The base64 of sixteen bytes: 22 characters of the alphabet, then "==".
+    // The base64 of sixteen bytes: 22 characters of the alphabet, then "==";
+    // the last character carries two bits and four zero bits, so only the
+    // canonical spelling is one of "AQgw".
     const std::string& checksum = blob.value().checksum;
     if (checksum.size() != 24 || checksum.compare(22, 2, "==") != 0 ||
-        checksum.find_first_not_of("ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/") != 22)
+        checksum.find_first_not_of("ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/") != 22 ||
+        std::string_view("AQgw").find(checksum[21]) == std::string_view::npos)
         return errorAnswer(422, "blob.checksum: expected the base64 of an MD5 digest");
 
     RecordedUpload upload;
