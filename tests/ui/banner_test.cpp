@@ -24,7 +24,6 @@ TEST(BannerColourTest, CardColourIsChosenForTheAppearance) {
                                 {UserInterfaceStyle::dark, "#FEF3C7", std::nullopt, QColor(Qt::white)}};
     for (const auto& [style, light, dark, expected] : cases) {
         ServiceMessage message;
-        message.title = "Sync is paused";
         if (light) message.backgroundColorLight = Color::fromHex(*light);
         if (dark) message.backgroundColorDark = Color::fromHex(*dark);
         MessageViewController banner;
