@@ -36,28 +36,22 @@ std::string lockdownJson(const std::string& type, const std::string& notes = kTw
     return json + "}";
 }
 
-// Lockdown type ("" for none), the button's visibility before, and after.
-using CloseButtonCase = std::tuple<std::string, bool, bool>;
-
-class CloseButtonTest : public testing::TestWithParam<CloseButtonCase> {};
-
-template <class Screen>
-void expectCloseButton(const CloseButtonCase& row) {
-    const auto& [type, before, after] = row;
-    Screen screen;
-    screen.closeButton()->setVisible(before);
-    screen.setConfig(withLockdown(lockdownJson(type)));
-    EXPECT_EQ(screen.closeButton()->isVisible(), after) << "type \"" << type << '"';
+// A hard lockdown hides the close button, a soft one shows it, and one
+// without a type leaves it as it was, on both screens.
+TEST(CloseButtonTest, FollowsTheLockdownTypeOnBothScreens) {
+    // Lockdown type ("" for none), the button's visibility before, and after.
+    const std::tuple<std::string, bool, bool> cases[] = {{"hard", true, false}, {"soft", false, true},
+                                                         {"", false, false}, {"", true, true}};
+    for (const auto& [type, before, after] : cases) {
+        FeatureViewController notes;
+        LockdownViewController lockdown;
+        for (auto* button : {notes.closeButton(), lockdown.closeButton()}) button->setVisible(before);
+        notes.setConfig(withLockdown(lockdownJson(type)));
+        lockdown.setConfig(withLockdown(lockdownJson(type)));
+        for (auto* button : {notes.closeButton(), lockdown.closeButton()})
+            EXPECT_EQ(button->isVisible(), after) << "type \"" << type << '"';
+    }
 }
-
-TEST_P(CloseButtonTest, OnBothScreens) {
-    expectCloseButton<FeatureViewController>(GetParam());
-    expectCloseButton<LockdownViewController>(GetParam());
-}
-
-INSTANTIATE_TEST_SUITE_P(Types, CloseButtonTest,
-                         testing::Values(CloseButtonCase{"hard", true, false}, CloseButtonCase{"soft", false, true},
-                                         CloseButtonCase{"", false, false}, CloseButtonCase{"", true, true}));
 
 // Applying the same notes twice shows them once on the theme's background;
 // an empty list clears them.
@@ -75,11 +69,10 @@ void expectNotesShownOnceThenCleared(Screen& screen, int extraItems) {
     screen.setConfig(config);
 }
 
-TEST(FeatureViewControllerTest, LocalisedCloseTitleAndAStackOneWindowWidthPerNote) {
+TEST(FeatureViewControllerTest, LocalisedCloseTitleAndNothingChangedByALockdownWithoutNotes) {
     setLocaleOverride({"de-CH", "de"}, LocaleInfo{"de_CH", "de", "CH"});
     FeatureViewController screen;
     EXPECT_EQ(text(screen.closeButton()), QStringLiteral("Schließen"));
-    screen.view()->setSize(QSizeF(390, 844));
 
     // A lockdown without notes changes nothing, not even for a hard lockdown.
     const QColor before = colorOf(screen.view());
@@ -89,10 +82,6 @@ TEST(FeatureViewControllerTest, LocalisedCloseTitleAndAStackOneWindowWidthPerNot
     EXPECT_EQ(colorOf(screen.view()), before);
 
     expectNotesShownOnceThenCleared(screen, 0);
-    EXPECT_DOUBLE_EQ(screen.stackView()->width(), 780.0);
-    screen.view()->setWidth(500);
-    EXPECT_DOUBLE_EQ(screen.stackView()->width(), 1000.0);
-    EXPECT_DOUBLE_EQ(screen.noteViews()[0]->view()->width(), 500.0);
 }
 
 TEST(LockdownViewControllerTest, NoteViewsPlusSpacerAndAGradientOrTheBackgroundColour) {
@@ -110,7 +99,6 @@ TEST(LockdownViewControllerTest, NoteViewsPlusSpacerAndAGradientOrTheBackgroundC
                                       "background_gradient":{"colors":["#000","#fff"],"startPoint":[0,0],"endPoint":[0,1]}})"));
     ASSERT_NE(screen.backgroundGradientLayer(), nullptr);
     EXPECT_EQ(screen.view()->childItems().first(), screen.backgroundGradientLayer());
-    EXPECT_EQ(colorOf(screen.view()).alpha(), 0);
     screen.view()->setSize(QSizeF(300, 500));
     EXPECT_EQ(screen.backgroundGradientLayer()->size(), QSizeF(300, 500));
     // Re-applying replaces the gradient rather than stacking another.
@@ -134,14 +122,13 @@ TEST(LockdownViewControllerTest, TextsColoursAndTheActionOpeningItsUrl) {
                                       "action_title":"Go","dismiss_title":"Later","action_url":"https://apps.example/1"})",
                                   R"({"text_color":"#102030","background_color":"#FFFFFF","inner_background_color":"#EEE",
                                       "action_text_color":"#010203","action_button_color":"#A0B0C0"})"));
-    EXPECT_EQ(text(screen.titleLabel()), QStringLiteral("T"));
-    EXPECT_EQ(colorOf(screen.titleLabel()), QColor(0x10, 0x20, 0x30));
-    EXPECT_EQ(text(screen.subtitleLabel()), QStringLiteral("S"));
-    EXPECT_EQ(colorOf(screen.backgroundView()), QColor(0xEE, 0xEE, 0xEE));
-    EXPECT_EQ(text(screen.actionButton()), QStringLiteral("Go"));
-    EXPECT_EQ(colorOf(screen.actionButton(), "fillColor"), QColor(0xA0, 0xB0, 0xC0));
-    EXPECT_EQ(colorOf(screen.actionButton(), "titleColor"), QColor(0x01, 0x02, 0x03));
-    EXPECT_EQ(text(screen.closeButton()), QStringLiteral("Later"));
+    // Each outlet, the property the document sets on it, and the value.
+    const std::tuple<QQuickItem*, const char*, QVariant> shown[] = {
+        {screen.titleLabel(), "text", "T"}, {screen.titleLabel(), "color", QColor(0x10, 0x20, 0x30)},
+        {screen.subtitleLabel(), "text", "S"}, {screen.backgroundView(), "color", QColor(0xEE, 0xEE, 0xEE)},
+        {screen.actionButton(), "text", "Go"}, {screen.actionButton(), "fillColor", QColor(0xA0, 0xB0, 0xC0)},
+        {screen.actionButton(), "titleColor", QColor(0x01, 0x02, 0x03)}, {screen.closeButton(), "text", "Later"}};
+    for (const auto& [item, property, value] : shown) EXPECT_EQ(item->property(property), value) << property;
     EXPECT_FALSE(screen.titleImageView()->isVisible());
 
     click(screen.actionButton());
@@ -165,29 +152,22 @@ TEST(LockdownViewControllerDeathTest, LayoutWithoutRequiredOutletStopsAtFirstApp
     Bundle::setPalomirResourceDirectory({});
 }
 
-// In either style, labels for empty texts hide but their containers stay; the
-// image shows once it arrives, and a failed load is printed.
-TEST(NoteViewTest, EmptyTextsHideTheirLabelsAndTheImageShowsOnceItArrivesOrAFailureIsPrinted) {
+// The image view shows once the image arrives, in either style; a failed
+// load is printed and leaves it hidden.
+TEST(NoteViewTest, TheImageShowsOnceItArrivesAndAFailedLoadIsPrinted) {
     QTemporaryDir directory;
     QImage image(8, 8, QImage::Format_ARGB32);
     image.fill(Qt::red);
     ASSERT_TRUE(image.save(directory.filePath(QStringLiteral("note.png"))));
     auto view = createNoteView(NoteStyle::fullscreen);
     auto failing = createNoteView(NoteStyle::horizontal);
-    Note note;
-    note.title = "T";
-    note.subtitle = "";
-    testing::internal::CaptureStdout();
     const std::pair<NoteView*, const char*> loads[] = {{view.get(), "note.png"}, {failing.get(), "missing.png"}};
+    testing::internal::CaptureStdout();
     for (const auto& [noteView, file] : loads) {
+        Note note;
         note.image = Url::parse(QUrl::fromLocalFile(directory.filePath(QLatin1String(file))).toString().toStdString());
         noteView->apply(note);
-        EXPECT_EQ(text(noteView->titleLabel()), QStringLiteral("T"));
-        EXPECT_TRUE(noteView->titleLabel()->isVisible());
         EXPECT_FALSE(noteView->imageView()->isVisible());
-        for (auto* label : {noteView->subtitleLabel(), noteView->contentLabel()}) EXPECT_FALSE(label->isVisible());
-        for (auto* container : {noteView->titleContainer(), noteView->subtitleContainer(), noteView->contentContainer()})
-            EXPECT_TRUE(container->isVisible());
     }
     EXPECT_TRUE(QTest::qWaitFor([&] { return view->imageView()->property("status").toInt() == 1; }));  // Ready
     QTest::qWait(200);  // a local failure is reported well within this

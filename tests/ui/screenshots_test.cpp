@@ -106,11 +106,7 @@ bool themeChosen(const QQuickItem* text, const Configuration& configuration) {
 // The texts shown on `screen` stay inside `bounds` and apart, and read well
 // on every colour the layout puts beneath them.
 void checkTexts(QQuickWindow& window, QQuickItem* screen, const QRectF& bounds, const Configuration& configuration) {
-    struct Shown {
-        QRectF seen;
-        std::string name;
-    };
-    std::vector<Shown> shown;
+    std::vector<std::pair<QRectF, std::string>> shown;  // what is seen of each text, and its name
     for (QQuickItem* text : drawnUnder(screen)) {
         if (!text->inherits("QQuickText") || !text->isVisible() || test::text(text).isEmpty()) continue;
         QRectF rect = sceneRect(text), seen = rect;
@@ -132,11 +128,11 @@ void checkTexts(QQuickWindow& window, QQuickItem* screen, const QRectF& bounds, 
             EXPECT_TRUE(rect.top() >= bounds.top() - 0.5 && rect.bottom() <= bounds.bottom() + 0.5)
                 << name << " runs out vertically: " << rect.top() << ".." << rect.bottom();
         }
-        for (const auto& other : shown) {
-            const QRectF both = seen & other.seen;
-            EXPECT_TRUE(both.width() < 1 || both.height() < 1) << name << " overlaps " << other.name;
+        for (const auto& [otherSeen, otherName] : shown) {
+            const QRectF both = seen & otherSeen;
+            EXPECT_TRUE(both.width() < 1 || both.height() < 1) << name << " overlaps " << otherName;
         }
-        shown.push_back({seen, name});
+        shown.emplace_back(seen, name);
         if (themeChosen(text, configuration)) continue;
         for (const QColor& background : backgrounds(text, seen.center(), window, configuration)) {
             const QColor ink = over(test::colorOf(text), test::colorOf(text).alphaF() * opacity, background);
@@ -146,9 +142,12 @@ void checkTexts(QQuickWindow& window, QQuickItem* screen, const QRectF& bounds, 
     }
 }
 
-void checkGeometry(QQuickWindow& window, const QString& file, const Configuration& configuration) {
+// Texts must also keep clear of the status bar and the home indicator, where
+// the phone draws over them.
+void checkGeometry(QQuickWindow& window, const QString& file, const Configuration& configuration,
+                   const QMarginsF& safeArea) {
     SCOPED_TRACE(file.toStdString());
-    const QRectF windowRect(QPointF(0, 0), window.size());
+    const QRectF windowRect = QRectF(QPointF(0, 0), window.size()).marginsRemoved(QMarginsF(0, safeArea.top(), 0, safeArea.bottom()));
     for (QQuickItem* screen : drawnUnder(window.contentItem())) {
         const QString kind = screen->objectName();
         if (!screen->isVisible() || (kind != "featureView" && kind != "lockdownView" && kind != "messageView")) continue;
@@ -168,16 +167,27 @@ void checkGeometry(QQuickWindow& window, const QString& file, const Configuratio
         }
         checkTexts(window, screen, bounds, configuration);
         for (const auto& [flickable, y] : scrolled) flickable->setProperty("contentY", y);
-        // A tap on the screen's own empty area must not reach the host beneath.
-        QPointF tap;
-        if (kind == "featureView") {
-            tap = QPointF(screen->property("safeAreaLeft").toReal() + 16,
-                          window.height() - screen->property("safeAreaBottom").toReal() - 16);
-        } else if (kind == "messageView") {
-            tap = sceneRect(panel).topLeft() + QPointF(10, 20);
-        } else {
-            continue;
+        // Note views hide the labels of empty texts, but never their containers,
+        // whose margins keep the note's shape.
+        for (QQuickItem* note : drawnUnder(screen)) {
+            if (note->objectName() != QLatin1String("noteView")) continue;
+            for (const char* label : {"titleLabel", "subtitleLabel", "contentLabel"})
+                EXPECT_EQ(find(note, label)->isVisible(), !test::text(find(note, label)).isEmpty()) << label;
+            for (const char* container : {"titleContainer", "subtitleContainer", "contentContainer"})
+                EXPECT_TRUE(find(note, container)->isVisible()) << container;
         }
+        // The notes screen pages one screen width per note, also when the
+        // window was sized after the notes were set.
+        if (kind == "featureView") {
+            const QQuickItem* stack = find(screen, "stackView");
+            EXPECT_DOUBLE_EQ(stack->width(), stack->childItems().size() * screen->width()) << "the row of notes";
+            for (const QQuickItem* note : stack->childItems()) EXPECT_DOUBLE_EQ(note->width(), screen->width());
+        }
+        // A tap on the screen's own empty area must not reach the host beneath.
+        if (kind == "lockdownView") continue;
+        const QPointF tap = kind == "featureView"
+                                ? QPointF(safeArea.left() + 16, window.height() - safeArea.bottom() - 16)
+                                : sceneRect(panel).topLeft() + QPointF(10, 20);
         const auto* host = find(window.contentItem(), "hostScreen");
         ASSERT_NE(host, nullptr);
         const int before = host->property("taps").toInt();
@@ -195,7 +205,7 @@ TEST_P(ScreenshotTest, TextsStayInsideReadableAndApartAndTapsStopAtTheScreen) {
     ASSERT_TRUE(configuration) << error.toStdString();
     auto options = GetParam().options;
     options.settleMilliseconds = 50;
-    options.inspect = [&](QQuickWindow& window, const QString& file) { checkGeometry(window, file, *configuration); };
+    options.inspect = [&](QQuickWindow& window, const QString& file) { checkGeometry(window, file, *configuration, options.safeArea); };
     const auto files = preview::renderConfiguration(*configuration, QStringLiteral(PALOMIR_UI_TEST_OUTPUT),
                                                     GetParam().prefix, GetParam().appearance, options, &error);
     EXPECT_TRUE(error.isEmpty()) << error.toStdString();
