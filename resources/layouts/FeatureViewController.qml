@@ -77,6 +77,12 @@ Rectangle {
             objectName: "stackView"
             LayoutMirroring.enabled: false
             height: scrollView.height
+            onChildrenChanged: {
+                for (let i = 0; i < children.length; ++i) {
+                    if (children[i].sideInset !== undefined)
+                        children[i].sideInset = Qt.binding(() => Math.max(root.safeAreaLeft, root.safeAreaRight));
+                }
+            }
         }
     }
 

@@ -7,6 +7,9 @@ Item {
     objectName: "noteView"
     width: 390
     height: 720
+    // The screen's side insets (landscape notches): the page stays a screen
+    // wide, its texts keep clear of them.
+    property real sideInset: 0
 
     Rectangle {
         id: backgroundView
@@ -25,8 +28,8 @@ Item {
 
         ColumnLayout {
             id: column
-            x: 28
-            width: scroller.width - 56
+            x: 28 + root.sideInset
+            width: scroller.width - 56 - 2 * root.sideInset
             y: Math.max(24, (scroller.height - implicitHeight) / 2)
             spacing: 0
 

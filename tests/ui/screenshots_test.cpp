@@ -142,12 +142,12 @@ void checkTexts(QQuickWindow& window, QQuickItem* screen, const QRectF& bounds, 
     }
 }
 
-// Texts must also keep clear of the status bar and the home indicator, where
-// the phone draws over them.
+// Texts must also keep clear of the status bar, the home indicator and a
+// landscape notch, where the phone draws over them.
 void checkGeometry(QQuickWindow& window, const QString& file, const Configuration& configuration,
                    const QMarginsF& safeArea) {
     SCOPED_TRACE(file.toStdString());
-    const QRectF windowRect = QRectF(QPointF(0, 0), window.size()).marginsRemoved(QMarginsF(0, safeArea.top(), 0, safeArea.bottom()));
+    const QRectF windowRect = QRectF(QPointF(0, 0), window.size()).marginsRemoved(safeArea);
     for (QQuickItem* screen : drawnUnder(window.contentItem())) {
         const QString kind = screen->objectName();
         if (!screen->isVisible() || (kind != "featureView" && kind != "lockdownView" && kind != "messageView")) continue;
