@@ -320,15 +320,18 @@ static void sandbox(void) {
     CHECK(atomic_load(&released) == 2);
     checkin_expecting(NO_ERROR);
 
-    // A file that cannot be read is left out; the feedback goes on.
+    // A file that cannot be read is left out; the feedback goes on. The
+    // dashboard's browser test runs this case too: it shows the title as
+    // text, and the file's bytes download as they were.
     char directory[] = "/tmp/palomir-capi-files-XXXXXX", path[512], missing[600];
     CHECK(mkdtemp(directory) != NULL);
     snprintf(path, sizeof path, "%s/log.txt", directory);
     snprintf(missing, sizeof missing, "%s/not-there.txt", directory);
     FILE* log = fopen(path, "wb");
-    CHECK(log && fputs("line\n", log) >= 0 && fclose(log) == 0);
+    CHECK(log && fwrite("line\0\n", 1, 6, log) == 6 && fclose(log) == 0);
     const char* paths[] = {missing, path};
-    CHECK(pl_feedback_with_files("Files", "See log", "bob", paths, 2, pl_queue_main(), feedback_done, &outcome, NULL));
+    CHECK(pl_feedback_with_files("<img src=x onerror=alert(1)>", "See log", "bob", paths, 2, pl_queue_main(),
+                                 feedback_done, &outcome, NULL));
     await(&outcome, NO_ERROR);
     remove(path);
     remove(directory);

@@ -1,6 +1,6 @@
 #!/usr/bin/env python3
-"""usage: dashboard_test.py SANDBOX LIBRARY_CLIENT SCENARIO: the dashboard in headless Chromium."""
-import itertools, json, os, pathlib, shutil, ssl, subprocess, sys, tempfile, urllib.error, urllib.request
+"""usage: dashboard_test.py SANDBOX TESTS_CAPI SCENARIO: the dashboard in headless Chromium."""
+import itertools, json, os, shutil, ssl, subprocess, sys, tempfile, urllib.error, urllib.request
 
 SKIPPED = 77  # ctest's SKIP_RETURN_CODE
 TOKEN = "browser-test-token"
@@ -57,23 +57,22 @@ def main(sandbox, client, scenario):
             before = fetch(f"/_sandbox/scenario?token={TOKEN}")[1]
             wait.until(lambda _: '"notes"' in element("scenario-editor").get_attribute("value"))
             edited = json.loads(element("scenario-editor").get_attribute("value"))
-            edited["configuration"]["notes"][1]["identifier"] = "not-a-uuid"
+            edited["configuration"]["notes"][0]["identifier"] = "not-a-uuid"
             browser.execute_script("arguments[0].value = arguments[1]", element("scenario-editor"), json.dumps(edited))
             element("scenario-save").click()
-            wait.until(lambda _: "Not saved: configuration.notes[1].identifier: not a valid UUID" in
+            wait.until(lambda _: "Not saved: configuration.notes[0].identifier: not a valid UUID" in
                        element("scenario-message").text)
             assert fetch(f"/_sandbox/scenario?token={TOKEN}")[1] == before
 
-            # The library's feedback: its title is shown as text, its attachment downloads whole.
-            attachment = os.urandom(3000)
-            pathlib.Path(directory + "/capture.bin").write_bytes(attachment)
-            assert subprocess.run([client, site + "/api", ca, directory + "/data/bundle", TITLE, directory + "/capture.bin"],
-                                  timeout=60).returncode == 0
+            # The library's feedback, sent by the C facade's own run against a sandbox: its title is
+            # shown as text, its attachment downloads whole.
+            assert subprocess.run([client, "sandbox", site + "/api", ca, directory + "/data/bundle"], cwd=directory,
+                                  env=dict(os.environ, PALOMIR_SANDBOX_ADMIN_TOKEN=TOKEN), timeout=60).returncode == 0
             wait.until(lambda _: browser.find_elements(By.CSS_SELECTOR, ".feedback-title"))
             assert browser.find_element(By.CSS_SELECTOR, ".feedback-title").text == TITLE
             assert not browser.find_elements(By.CSS_SELECTOR, "#feedback img")
             link = browser.find_element(By.CSS_SELECTOR, "#feedback a.download").get_attribute("href")
-            assert fetch(link[len(site):]) == (200, attachment)
+            assert fetch(link[len(site):]) == (200, b"line\0\n")
 
             if os.environ.get("PALOMIR_DASHBOARD_SCREENSHOT"):  # the README's picture
                 browser.save_screenshot(os.environ["PALOMIR_DASHBOARD_SCREENSHOT"])

@@ -47,8 +47,6 @@ public:
     explicit SandboxClient(const Sandbox& sandbox, std::string host = "localhost")
         : _port(sandbox.port()), _caFile(sandbox.caFile()), _host(std::move(host)), _adminToken(sandbox.adminToken()) {}
 
-    std::chrono::milliseconds readTimeout{10000};
-
     /// `target` is the path and query under the server root ("/api/services/").
     Reply send(const std::string& method, const std::string& target, const std::string& body = {},
                const Signing& signing = {}, httplib::Headers headers = {}) const {
@@ -57,7 +55,7 @@ public:
         client.enable_server_certificate_verification(true);
         client.set_decompress(false);
         client.set_connection_timeout(std::chrono::seconds(5));
-        client.set_read_timeout(readTimeout);
+        client.set_read_timeout(std::chrono::seconds(10));
 
         std::string url = "https://" + _host + ":" + std::to_string(_port) + target;
         if (target.starts_with("/_sandbox/"))

@@ -6,7 +6,6 @@
 #include <ctime>
 #include <fstream>
 #include <functional>
-#include <thread>
 
 #include "palomir/model.hpp"
 #include "palomir_test/tls.hpp"
@@ -64,13 +63,11 @@ protected:
 TEST_F(SandboxTest, AcceptsACorrectSignatureWithinTheClockToleranceAndLogsTheRequest) {
     Reply reply = client->send("PUT", kCheckin, R"({"app_info": {}})", {}, {{"X-Authorization-User", "user-42"}});
     EXPECT_EQ(reply.status, 200) << reply.body;
-    EXPECT_TRUE(decodeJson<Configuration>(reply.body).hasValue());
 
+    // The library's runs against the sandbox count what it recorded by method,
+    // target and status; the verdict, headers and body are shown only here.
     auto requests = sandbox->requests();
     ASSERT_EQ(requests.size(), 1u);
-    EXPECT_EQ(requests[0].method, "PUT");
-    EXPECT_EQ(requests[0].target, kCheckin);
-    EXPECT_EQ(requests[0].status, 200);
     EXPECT_EQ(requests[0].signature, "ok");
     EXPECT_EQ(requests[0].header("x-authorization-user"), "user-42");
     EXPECT_EQ(requests[0].body, R"({"app_info": {}})");
@@ -221,26 +218,24 @@ INSTANTIATE_TEST_SUITE_P(Sandbox, ExampleScenario,
                              return name;
                          });
 
-// The page's editor shows the same errors through the admin route.
+// The dashboard's browser test shows its editor naming a bad key through the
+// admin route; the check command names it the same way.
 TEST_F(SandboxTest, RefusesABadScenarioNamingTheKeyPathAndKeepsTheCurrentOne) {
-    const std::vector<std::pair<std::string, std::string>> cases = {
-        {R"({"configuration": {"version": "1", "theme": {"text_color": "#fff", "background_color": "#000"},
-             "notes": [], "lockdown": {"active": false, "latest_version": "1"}},
-             "system_services": [{"name": "B", "identifier": "b", "is_available": true, "state": null,
-                                  "triggers_message": false}]})",
-         "system_services[0].state: expected a string, found null"},
-        {R"({"services": []})", "configuration: missing required key"}};
+    const std::string json = R"({"configuration": {"version": "1", "theme": {"text_color": "#fff",
+        "background_color": "#000"}, "notes": [], "lockdown": {"active": false, "latest_version": "1"}},
+        "system_services": [{"name": "B", "identifier": "b", "is_available": true, "state": null,
+                             "triggers_message": false}]})";
+    const std::string error = "system_services[0].state: expected a string, found null";
     const auto before = sandbox->scenario().configuration;
-    palomir_test::TempDir directory;
-    for (const auto& [json, error] : cases) {
-        auto result = sandbox->setScenarioJson(json);
-        ASSERT_TRUE(result.hasError());
-        EXPECT_EQ(result.error(), error);
-        std::ofstream(directory / "bad.json") << json;
-        EXPECT_EQ(checkCommand(directory / "bad.json"),
-                  std::make_pair(1, (directory / "bad.json").string() + ": " + error + "\n"));
-    }
+    auto result = sandbox->setScenarioJson(json);
+    ASSERT_TRUE(result.hasError());
+    EXPECT_EQ(result.error(), error);
     EXPECT_EQ(sandbox->scenario().configuration, before);
+
+    palomir_test::TempDir directory;
+    std::ofstream(directory / "bad.json") << json;
+    EXPECT_EQ(checkCommand(directory / "bad.json"),
+              std::make_pair(1, (directory / "bad.json").string() + ": " + error + "\n"));
 }
 
 // Uploads that arrive whole are proven by the library's own runs against the
@@ -281,7 +276,6 @@ struct FaultCase {
     std::string recordedFault;
     std::chrono::milliseconds atLeast{0};
     std::function<void(const Reply&)> check = [](const Reply&) {};
-    std::chrono::milliseconds readTimeout = 10s;
     friend void PrintTo(const FaultCase& value, std::ostream* out) { *out << value.setting; }
 };
 
@@ -290,21 +284,20 @@ protected:
     void SetUp() override {}
 };
 
-TEST_P(FaultBehaviour, DoesWhatItSays) {
+// What each fault does to the library (malformed, empty, truncated, oversized
+// answers, stalls, drips, a fault on one route leaving the others alone) is
+// the hostile-server sweep's matrix; these are the faults it does not use and
+// what the sandbox records of one.
+TEST_P(FaultBehaviour, DoesWhatItSaysAndIsRecorded) {
     const FaultCase& c = GetParam();
     auto setting = parseFaultSetting(c.setting);
     ASSERT_TRUE(setting.hasValue()) << setting.error();
     ASSERT_NO_FATAL_FAILURE(start(SandboxOptions{.faults = {setting.value()}}));
-    client->readTimeout = c.readTimeout;
-    const bool put = c.target == kCheckin || !c.target.starts_with("/api/");
-    const std::string method = put ? "PUT" : c.target == "/api/feedback" ? "POST" : "GET";
+    const std::string method = c.target == kCheckin ? "PUT" : c.target == "/api/feedback" ? "POST" : "GET";
     Reply reply = client->send(method, c.target, method == "GET" ? "" : R"({"app_info": {}})");
 
     EXPECT_EQ(reply.status, c.status);
     EXPECT_GE(reply.elapsed, c.atLeast);
-    // A stalled request is recorded once the client gives up, long before
-    // a stall without a limit would end after two minutes.
-    for (int i = 0; i < 300 && sandbox->requests().empty(); ++i) std::this_thread::sleep_for(10ms);
     ASSERT_EQ(sandbox->requests().size(), 1u);
     EXPECT_EQ(sandbox->requests()[0].fault, c.recordedFault);
     // A truncated answer is recorded as the 200 it began as.
@@ -312,43 +305,23 @@ TEST_P(FaultBehaviour, DoesWhatItSays) {
     c.check(reply);
 }
 
-void readFailed(const Reply& reply) { EXPECT_EQ(reply.error, httplib::Error::Read); }
-void decodes(const Reply& reply) { EXPECT_TRUE(decodeJson<Configuration>(reply.body).hasValue()); }
-
 INSTANTIATE_TEST_SUITE_P(
     Sandbox, FaultBehaviour,
     ::testing::Values(
-        FaultCase{"Delay", "checkin=delay:300", kCheckin, 200, "delay:300", 300ms, decodes},
+        FaultCase{"Delay", "checkin=delay:300", kCheckin, 200, "delay:300", 300ms,
+                  [](const Reply& reply) { EXPECT_TRUE(decodeJson<Configuration>(reply.body).hasValue()); }},
         FaultCase{"StatusWithBody", R"(feedback=status:429:{"errors":["Slow*down"]})", "/api/feedback", 429,
                   R"(status:429:{"errors":["Slow*down"]})", 0ms,
                   [](const Reply& reply) {
                       EXPECT_EQ(reply.body, R"({"errors":["Slow*down"]})");
                       EXPECT_EQ(reply.header("Content-Type"), "application/json");
                   }},
-        FaultCase{"Malformed", "checkin=malformed", kCheckin, 200, "malformed", 0ms,
-                  [](const Reply& reply) { EXPECT_TRUE(!reply.body.empty() && !Json::accept(reply.body)); }},
-        FaultCase{"Empty", "checkin=empty", kCheckin, 200, "empty", 0ms,
-                  [](const Reply& reply) { EXPECT_EQ(reply.body, ""); }},
-        FaultCase{"Truncated", "checkin=truncated", kCheckin, 0, "truncated", 0ms, readFailed},
-        FaultCase{"Drop", "*=drop", "/api/services/sync", 0, "drop"},
-        FaultCase{"StallUntilTheClientGivesUp", "checkin=stall", kCheckin, 0, "stall:120000", 400ms, readFailed,
-                  500ms},
-        FaultCase{"StallWithALimit", "upload=stall:200", "/uploads/unknown", 0, "stall:200", 200ms,
-                  [](const Reply& reply) { EXPECT_LT(reply.elapsed, 5s); }},
+        FaultCase{"Truncated", "checkin=truncated", kCheckin, 0, "truncated", 0ms,
+                  [](const Reply& reply) { EXPECT_EQ(reply.error, httplib::Error::Read); }},
+        FaultCase{"DropOnEveryRoute", "*=drop", "/api/services/sync", 0, "drop"},
         FaultCase{"WrongCacheControl", "services=cache-control:max-age=-5", "/api/system_services/", 200,
                   "cache-control:max-age=-5", 0ms,
-                  [](const Reply& reply) { EXPECT_EQ(reply.header("Cache-Control"), "max-age=-5"); }},
-        FaultCase{"Oversized", "services=oversized:3", "/api/services/", 200, "oversized:3", 0ms,
-                  [](const Reply& reply) {
-                      EXPECT_GE(reply.body.size(), 3u * 1024 * 1024);
-                      EXPECT_TRUE(decodeJson<ServicesResponse>(reply.body).hasValue());
-                  }},
-        FaultCase{"Drip", "checkin=drip:3", kCheckin, 200, "drip:3", 0ms,
-                  [](const Reply& reply) {
-                      decodes(reply);
-                      EXPECT_GE(reply.elapsed, 3ms * (reply.body.size() - 1));
-                  }},
-        FaultCase{"FaultOnAnotherRouteLeavesThisOneAlone", "feedback=drop", kCheckin, 200, "", 0ms, decodes}),
+                  [](const Reply& reply) { EXPECT_EQ(reply.header("Cache-Control"), "max-age=-5"); }}),
     [](const auto& info) { return info.param.name; });
 
 TEST(SandboxFaultTest, RefusedSettingsSayWhatIsWrong) {
