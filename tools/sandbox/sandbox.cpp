@@ -52,7 +52,9 @@ struct Answer {
 Answer jsonAnswer(int status, const Json& body) {
     Answer answer;
     answer.status = status;
-    answer.body = body.dump();
+    // Recorded bodies are whatever clients sent, bytes that are not UTF-8
+    // included; they show with U+FFFD rather than failing the whole answer.
+    answer.body = body.dump(-1, ' ', false, Json::error_handler_t::replace);
     return answer;
 }
 
