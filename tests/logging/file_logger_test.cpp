@@ -21,6 +21,7 @@
 
 #include "palomir/environment.hpp"
 #include "palomir/logging.hpp"
+#include "palomir_test/tls.hpp"
 
 namespace palomir {
 namespace {
@@ -37,11 +38,8 @@ std::string readFile(const fs::path& path) {
 class FileLoggerTest : public testing::Test {
 protected:
     void SetUp() override {
-        char pattern[] = "/tmp/palomir-logging-XXXXXX";
-        ASSERT_NE(::mkdtemp(pattern), nullptr);
-        _root = pattern;
-        setCachesDirectory(_root);
-        _logs = _root / "io.palomir.Palomir.FileLogger" / "Logs";
+        setCachesDirectory(_root.path());
+        _logs = _root / "io.palomir.Palomir.FileLogger/Logs";
         fs::create_directories(_logs);
         std::fflush(stdout);
         _stdout = ::dup(STDOUT_FILENO);
@@ -55,8 +53,6 @@ protected:
         ::dup2(_stdout, STDOUT_FILENO);
         ::close(_stdout);
         if (HasFailure()) std::fprintf(stderr, "printed:\n%s", readFile(_root / "stdout").c_str());
-        std::error_code ec;
-        fs::remove_all(_root, ec);
     }
 
     // What was printed since the last call, once it ends with `tail` (or ten seconds passed).
@@ -99,7 +95,7 @@ protected:
         return *_loggers.back();
     }
 
-    fs::path _root;
+    palomir_test::TempDir _root;
     fs::path _logs;
     int _stdout = -1;
     std::size_t _seen = 0;
@@ -155,7 +151,7 @@ TEST_F(FileLoggerTest, CreatesItsFileAndKeepsTheNewestOldFiles) {
 // closed are reported each time, failed writes only once.
 TEST_F(FileLoggerTest, FailuresArePrintedAsTheyHappen) {
     const std::pair<fs::path, std::string> cases[] = {
-        {_root,
+        {_root.path(),
          "Failed to create log file io 21\nPalomir FileLogger: Error writing: no file I/O\n"
          "Palomir FileLogger: Error writing: no file I/O\n"},
         {"/dev/full", "Palomir FileLogger: Error writing: %d 28\nFailed to create log file io 0\n"}};
