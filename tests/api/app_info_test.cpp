@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <limits>
+#include <tuple>
 
 #include "api/app_info_internal.hpp"
 
@@ -45,30 +46,27 @@ TEST(AppInfo, ReadsTheHostBundleAndSdkVersionAndDescribesThem) {
     EXPECT_EQ(made.value().sdkVersion, Bundle::palomir().string("CFBundleVersion"));
 }
 
+// Each case changes one key of the host's bundle (null: removes it), may take
+// the version out of the SDK's own, and names the error.
 TEST(AppInfo, ReportsTheMissingPiece) {
-    struct Case {
-        std::string key;
-        nlohmann::json replacement;  // null: removed from the host
-        bool sdkWithoutVersion;
-        AppInfoError expected;
-    };
-    const std::vector<Case> cases = {{"CFBundleIdentifier", nullptr, false, AppInfoError::missingBundleIdentifier},
-                                     {"CFBundleVersion", nullptr, false, AppInfoError::missingBundleVersion},
-                                     {"CFBundleShortVersionString", nullptr, false, AppInfoError::missingBundleVersion},
-                                     {"CFBundleVersion", 42, false, AppInfoError::missingBundleVersion},
-                                     {"CFBundleDisplayName", nullptr, true, AppInfoError::missingSDKBundleVersion}};
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.key + " " + c.replacement.dump());
+    const std::tuple<std::string, nlohmann::json, bool, AppInfoError> cases[] = {
+        {"CFBundleIdentifier", nullptr, false, AppInfoError::missingBundleIdentifier},
+        {"CFBundleVersion", nullptr, false, AppInfoError::missingBundleVersion},
+        {"CFBundleShortVersionString", nullptr, false, AppInfoError::missingBundleVersion},
+        {"CFBundleVersion", 42, false, AppInfoError::missingBundleVersion},
+        {"CFBundleDisplayName", nullptr, true, AppInfoError::missingSDKBundleVersion}};
+    for (const auto& [key, replacement, sdkWithoutVersion, expected] : cases) {
+        SCOPED_TRACE(key + " " + replacement.dump());
         auto info = hostInfo();
-        if (c.replacement.is_null())
-            info.erase(c.key);
+        if (replacement.is_null())
+            info.erase(key);
         else
-            info[c.key] = c.replacement;
+            info[key] = replacement;
         auto sdkInfo = kSdk.info();
-        if (c.sdkWithoutVersion) sdkInfo.erase("CFBundleVersion");
+        if (sdkWithoutVersion) sdkInfo.erase("CFBundleVersion");
         auto result = detail::makeAppInfo(bundle(info), bundle(sdkInfo), {});
         ASSERT_TRUE(result.hasError());
-        EXPECT_EQ(toString(result.error()), toString(c.expected));
+        EXPECT_EQ(toString(result.error()), toString(expected));
     }
 }
 
@@ -92,16 +90,10 @@ TEST(AppInfoJson, KeysInOrderWithAbsentMembersLeftOut) {
     EXPECT_EQ(json.error().message(), "metadata.bad[0]: AnyEncodable value cannot be encoded");
 }
 
+// Each case gives the host's bundle, its locale, the host's extra fields and
+// the agent.
 TEST(UserAgent, Composes) {
-    struct Case {
-        nlohmann::json mainInfo;
-        LocaleInfo locale;
-        std::vector<std::string> additional;
-        std::string expected;
-    };
-    const std::vector<Case> cases = {
-        {hostInfo(), {"de_CH", "de", "CH"}, {},
-         "com.example.app/42/1.2 (x86_64; Unknown; Linux; 6.1.0-18-amd64; de; CH) io.palomir.sdk/5/0.1.0"},
+    const std::tuple<nlohmann::json, LocaleInfo, std::vector<std::string>, std::string> cases[] = {
         {{{"CFBundleIdentifier", "com.example.app"},
           {"CFBundleVersion", 42},
           {"CFBundleShortVersionString", "1.2"},
@@ -114,8 +106,8 @@ TEST(UserAgent, Composes) {
          "com.example.app/42/1.2 (x86_64; Unknown; Linux; 6.1.0-18-amd64; fr; FR; Qt 6.4; beta) "
          "io.palomir.sdk/5/0.1.0"}};
     const DeviceInfo device{"x86_64", "Linux", "6.1.0-18-amd64"};
-    for (const auto& c : cases)
-        EXPECT_EQ(detail::composeUserAgent(bundle(c.mainInfo), kSdk, device, c.locale, c.additional), c.expected);
+    for (const auto& [mainInfo, locale, additional, expected] : cases)
+        EXPECT_EQ(detail::composeUserAgent(bundle(mainInfo), kSdk, device, locale, additional), expected);
 }
 
 // The fields set before the first use count; later changes do not.
