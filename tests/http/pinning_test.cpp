@@ -1,4 +1,5 @@
 #include <gtest/gtest.h>
+#include <openssl/evp.h>
 #include <openssl/x509.h>
 
 #include <cstdio>
@@ -45,13 +46,18 @@ struct World {
         if (kind == "a") return a.chain();
         if (kind == "u") return u.chain();
         if (kind == "appended") return {b.leaf, b.intermediate, a.intermediate};
-        palomir_test::LeafOptions leaf;
-        if (kind == "expired")
-            leaf.expired = true;
-        else if (kind == "ipv6")
-            leaf = {"::1", {}, {"::1"}};
-        else
-            leaf = {"other.example", {"other.example"}, {}};
+        if (kind == "expired") {
+            // The authority only issues current certificates: this one is
+            // re-dated to yesterday and signed again by its issuer.
+            const auto leaf = CertificateFactory::makeLeaf(a.intermediate);
+            X509_gmtime_adj(X509_getm_notBefore(leaf.x509()), -2 * 86400);
+            X509_gmtime_adj(X509_getm_notAfter(leaf.x509()), -86400);
+            X509_sign(leaf.x509(), a.intermediate.key(), EVP_sha256());
+            return {leaf, a.intermediate};
+        }
+        const palomir_test::LeafOptions leaf =
+            kind == "ipv6" ? palomir_test::LeafOptions{"::1", {}, {"::1"}}
+                           : palomir_test::LeafOptions{"other.example", {"other.example"}, {}};
         return {CertificateFactory::makeLeaf(a.intermediate, leaf), a.intermediate};
     }
 

@@ -1,11 +1,17 @@
 #include <gtest/gtest.h>
 
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <thread>
+
 #include "http_test_support.hpp"
 
 namespace palomir::testing {
 namespace {
 
-using palomir_test::FaultServer;
 using palomir_test::RecordedRequest;
 using palomir_test::TestResponse;
 using palomir_test::TlsTestServer;
@@ -106,10 +112,13 @@ TEST(Session, BodiesOverTheLimitAreRefused) {
 // through the check-in session by the hostile-server sweep; a request's own
 // shorter limit only here.
 TEST(Session, ARequestsOwnIdleLimitEndsTheExchange) {
-    FaultServer stalled({"", std::chrono::milliseconds(0), true});
-    HttpSessionConfiguration configuration;
+    TrustedServer stalled("Stalled", [](const RecordedRequest&) {
+        std::this_thread::sleep_for(std::chrono::seconds(1));
+        return TestResponse{};
+    });
+    HttpSessionConfiguration configuration = stalled.configuration;
     configuration.idleTimeout = std::chrono::seconds(1);
-    HttpRequest request = get(stalled.url("/checkin"));
+    HttpRequest request = get(stalled.server.url("/checkin"));
     request.idleTimeout = std::chrono::milliseconds(300);
     const Outcome outcome = perform(HttpSession::make(configuration), request);
     ASSERT_TRUE(outcome.error);
@@ -120,11 +129,16 @@ TEST(Session, ARequestsOwnIdleLimitEndsTheExchange) {
 }
 
 TEST(Session, RequestsThatCannotBeSentFailWithTheirReason) {
-    int closedPort = 0;
-    {
-        FaultServer closed({"", std::chrono::milliseconds(0), false});
-        closedPort = closed.port();
-    }
+    // A port held by a socket that never listens: connecting is refused, and
+    // no other server on the machine can take the port meanwhile.
+    const int holder = ::socket(AF_INET, SOCK_STREAM, 0);
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    socklen_t length = sizeof address;
+    ASSERT_EQ(::bind(holder, reinterpret_cast<sockaddr*>(&address), length), 0);
+    ::getsockname(holder, reinterpret_cast<sockaddr*>(&address), &length);
+    const int closedPort = ntohs(address.sin_port);
     const std::string refused = "http://127.0.0.1:" + std::to_string(closedPort) + "/";
     const std::tuple<std::string, HttpError::Kind, std::string> cases[] = {
         {"not a url", HttpError::Kind::invalidRequest, "Invalid URL: not a url"},
@@ -137,6 +151,7 @@ TEST(Session, RequestsThatCannotBeSentFailWithTheirReason) {
         EXPECT_EQ(outcome.error->kind, kind) << url;
         EXPECT_EQ(outcome.error->message.substr(0, message.size()), message);
     }
+    ::close(holder);
 }
 
 }  // namespace
