@@ -2,7 +2,6 @@
 
 #include <atomic>
 #include <chrono>
-#include <future>
 #include <mutex>
 #include <string>
 #include <thread>
@@ -10,6 +9,7 @@
 #include "api/api_client_internal.hpp"
 #include "palomir/api_client.hpp"
 #include "palomir_test/tls.hpp"
+#include "support.hpp"
 
 namespace palomir {
 namespace {
@@ -34,39 +34,20 @@ TestResponse respond(int status, std::string body, std::string contentType = "ap
     return TestResponse{status, std::move(headers), std::move(body), std::move(contentType), std::nullopt};
 }
 
-struct CapturingLogger : Logger {
-    void log(const std::string& message, LogType type) override {
-        std::lock_guard lock(mutex);
-        lines.emplace_back(message, type);
-    }
-    std::mutex mutex;
-    std::vector<std::pair<std::string, LogType>> lines;
-};
+using ServicesAnswer = std::pair<ServicesResponse, MaxAge>;
+using ServiceAnswer = std::pair<Service, MaxAge>;
 
-// The one completion of an operation; a second one fails the test.
-template <class T>
-class Outcome {
-public:
-    std::function<void(Result<T, APIError>)> completion() {
-        return [this](Result<T, APIError> result) {
-            if (++_calls == 1) _promise.set_value(std::move(result));
-        };
-    }
-    Result<T, APIError> get() {
-        if (_future.wait_for(20s) != std::future_status::ready) {
-            ADD_FAILURE() << "no completion";
-            return Err{APIError::notImplemented()};
-        }
-        std::this_thread::sleep_for(20ms);  // room for a wrongful second call
-        EXPECT_EQ(_calls.load(), 1);
-        return _future.get();
-    }
-
-private:
-    std::atomic<int> _calls{0};
-    std::promise<Result<T, APIError>> _promise;
-    std::future<Result<T, APIError>> _future = _promise.get_future();
-};
+// The one result of an operation. The client completes on a network thread;
+// the result is handed to a queue so that Awaited also fails a second call.
+template <class T, class Call>
+Result<T, APIError> await(Call&& call) {
+    auto queue = DispatchQueue::makeSerial("test.delivery");
+    Awaited<T, APIError> awaited(queue);
+    call([queue, done = awaited.completion()](Result<T, APIError> result) {
+        queue->async([done, result = std::move(result)] { done(result); });
+    });
+    return awaited.get();
+}
 
 class APIClientTest : public ::testing::Test {
 protected:
@@ -104,9 +85,7 @@ TEST_F(APIClientTest, CheckinSendsASignedPutWithTheAppInfoAndLogsTheExchange) {
         std::this_thread::sleep_for(300ms);
         return respond(200, kConfiguration);
     });
-    Outcome<Configuration> outcome;
-    makeClient()->checkin(kAppInfo, outcome.completion());
-    const auto result = outcome.get();
+    const auto result = await<Configuration>([&](auto done) { makeClient()->checkin(kAppInfo, done); });
     ASSERT_TRUE(result.hasValue()) << result.error().localizedDescription();
     EXPECT_EQ(result.value().version, "7");
 
@@ -123,12 +102,11 @@ TEST_F(APIClientTest, CheckinSendsASignedPutWithTheAppInfoAndLogsTheExchange) {
                                                                  "Content-Length", "Authorization"}));
     EXPECT_EQ(requests[0].headerValues("Authorization")[0].rfind("OAuth oauth_consumer_key=\"app-token\",", 0), 0u);
 
-    ASSERT_EQ(_logger->lines.size(), 1u);
-    const auto& [record, level] = _logger->lines[0];
-    EXPECT_EQ(level, LogType::debug);
-    EXPECT_EQ(record.rfind("request: PUT " + _server.url("/api/checkin/app-token") + "\ndata: ", 0), 0u) << record;
-    EXPECT_NE(record.find("\nresponse: { URL: "), std::string::npos) << record;
-    EXPECT_EQ(record.find("\nerror:"), std::string::npos) << record;
+    const auto record = _logger->logged("request: PUT " + _server.url("/api/checkin/app-token") + "\ndata: ",
+                                        LogType::debug);
+    ASSERT_TRUE(record);
+    EXPECT_NE(record->find("\nresponse: { URL: "), std::string::npos) << *record;
+    EXPECT_EQ(record->find("\nerror:"), std::string::npos) << *record;
 }
 
 // Lists keep their trailing slash (the sandbox takes either); a single
@@ -139,12 +117,8 @@ TEST_F(APIClientTest, ServiceEndpointsUseTheirPathsAndSendNoBody) {
     });
     auto client = makeClient();
     for (const bool system : {false, true}) {
-        Outcome<std::pair<ServicesResponse, MaxAge>> list;
-        client->services(kAppInfo, system, list.completion());
-        EXPECT_TRUE(list.get().hasValue());
-        Outcome<std::pair<Service, MaxAge>> one;
-        client->service("db", kAppInfo, system, one.completion());
-        EXPECT_TRUE(one.get().hasValue());
+        EXPECT_TRUE(await<ServicesAnswer>([&](auto done) { client->services(kAppInfo, system, done); }).hasValue());
+        EXPECT_TRUE(await<ServiceAnswer>([&](auto done) { client->service("db", kAppInfo, system, done); }).hasValue());
     }
     std::vector<std::string> sent;
     for (const auto& request : _server.requests()) sent.push_back(request.method + " " + request.path + request.body);
@@ -174,9 +148,7 @@ TEST_F(APIClientTest, ClassifiesTheAnswer) {
     for (const auto& c : cases) {
         SCOPED_TRACE(c.response.status);
         answer([&](const RecordedRequest&) { return c.response; });
-        Outcome<std::pair<ServicesResponse, MaxAge>> outcome;
-        client->services(kAppInfo, false, outcome.completion());
-        const auto result = outcome.get();
+        const auto result = await<ServicesAnswer>([&](auto done) { client->services(kAppInfo, false, done); });
         if (c.expected.empty()) {
             ASSERT_TRUE(result.hasValue()) << result.error().localizedDescription();
             EXPECT_EQ(result.value().second, c.maxAge);
@@ -198,19 +170,17 @@ TEST(MaxAgeParsing, ReadsOnlyDigits) {
 // The token check is shared by every endpoint; check-in, which has the token
 // in its path, is proven refused by the sweep.
 TEST_F(APIClientTest, LocalFailuresComeBeforeAnyTraffic) {
-    Outcome<std::pair<ServicesResponse, MaxAge>> services;
-    makeClient({"bad token", "secret"})->services(kAppInfo, true, services.completion());
-    EXPECT_EQ(services.get().error().localizedDescription(), "Invalid app token");
-
-    Outcome<std::pair<Service, MaxAge>> broken;
-    makeClient()->service("two words", kAppInfo, false, broken.completion());
-    EXPECT_EQ(broken.get().error().localizedDescription(), "Invalid URL");
+    const auto badToken = await<ServicesAnswer>(
+        [&](auto done) { makeClient({"bad token", "secret"})->services(kAppInfo, true, done); });
+    EXPECT_EQ(badToken.error().localizedDescription(), "Invalid app token");
+    const auto badName = await<ServiceAnswer>(
+        [&](auto done) { makeClient()->service("two words", kAppInfo, false, done); });
+    EXPECT_EQ(badName.error().localizedDescription(), "Invalid URL");
 
     // Without the certificate to pin nothing is sent at all.
     std::filesystem::remove(_resources / "localhost.crt");
-    Outcome<Configuration> unpinned;
-    makeClient()->checkin(kAppInfo, unpinned.completion());
-    EXPECT_EQ(unpinned.get().error().localizedDescription().rfind(
+    const auto unpinned = await<Configuration>([&](auto done) { makeClient()->checkin(kAppInfo, done); });
+    EXPECT_EQ(unpinned.error().localizedDescription().rfind(
                   "Request failed: Network error: Certificate pinning refused localhost: no key is pinned", 0),
               0u);
     EXPECT_TRUE(_server.requests().empty());
@@ -224,9 +194,9 @@ TEST_F(APIClientTest, SendsTheNormalisedUserTokenAndASilentOneHoldsUpOnlyItsRequ
         auto user = std::make_shared<ClosureUserCredentials>([token](ClosureUserCredentials::Callback callback) {
             std::thread([callback, token] { callback(token); }).detach();
         });
-        Outcome<Configuration> outcome;
-        makeClient({"app-token", "app-secret"}, user)->checkin(kAppInfo, outcome.completion());
-        ASSERT_TRUE(outcome.get().hasValue());
+        ASSERT_TRUE(await<Configuration>([&](auto done) {
+                        makeClient({"app-token", "app-secret"}, user)->checkin(kAppInfo, done);
+                    }).hasValue());
     }
     const auto requests = _server.requests();
     ASSERT_EQ(requests.size(), 2u);
@@ -236,9 +206,7 @@ TEST_F(APIClientTest, SendsTheNormalisedUserTokenAndASilentOneHoldsUpOnlyItsRequ
     auto silent = std::make_shared<ClosureUserCredentials>([](ClosureUserCredentials::Callback) {});
     std::atomic<bool> stuckCalled = false;
     makeClient({"app-token", "app-secret"}, silent)->checkin(kAppInfo, [&](auto) { stuckCalled = true; });
-    Outcome<Configuration> other;
-    makeClient()->checkin(kAppInfo, other.completion());
-    EXPECT_TRUE(other.get().hasValue());
+    EXPECT_TRUE(await<Configuration>([&](auto done) { makeClient()->checkin(kAppInfo, done); }).hasValue());
     EXPECT_FALSE(stuckCalled);
 }
 
@@ -250,22 +218,19 @@ TEST_F(APIClientTest, DirectUploadSendsTheBytesWithTheTargetsHeadersOnly) {
     });
     auto client = makeClient();
     auto bytes = std::make_shared<const std::vector<std::uint8_t>>(std::vector<std::uint8_t>{'a', 'b', 'c'});
-    Outcome<bool> uploaded;
-    client->directUpload(bytes, {_server.url("/uploads/abc?sig=1"), {{"Content-MD5", "kAFQmDzST7DWlj99KOF/cg=="}}},
-                         nullptr, uploaded.completion());
-    ASSERT_TRUE(uploaded.get().hasValue());
+    auto upload = [&](const DirectUploadResponse::DirectUpload& target) {
+        return await<bool>([&](auto done) { client->directUpload(bytes, target, nullptr, done); });
+    };
+    ASSERT_TRUE(upload({_server.url("/uploads/abc?sig=1"), {{"Content-MD5", "kAFQmDzST7DWlj99KOF/cg=="}}}).hasValue());
     const auto request = _server.requests().at(0);
     EXPECT_EQ(request.method + " " + request.path + " " + request.body, "PUT /uploads/abc?sig=1 abc");
     EXPECT_EQ(request.headerNames(), (std::set<std::string>{"Host", "Content-MD5", "Content-Length"}));
     EXPECT_EQ(request.headerValues("Content-MD5"), std::vector<std::string>{"kAFQmDzST7DWlj99KOF/cg=="});
-    EXPECT_EQ(_logger->lines.back().first.rfind("direct upload:\ndata: ", 0), 0u);
-
-    Outcome<bool> rejected;
-    client->directUpload(bytes, {_server.url("/uploads/denied"), {}}, nullptr, rejected.completion());
-    EXPECT_EQ(rejected.get().error().localizedDescription(), "Request failed: Bad status: 403");
-    Outcome<bool> unusable;
-    client->directUpload(bytes, {"not a url", {}}, nullptr, unusable.completion());
-    EXPECT_EQ(unusable.get().error().localizedDescription().rfind("Request failed: Network error: ", 0), 0u);
+    EXPECT_TRUE(_logger->logged("direct upload:\ndata: ", LogType::debug));
+    EXPECT_EQ(upload({_server.url("/uploads/denied"), {}}).error().localizedDescription(),
+              "Request failed: Bad status: 403");
+    EXPECT_EQ(upload({"not a url", {}}).error().localizedDescription().rfind("Request failed: Network error: ", 0),
+              0u);
 }
 
 }  // namespace

@@ -68,8 +68,4 @@ inline HttpRequest get(std::string url) {
     return request;
 }
 
-inline std::shared_ptr<const std::vector<std::uint8_t>> bytesOf(const std::string& text) {
-    return std::make_shared<const std::vector<std::uint8_t>>(text.begin(), text.end());
-}
-
 }  // namespace palomir::testing

@@ -1,11 +1,17 @@
 #include <gtest/gtest.h>
 
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <thread>
+
 #include "http_test_support.hpp"
 
 namespace palomir::testing {
 namespace {
 
-using palomir_test::FaultServer;
 using palomir_test::RecordedRequest;
 using palomir_test::TestResponse;
 using palomir_test::TlsTestServer;
@@ -34,8 +40,9 @@ TEST(Session, SendsWhatItIsGivenAndALaterExchangeCarriesNothingOfAnEarlierOne) {
         EXPECT_TRUE(outcome.response) << method << ": " << outcome.errorText();
         return outcome;
     };
-    const Outcome posted = exchange(
-        "POST", {{"Content-Type", "application/json"}, {"X-Twice", "a"}, {"x-twice", "b"}}, bytesOf(R"({"a":1})"));
+    const std::string json = R"({"a":1})";
+    const Outcome posted = exchange("POST", {{"Content-Type", "application/json"}, {"X-Twice", "a"}, {"x-twice", "b"}},
+                                    std::make_shared<const std::vector<std::uint8_t>>(json.begin(), json.end()));
     ASSERT_TRUE(posted.response);
     EXPECT_EQ(posted.response->status, 201);
     EXPECT_EQ(posted.body(), "answer");
@@ -51,7 +58,7 @@ TEST(Session, SendsWhatItIsGivenAndALaterExchangeCarriesNothingOfAnEarlierOne) {
     const auto seen = server.requests();
     ASSERT_EQ(seen.size(), 5u);
     EXPECT_EQ(seen[0].path, "/POST");
-    EXPECT_EQ(seen[0].body, R"({"a":1})");
+    EXPECT_EQ(seen[0].body, json);
     EXPECT_EQ(seen[0].headerValues("X-Twice"), std::vector<std::string>{"a, b"});
     // On the wire: the fields given, and only what HTTP needs besides (no
     // Accept, Expect, cache fields or form Content-Type of libcurl's own).
@@ -80,7 +87,6 @@ TEST(Session, BodiesOverTheLimitAreRefused) {
             response.body.assign(bytes, 'x');
         return response;
     });
-    auto& server = trusted.server;
     // The default limit is proven by the sweep, through the API client.
     const std::string overLimit = "The response body is larger than 100000 bytes";
     const std::pair<std::string, std::string> cases[] = {
@@ -90,7 +96,7 @@ TEST(Session, BodiesOverTheLimitAreRefused) {
     auto session = HttpSession::make(configuration);
     for (const auto& [path, refusal] : cases) {
         SCOPED_TRACE(path);
-        const Outcome outcome = perform(session, get(server.url(path)));
+        const Outcome outcome = perform(session, get(trusted.server.url(path)));
         if (refusal.empty()) {
             ASSERT_TRUE(outcome.response) << outcome.errorText();
             EXPECT_EQ(outcome.response->body.size(), std::stoul(path.substr(1)));
@@ -104,39 +110,44 @@ TEST(Session, BodiesOverTheLimitAreRefused) {
 
 // The session's own idle and total limits, and their words, are proven
 // through the check-in session by the hostile-server sweep; a request's own
-// shorter limit only here.
-TEST(Session, ARequestsOwnIdleLimitEndsTheExchange) {
-    FaultServer stalled({"", std::chrono::milliseconds(0), true});
-    HttpSessionConfiguration configuration;
-    configuration.idleTimeout = std::chrono::seconds(1);
-    HttpRequest request = get(stalled.url("/checkin"));
-    request.idleTimeout = std::chrono::milliseconds(300);
-    const Outcome outcome = perform(HttpSession::make(configuration), request);
-    ASSERT_TRUE(outcome.error);
-    EXPECT_EQ(outcome.error->kind, HttpError::Kind::timedOut);
-    EXPECT_EQ(outcome.error->message, "The request timed out: no data for 300 ms");
-    EXPECT_GE(outcome.seconds, 0.25);
-    EXPECT_LT(outcome.seconds, 0.9);
-}
-
-TEST(Session, RequestsThatCannotBeSentFailWithTheirReason) {
-    int closedPort = 0;
-    {
-        FaultServer closed({"", std::chrono::milliseconds(0), false});
-        closedPort = closed.port();
-    }
+// shorter limit only here, against a server that answers nothing for 1 s.
+TEST(Session, RequestsThatFailEndWithTheirReasonPromptly) {
+    TrustedServer stalled("Stalled", [](const RecordedRequest&) {
+        std::this_thread::sleep_for(std::chrono::seconds(1));
+        return TestResponse{};
+    });
+    HttpRequest impatient = get(stalled.server.url("/checkin"));
+    impatient.idleTimeout = std::chrono::milliseconds(300);
+    // A port held by a socket that never listens: connecting is refused, and
+    // no other server on the machine can take the port meanwhile.
+    const int holder = ::socket(AF_INET, SOCK_STREAM, 0);
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    socklen_t length = sizeof address;
+    ASSERT_EQ(::bind(holder, reinterpret_cast<sockaddr*>(&address), length), 0);
+    ::getsockname(holder, reinterpret_cast<sockaddr*>(&address), &length);
+    const int closedPort = ntohs(address.sin_port);
     const std::string refused = "http://127.0.0.1:" + std::to_string(closedPort) + "/";
-    const std::tuple<std::string, HttpError::Kind, std::string> cases[] = {
-        {"not a url", HttpError::Kind::invalidRequest, "Invalid URL: not a url"},
-        {"ftp://127.0.0.1/file", HttpError::Kind::invalidRequest, "Unsupported URL scheme: ftp"},
-        {refused, HttpError::Kind::transport, "Failed to connect to 127.0.0.1 port " + std::to_string(closedPort)}};
-    auto session = HttpSession::make({});
-    for (const auto& [url, kind, message] : cases) {
-        const Outcome outcome = perform(session, get(url));
-        ASSERT_TRUE(outcome.error) << url;
-        EXPECT_EQ(outcome.error->kind, kind) << url;
+    const std::tuple<HttpRequest, HttpError::Kind, std::string> cases[] = {
+        {impatient, HttpError::Kind::timedOut, "The request timed out: no data for 300 ms"},
+        {get("not a url"), HttpError::Kind::invalidRequest, "Invalid URL: not a url"},
+        {get("ftp://127.0.0.1/file"), HttpError::Kind::invalidRequest, "Unsupported URL scheme: ftp"},
+        {get(refused), HttpError::Kind::transport, "Failed to connect to 127.0.0.1 port " + std::to_string(closedPort)}};
+    HttpSessionConfiguration configuration = stalled.configuration;
+    configuration.idleTimeout = std::chrono::seconds(1);
+    auto session = HttpSession::make(configuration);
+    for (const auto& [request, kind, message] : cases) {
+        SCOPED_TRACE(request.url);
+        const Outcome outcome = perform(session, request);
+        ASSERT_TRUE(outcome.error);
+        EXPECT_EQ(outcome.error->kind, kind);
         EXPECT_EQ(outcome.error->message.substr(0, message.size()), message);
+        // The impatient request waits out its own limit, not less.
+        EXPECT_GE(outcome.seconds, kind == HttpError::Kind::timedOut ? 0.25 : 0.0);
+        EXPECT_LT(outcome.seconds, 0.9);
     }
+    ::close(holder);
 }
 
 }  // namespace

@@ -1,11 +1,34 @@
 #include <httplib.h>
 #include <openssl/ssl.h>
 
+#include <strings.h>
+
+#include <atomic>
+#include <mutex>
 #include <stdexcept>
+#include <thread>
 
 #include "palomir_test/tls.hpp"
 
 namespace palomir_test {
+
+TempDir::TempDir() {
+    std::string pattern = (std::filesystem::temp_directory_path() / "palomir-test-XXXXXX").string();
+    if (!mkdtemp(pattern.data())) throw std::runtime_error("cannot create a temporary directory");
+    _path = pattern;
+}
+
+TempDir::~TempDir() {
+    std::error_code ignored;
+    std::filesystem::remove_all(_path, ignored);
+}
+
+std::vector<std::string> RecordedRequest::headerValues(const std::string& name) const {
+    std::vector<std::string> values;
+    for (const auto& [field, value] : headers)
+        if (strcasecmp(field.c_str(), name.c_str()) == 0) values.push_back(value);
+    return values;
+}
 
 struct TlsTestServer::State {
     std::mutex mutex;

@@ -25,16 +25,15 @@
 #include <thread>
 
 #include "palomir/model.hpp"
-#include "palomir_test/tls.hpp"
 #include "platform/crypto.hpp"
 #include "dashboard.hpp"
+#include "pki.hpp"
 #include "signature.hpp"
 
 namespace palomir::sandbox {
 
 namespace fs = std::filesystem;
 using Json = nlohmann::json;
-using Certificate = palomir_test::Certificate;
 
 namespace {
 
@@ -382,14 +381,14 @@ Result<bool, std::string> Sandbox::State::prepareCertificates() {
         return true;
     };
     if (options.certificateFile.empty() && !reuse()) {
-        auto pki = palomir_test::TestPki::make("Palomir Sandbox");
+        auto pki = TestPki::make("Palomir Sandbox");
         chain = {pki.leaf, pki.intermediate};
         key = std::shared_ptr<EVP_PKEY>(pki.leaf.key(), [keep = pki.leaf](EVP_PKEY*) {});
         caPem = pki.root.pem();
         if (!kept.empty()) {
             try {
                 fs::create_directories(kept);
-                palomir_test::writePem(kept / "chain.pem", pki.chain());
+                writePem(kept / "chain.pem", pki.chain());
                 pki.leaf.writeKeyPem(kept / "key.pem");
                 fs::permissions(kept / "key.pem", fs::perms::owner_read | fs::perms::owner_write);
                 pki.root.writePem(kept / "ca.pem");

@@ -1,3 +1,5 @@
+#include "pki.hpp"
+
 #include <openssl/bio.h>
 #include <openssl/evp.h>
 #include <openssl/pem.h>
@@ -5,19 +7,14 @@
 #include <openssl/x509.h>
 #include <openssl/x509v3.h>
 
-#include <strings.h>
-
-#include <cstdlib>
 #include <fstream>
 #include <stdexcept>
 
-#include "palomir_test/tls.hpp"
-
-namespace palomir_test {
+namespace palomir::sandbox {
 
 namespace {
 
-[[noreturn]] void fail(const std::string& what) { throw std::runtime_error("test certificates: " + what); }
+[[noreturn]] void fail(const std::string& what) { throw std::runtime_error("sandbox certificates: " + what); }
 
 std::shared_ptr<EVP_PKEY> makeKey() {
     EVP_PKEY* key = EVP_EC_gen("P-256");
@@ -57,12 +54,11 @@ Certificate make(const LeafOptions& blueprint, bool isCa, const Certificate* iss
     RAND_bytes(reinterpret_cast<unsigned char*>(&serial), sizeof serial);
     ASN1_INTEGER_set_uint64(X509_get_serialNumber(x), serial >> 1);  // positive, never zero in practice
 
-    const long day = 24 * 3600;
-    X509_gmtime_adj(X509_getm_notBefore(x), blueprint.expired ? -2 * day : -3600);
-    X509_gmtime_adj(X509_getm_notAfter(x), blueprint.expired ? -day : 30 * day);
+    X509_gmtime_adj(X509_getm_notBefore(x), -3600);
+    X509_gmtime_adj(X509_getm_notAfter(x), 30 * 24 * 3600);
 
     X509_NAME* name = X509_get_subject_name(x);
-    X509_NAME_add_entry_by_txt(name, "O", MBSTRING_UTF8, reinterpret_cast<const unsigned char*>("Palomir Tests"),
+    X509_NAME_add_entry_by_txt(name, "O", MBSTRING_UTF8, reinterpret_cast<const unsigned char*>("Palomir Sandbox"),
                                -1, -1, 0);
     X509_NAME_add_entry_by_txt(name, "CN", MBSTRING_UTF8,
                                reinterpret_cast<const unsigned char*>(blueprint.commonName.c_str()), -1, -1, 0);
@@ -90,17 +86,6 @@ Certificate make(const LeafOptions& blueprint, bool isCa, const Certificate* iss
 }
 
 }  // namespace
-
-TempDir::TempDir() {
-    std::string pattern = (std::filesystem::temp_directory_path() / "palomir-test-XXXXXX").string();
-    if (!mkdtemp(pattern.data())) fail("cannot create a temporary directory");
-    _path = pattern;
-}
-
-TempDir::~TempDir() {
-    std::error_code ignored;
-    std::filesystem::remove_all(_path, ignored);
-}
 
 Certificate::Certificate(std::shared_ptr<X509> certificate, std::shared_ptr<EVP_PKEY> key)
     : _certificate(std::move(certificate)), _key(std::move(key)) {}
@@ -141,18 +126,16 @@ void writePem(const std::filesystem::path& path, const CertificateChain& certifi
 }
 
 Certificate CertificateFactory::makeRoot(const std::string& commonName) {
-    return make(LeafOptions{commonName, {}, {}, false}, true, nullptr);
+    return make(LeafOptions{commonName, {}, {}}, true, nullptr);
 }
 
 Certificate CertificateFactory::makeIntermediate(const Certificate& issuer, const std::string& commonName) {
-    return make(LeafOptions{commonName, {}, {}, false}, true, &issuer);
+    return make(LeafOptions{commonName, {}, {}}, true, &issuer);
 }
 
 Certificate CertificateFactory::makeLeaf(const Certificate& issuer, const LeafOptions& options) {
     return make(options, false, &issuer);
 }
-
-Certificate CertificateFactory::makeSelfSignedLeaf(const LeafOptions& options) { return make(options, false, nullptr); }
 
 TestPki TestPki::make(const std::string& name) {
     Certificate root = CertificateFactory::makeRoot(name + " Root CA");
@@ -161,11 +144,4 @@ TestPki TestPki::make(const std::string& name) {
     return TestPki{std::move(root), std::move(intermediate), std::move(leaf)};
 }
 
-std::vector<std::string> RecordedRequest::headerValues(const std::string& name) const {
-    std::vector<std::string> values;
-    for (const auto& [field, value] : headers)
-        if (strcasecmp(field.c_str(), name.c_str()) == 0) values.push_back(value);
-    return values;
-}
-
-}  // namespace palomir_test
+}  // namespace palomir::sandbox
