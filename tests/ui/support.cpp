@@ -37,8 +37,6 @@ void click(QQuickItem* button) {
 
 int main(int argc, char** argv) {
     testing::InitGoogleTest(&argc, argv);
-    // Qt starts threads of its own; death tests must re-run the binary.
-    GTEST_FLAG_SET(death_test_style, "threadsafe");
     if (qEnvironmentVariableIsEmpty("QT_QPA_PLATFORM")) qputenv("QT_QPA_PLATFORM", "offscreen");
     QQuickWindow::setGraphicsApi(QSGRendererInterface::Software);
     QGuiApplication application(argc, argv);

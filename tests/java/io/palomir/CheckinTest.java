@@ -10,14 +10,6 @@ import java.util.UUID;
 import org.junit.jupiter.api.Test;
 
 class CheckinTest {
-    // The success beside it is every other test here.
-    @Test
-    void wrongSecretGivesTheLibrarysOwnText() throws Exception {
-        PalomirException error = Sandbox.await(Sandbox.client("not-the-secret")::checkin).error();
-        assertEquals(PalomirException.Code.REQUEST_FAILED, error.code());
-        assertEquals("Request failed: Bad status: 401", error.getMessage());
-    }
-
     @Test
     void configurationReadFieldByField() throws Exception {
         Configuration c = Sandbox.await(Sandbox.client("sandbox-secret")::checkin).get();
@@ -42,12 +34,9 @@ class CheckinTest {
     @Test
     void userTokenAnsweredLaterFromAnotherThread() throws Exception {
         Palomir palomir = Sandbox.client("sandbox-secret");
+        // Left set: the other test here does not look at the user's token.
         palomir.setUserCredentials(reply -> new Thread(() -> reply.accept("xyz")).start());
-        try {
-            Sandbox.await(palomir::checkin).get();
-        } finally {
-            palomir.setUserCredentials(null);
-        }
+        Sandbox.await(palomir::checkin).get();
         assertEquals(1, Sandbox.occurrences(Sandbox.admin("requests"), "[\"X-Authorization-User\",\"Bearer xyz\"]"));
     }
 }
