@@ -20,8 +20,6 @@ struct Signing {
     std::string secret = "sandbox-secret";
     /// Seconds added to the current time.
     std::int64_t clockOffset = 0;
-    /// Sign this URL instead of the one requested.
-    std::optional<std::string> signedURL = std::nullopt;
     /// Send this Authorization value as it stands.
     std::optional<std::string> authorization = std::nullopt;
     /// A fresh one when absent.
@@ -63,7 +61,7 @@ public:
         else if (signing.authorization)
             headers.emplace("Authorization", *signing.authorization);
         else if (signing.sign)
-            headers.emplace("Authorization", authorization(signing.signedURL.value_or(url), method, signing));
+            headers.emplace("Authorization", authorization(url, method, signing));
 
         httplib::Request request;
         request.method = method;
