@@ -50,7 +50,7 @@ TEST(LocaleFromEnvironment, ReadsLanguagesAndLocale) {
 }
 
 // (A directory the host sets is where every suite's logs and caches go.)
-TEST(CachesDirectory, ComesFromXdgThenHomeUnlessSet) {
+TEST(CachesDirectory, ComesFromXdgThenHome) {
     setenv("XDG_CACHE_HOME", "/var/tmp/xdg-cache", 1);
     setenv("HOME", "/home/someone", 1);
     EXPECT_EQ(cachesDirectory(), std::filesystem::path("/var/tmp/xdg-cache"));
@@ -59,6 +59,4 @@ TEST(CachesDirectory, ComesFromXdgThenHomeUnlessSet) {
     EXPECT_EQ(cachesDirectory(), std::filesystem::path("/home/someone/.cache"));
     unsetenv("XDG_CACHE_HOME");
     EXPECT_EQ(cachesDirectory(), std::filesystem::path("/home/someone/.cache"));
-    unsetenv("HOME");
-    EXPECT_EQ(cachesDirectory(), std::filesystem::path());
 }
