@@ -20,7 +20,6 @@ using namespace std::chrono_literals;
 TEST(SerialQueue, RunsWorkOneAtATimeInSubmissionOrderOfEachThreadAndTheGroupWaitsForIt) {
     auto queue = DispatchQueue::makeSerial("test.fifo");
     auto other = DispatchQueue::makeSerial("test.other");
-    EXPECT_FALSE(queue->isCurrent());
     constexpr int kThreads = 4, kItems = 500;
     // Only the worker touches lastSeen and events, so no lock is needed
     // unless the queue runs items concurrently.
@@ -87,7 +86,6 @@ TEST(MainQueue, NeverRunsInlineDrainsOnlyWhatIsPendingAndHandsItToABoundPoster) 
     });
     main->async([&] { order.push_back(2); });
     EXPECT_TRUE(order.empty());
-    EXPECT_FALSE(main->isCurrent());
     EXPECT_EQ(main->drain(), 2u);
     EXPECT_EQ(order, (std::vector<int>{1, 2}));
 

@@ -25,7 +25,6 @@ TEST(LocaleFromEnvironment, ReadsLanguagesAndLocale) {
         {"de:de_AT:de", nullptr, nullptr, "de_AT.UTF-8", {"de", "de-AT"}, "de_AT", "de", "AT"},
         {nullptr, "C", nullptr, "de_DE.UTF-8", {"en"}, "C", "en", std::nullopt},
         {nullptr, "", "pt_BR.UTF-8", "en_GB", {"pt-BR"}, "pt_BR", "pt", "BR"},
-        {"C:POSIX", nullptr, nullptr, "POSIX", {"en"}, "POSIX", "en", std::nullopt},
         {nullptr, nullptr, nullptr, "sr_RS@latin", {"sr-RS"}, "sr_RS", "sr", "RS"},
         {nullptr, nullptr, nullptr, nullptr, {"en"}, "C", "en", std::nullopt}};
     for (const auto& c : cases) {
@@ -50,7 +49,7 @@ TEST(LocaleFromEnvironment, ReadsLanguagesAndLocale) {
 }
 
 // (A directory the host sets is where every suite's logs and caches go.)
-TEST(CachesDirectory, ComesFromXdgThenHomeUnlessSet) {
+TEST(CachesDirectory, ComesFromXdgThenHome) {
     setenv("XDG_CACHE_HOME", "/var/tmp/xdg-cache", 1);
     setenv("HOME", "/home/someone", 1);
     EXPECT_EQ(cachesDirectory(), std::filesystem::path("/var/tmp/xdg-cache"));
@@ -59,6 +58,4 @@ TEST(CachesDirectory, ComesFromXdgThenHomeUnlessSet) {
     EXPECT_EQ(cachesDirectory(), std::filesystem::path("/home/someone/.cache"));
     unsetenv("XDG_CACHE_HOME");
     EXPECT_EQ(cachesDirectory(), std::filesystem::path("/home/someone/.cache"));
-    unsetenv("HOME");
-    EXPECT_EQ(cachesDirectory(), std::filesystem::path());
 }
