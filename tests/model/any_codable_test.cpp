@@ -28,13 +28,6 @@ TEST(AnyCodable, NumbersTakeTheFirstKindThatHoldsThemAndSurviveARoundTrip) {
     }
 }
 
-TEST(AnyCodable, EqualityNeedsTheSameKind) {
-    EXPECT_EQ(AnyCodable::int32(1), AnyCodable::int32(1));
-    EXPECT_NE(AnyCodable::int32(1), AnyCodable::int64(1));
-    EXPECT_NE(AnyCodable::float_(1.0f), AnyCodable::double_(1.0));
-    EXPECT_NE(AnyCodable::list({AnyCodable::int8(1)}), AnyCodable::list({AnyCodable::int8(1), AnyCodable::int8(2)}));
-}
-
 // Containers nest at most 512 deep. Deeper text fails as a whole wherever it
 // comes from; a deeper value a host parsed itself fails where it crosses.
 TEST(AnyCodable, NestingBeyondTheBoundFailsInsteadOfExhaustingTheStack) {
@@ -62,17 +55,17 @@ TEST(AnyCodable, NestingBeyondTheBoundFailsInsteadOfExhaustingTheStack) {
 TEST(AnyEncodable, WritesEveryKind) {
     const auto url = Url::parse("https://example.com/a?b=c");
     ASSERT_TRUE(url.has_value());
+    // The byte-sized kinds are no characters, the widest unsigned one keeps
+    // its sign, a float writes as its shortest decimal.
     const auto value = AnyEncodable::list({
-        AnyEncodable::null(), AnyEncodable::boolean(false), AnyEncodable::int8(-8), AnyEncodable::int16(-16),
-        AnyEncodable::int32(-32), AnyEncodable::int64(-64), AnyEncodable::uint8(255), AnyEncodable::uint16(65535),
-        AnyEncodable::uint32(4294967295u), AnyEncodable::uint64(18446744073709551615ull), AnyEncodable::float_(0.1f),
-        AnyEncodable::double_(2.5), AnyEncodable::string("s"),
-        AnyEncodable::date(Date(std::chrono::milliseconds(1714545000000))), AnyEncodable::url(*url)});
+        AnyEncodable::null(), AnyEncodable::boolean(false), AnyEncodable::int8(-8), AnyEncodable::uint8(255),
+        AnyEncodable::uint64(18446744073709551615ull), AnyEncodable::float_(0.1f), AnyEncodable::double_(2.5),
+        AnyEncodable::string("s"), AnyEncodable::date(Date(std::chrono::milliseconds(1714545000000))),
+        AnyEncodable::url(*url)});
     const auto encoded = encode(value);
     ASSERT_TRUE(encoded.hasValue());
-    EXPECT_EQ(encoded.value().dump(),
-              R"([null,false,-8,-16,-32,-64,255,65535,4294967295,18446744073709551615,0.1,2.5,"s",)"
-              R"("2024-05-01T06:30:00.000Z","https://example.com/a?b=c"])");
+    EXPECT_EQ(encoded.value().dump(), R"([null,false,-8,255,18446744073709551615,0.1,2.5,"s",)"
+                                      R"("2024-05-01T06:30:00.000Z","https://example.com/a?b=c"])");
 }
 
 // Where in a document a non-finite number sits is proven with the app description.

@@ -40,10 +40,6 @@ TEST(LockdownEvaluation, AMissingTypeIsSoftAndAnInactiveLockdownIsOpenWhateverIt
     EXPECT_EQ(evaluate(lockdown).type(), std::nullopt);
 }
 
-// Decoding reads a state it does not know as unknown; the public reader
-// does not guess.
-TEST(ServiceStates, ReadStrictly) { EXPECT_EQ(serviceStateFromString("degraded"), std::nullopt); }
-
 TEST(Encoding, LeavesAbsentOptionalsOut) {
     Configuration configuration;
     configuration.version = "3";

@@ -246,7 +246,6 @@ TEST_F(Sweep, BadTextAndEmptyAndLargeAttachmentsReachTheBackend) {
 TEST_F(Sweep, OperationsBeforeAnyCredentialsCompleteOnceWithMissingCredentials) {
     setCachesDirectory(_caches.path());
     auto& palomir = Palomir::shared();
-    palomir.setUserCredentials(std::make_shared<StaticUserCredentials>("ignored"));
     EXPECT_EQ(outcomeText(await<URLRequest>([&](auto done) { palomir.webRequest("https://example.com/", _queue, done); })),
               kMissing);
     palomir.checkin(_queue);
