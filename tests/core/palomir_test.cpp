@@ -50,16 +50,17 @@ protected:
     std::shared_ptr<DispatchQueue> _queue = DispatchQueue::makeSerial("test.delivery");
 };
 
-// A user's credentials set before any app credentials are dropped, and going
-// without app credentials drops them. (That new app credentials keep them
-// shows in the client's run, whose next check-in still sends the user.)
-TEST_F(PalomirTest, UserCredentialsNeedAppCredentialsAndGoWithThem) {
+// A user's credentials set before any app credentials are dropped; new app
+// credentials keep them, and going without app credentials drops them.
+TEST_F(PalomirTest, UserCredentialsNeedAppCredentialsSurviveNewOnesAndGoWithThem) {
     auto& palomir = Palomir::shared();
     auto user = std::make_shared<StaticUserCredentials>("abc");
     palomir.setUserCredentials(user);
     palomir.setAppCredentials(AppCredentials{"t", "s"});
     EXPECT_EQ(palomir.userCredentials(), nullptr);
     palomir.setUserCredentials(user);
+    palomir.setAppCredentials(AppCredentials{"t2", "s2"});
+    EXPECT_EQ(palomir.userCredentials(), user);
     palomir.setAppCredentials(std::nullopt);
     palomir.setAppCredentials(AppCredentials{"t", "s"});
     EXPECT_EQ(palomir.userCredentials(), nullptr);
