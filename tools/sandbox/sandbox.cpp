@@ -1,6 +1,7 @@
 #include "sandbox.hpp"
 
 #include <httplib.h>
+#include <openssl/evp.h>
 #include <openssl/pem.h>
 #include <openssl/ssl.h>
 #include <openssl/x509.h>
@@ -14,6 +15,7 @@
 #include <strings.h>
 #include <sys/socket.h>
 
+#include <array>
 #include <atomic>
 #include <ctime>
 #include <condition_variable>
@@ -21,6 +23,7 @@
 #include <cstring>
 #include <fstream>
 #include <mutex>
+#include <span>
 #include <sstream>
 #include <thread>
 
@@ -483,13 +486,13 @@ Answer Sandbox::State::startDirectUpload(const httplib::Request& request) {
         return errorAnswer(422, (error.keyPath.empty() ? "blob" : "blob." + error.keyPath) + ": " + error.reason);
     }
     if (blob.value().byteSize < 0) return errorAnswer(422, "blob.byte_size: must not be negative");
-    // The base64 of sixteen bytes: 22 characters of the alphabet, then "==";
-    // the last character carries two bits and four zero bits, so only the
-    // canonical spelling is one of "AQgw".
+    // The base64 of sixteen bytes, spelled as an encoder spells it: the text
+    // decodes and encodes back to itself.
     const std::string& checksum = blob.value().checksum;
-    if (checksum.size() != 24 || checksum.compare(22, 2, "==") != 0 ||
-        checksum.find_first_not_of("ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/") != 22 ||
-        std::string_view("AQgw").find(checksum[21]) == std::string_view::npos)
+    std::array<unsigned char, 18> digest{};  // 24 characters decode to 18 bytes, the last two padding
+    if (checksum.size() != 24 ||
+        EVP_DecodeBlock(digest.data(), reinterpret_cast<const unsigned char*>(checksum.data()), 24) != 18 ||
+        crypto::base64Encode(std::span(digest).first(16)) != checksum)
         return errorAnswer(422, "blob.checksum: expected the base64 of an MD5 digest");
 
     RecordedUpload upload;
