@@ -8,8 +8,8 @@
 
 #include "api/api_client_internal.hpp"
 #include "palomir/api_client.hpp"
+#include "palomir_test/client.hpp"
 #include "palomir_test/tls.hpp"
-#include "support.hpp"
 
 namespace palomir {
 namespace {

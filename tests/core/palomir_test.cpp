@@ -2,7 +2,7 @@
 
 #include <chrono>
 
-#include "awaited.hpp"
+#include "palomir_test/client.hpp"
 #include "core/palomir_internal.hpp"
 #include "palomir/environment.hpp"
 #include "palomir_test/tls.hpp"

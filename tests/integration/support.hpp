@@ -17,9 +17,9 @@
 #include <utility>
 #include <vector>
 
-#include "awaited.hpp"
 #include "palomir/environment.hpp"
 #include "palomir/palomir.hpp"
+#include "palomir_test/client.hpp"
 #include "palomir_test/tls.hpp"
 #include "sandbox.hpp"
 
@@ -32,25 +32,6 @@ inline std::string readText(const std::filesystem::path& path) {
     std::ifstream in(path, std::ios::binary);
     return std::string((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
 }
-
-class CapturingLogger : public Logger {
-public:
-    void log(const std::string& message, LogType type) override {
-        std::lock_guard lock(_mutex);
-        _lines.emplace_back(message, type);
-    }
-    // The first line logged at `type` that begins with `start`.
-    std::optional<std::string> logged(const std::string& start, LogType type) const {
-        std::lock_guard lock(_mutex);
-        for (const auto& [line, t] : _lines)
-            if (t == type && line.starts_with(start)) return line;
-        return std::nullopt;
-    }
-
-private:
-    mutable std::mutex _mutex;
-    std::vector<std::pair<std::string, LogType>> _lines;
-};
 
 // The in-process sandbox with Palomir::shared() pointed at it. Each test
 // runs in a process of its own, so the shared client starts fresh.

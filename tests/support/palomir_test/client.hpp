@@ -1,7 +1,7 @@
 #pragma once
 
-// Awaits the one completion of an asynchronous Palomir call. Shared by the
-// unit tests of the client and the tests against the in-process sandbox.
+// What tests of the client hear from it: the one completion of an
+// asynchronous call, and what it logs.
 
 #include <gtest/gtest.h>
 
@@ -10,7 +10,9 @@
 #include <memory>
 #include <mutex>
 #include <optional>
+#include <string>
 #include <thread>
+#include <vector>
 #include <utility>
 
 #include "palomir/palomir.hpp"
@@ -55,6 +57,25 @@ private:
     int _calls = 0;
     bool _inline = false;
     bool _offQueue = false;
+};
+
+class CapturingLogger : public Logger {
+public:
+    void log(const std::string& message, LogType type) override {
+        std::lock_guard lock(_mutex);
+        _lines.emplace_back(message, type);
+    }
+    // The first line logged at `type` that begins with `start`.
+    std::optional<std::string> logged(const std::string& start, LogType type) const {
+        std::lock_guard lock(_mutex);
+        for (const auto& [line, t] : _lines)
+            if (t == type && line.starts_with(start)) return line;
+        return std::nullopt;
+    }
+
+private:
+    mutable std::mutex _mutex;
+    std::vector<std::pair<std::string, LogType>> _lines;
 };
 
 }  // namespace palomir
