@@ -3,8 +3,9 @@
 
 usage: run_against_sandbox.py SANDBOX SCENARIO [--expect TEXT]... -- COMMAND...
 In COMMAND, {base_url}, {ca_file}, {bundle_dir}, {token} and {secret} are replaced with the
-running sandbox's values; PALOMIR_SANDBOX_ADMIN_TOKEN in its environment holds the token of the
-sandbox's admin routes. Passes when the command exits 0 and printed every expected text.
+running sandbox's values, and {trust_store} with a key store holding its CA (password "sandbox")
+for a JVM; PALOMIR_SANDBOX_ADMIN_TOKEN in its environment holds the token of the sandbox's admin
+routes. Passes when the command exits 0 and printed every expected text.
 """
 import os
 import signal
@@ -32,7 +33,11 @@ def main(argv):
                 print("palomir-sandbox did not start", file=sys.stderr)
                 return 1
             values.update(base_url=f"https://localhost:{values['port']}/api", ca_file=values["CA"],
-                          bundle_dir=os.path.dirname(values["CA"]))
+                          bundle_dir=os.path.dirname(values["CA"]), trust_store=f"{directory}/trust.p12")
+            if any("{trust_store}" in part for part in command):
+                subprocess.run(["keytool", "-importcert", "-noprompt", "-alias", "sandbox", "-file", values["CA"],
+                                "-keystore", values["trust_store"], "-storepass", "sandbox"], check=True,
+                               capture_output=True)
             environment = dict(os.environ, XDG_CACHE_HOME=f"{directory}/caches",
                                PALOMIR_SANDBOX_ADMIN_TOKEN=values["admin token"])
             result = subprocess.run([part.format(**values) for part in command], capture_output=True, text=True,

@@ -40,6 +40,7 @@ foreach(concern CheckinTest ServicesTest FeedbackTest LeakTest)
            COMMAND ${Python3_EXECUTABLE} ${_runner} $<TARGET_FILE:palomir-sandbox> ${_scenario}
                    -- ${Java_JAVA_EXECUTABLE} -Xcheck:jni -Xmx256m -Djava.library.path=$<TARGET_FILE_DIR:palomir-java>
                       -Dpalomir.baseUrl={base_url} -Dpalomir.caFile={ca_file} -Dpalomir.bundleDir={bundle_dir}
+                      -Djavax.net.ssl.trustStore={trust_store} -Djavax.net.ssl.trustStorePassword=sandbox
                       -cp ${_jar}:${_tests_jar}:${_junit_console} org.junit.platform.console.ConsoleLauncher
                       --disable-banner --fail-if-no-tests --details=summary --select-class io.palomir.${concern}
            WORKING_DIRECTORY ${CMAKE_CURRENT_BINARY_DIR})

@@ -12,7 +12,7 @@ import org.junit.jupiter.api.Test;
 class CheckinTest {
     @Test
     void configurationReadFieldByField() throws Exception {
-        Configuration c = Sandbox.await(Sandbox.client("sandbox-secret")::checkin).get();
+        Configuration c = Sandbox.await(Sandbox.client()::checkin).get();
         assertEquals("2024.07.1", c.version());
         // The sandbox asks for the next check-in now.
         assertTrue(Duration.between(c.nextCheckinAt(), Instant.now()).abs().toSeconds() < 60, c.nextCheckinAt()::toString);
@@ -33,7 +33,7 @@ class CheckinTest {
 
     @Test
     void userTokenAnsweredLaterFromAnotherThread() throws Exception {
-        Palomir palomir = Sandbox.client("sandbox-secret");
+        Palomir palomir = Sandbox.client();
         // Left set: the other test here does not look at the user's token.
         palomir.setUserCredentials(reply -> new Thread(() -> reply.accept("xyz")).start());
         Sandbox.await(palomir::checkin).get();

@@ -12,7 +12,7 @@ class FeedbackTest {
     // Texts outside the Basic Multilingual Plane (emoji) and CJK must arrive as the user typed them.
     @Test
     void feedbackWithTwoAttachmentsIsRecorded() throws Exception {
-        Palomir palomir = Sandbox.client("sandbox-secret");
+        Palomir palomir = Sandbox.client();
         List<Attachment> attachments = List.of(new Attachment("note.txt", null, "hello".getBytes(StandardCharsets.UTF_8)),
                                                new Attachment("data.bin", "application/octet-stream", new byte[] {1, 0, 2}));
         Sandbox.<Void>await((executor, done) -> palomir.feedback("Crash 💥 崩溃", "It broke 😢 坏了", "ann@example.com",

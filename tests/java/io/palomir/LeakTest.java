@@ -20,7 +20,7 @@ class LeakTest {
 
     @Test
     void everyCallbackAndExecutorIsReleasedAndTheHeapStaysFlat() throws Exception {
-        Palomir palomir = Sandbox.client("sandbox-secret");
+        Palomir palomir = Sandbox.client();
         Sandbox.await(palomir::checkin).get();
         long before = usedAfterGc();
 

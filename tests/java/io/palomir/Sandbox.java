@@ -1,22 +1,16 @@
 package io.palomir;
 
-import java.io.InputStream;
 import java.net.URI;
 import java.net.http.HttpClient;
 import java.net.http.HttpRequest;
 import java.net.http.HttpResponse;
-import java.nio.file.Files;
 import java.nio.file.Path;
-import java.security.KeyStore;
-import java.security.cert.CertificateFactory;
 import java.util.concurrent.CompletableFuture;
 import java.util.concurrent.Executor;
 import java.util.concurrent.TimeUnit;
 import java.util.function.BiConsumer;
 import java.util.function.Consumer;
 import java.util.regex.Pattern;
-import javax.net.ssl.SSLContext;
-import javax.net.ssl.TrustManagerFactory;
 
 // The palomir-sandbox that run_against_sandbox.py started for this JVM, and
 // the waiting every test class needs.
@@ -26,12 +20,12 @@ final class Sandbox {
 
     private Sandbox() {}
 
-    /** Describes the test host, points the shared client at the sandbox and signs with `secret`. */
-    static Palomir client(String secret) throws Exception {
+    /** Describes the test host and points the shared client at the sandbox. */
+    static Palomir client() throws Exception {
         Palomir palomir = Palomir.shared();
         palomir.setHostInfo("io.palomir.tests.java", "1.0", "10", "Java tests");
         palomir.setBackend(BASE_URL, CA_FILE, Path.of(System.getProperty("palomir.bundleDir")));
-        palomir.setAppCredentials("sandbox-token", secret);
+        palomir.setAppCredentials("sandbox-token", "sandbox-secret");
         return palomir;
     }
 
@@ -50,23 +44,14 @@ final class Sandbox {
         return done.get(20, TimeUnit.SECONDS);
     }
 
-    /** The body of an admin route such as "requests" or "feedback". */
+    // The body of an admin route such as "requests" or "feedback". The JVM
+    // trusts the sandbox's CA through the trust store run_against_sandbox.py made.
     static String admin(String route) throws Exception {
-        KeyStore trusted = KeyStore.getInstance(KeyStore.getDefaultType());
-        trusted.load(null, null);
-        try (InputStream pem = Files.newInputStream(CA_FILE)) {
-            trusted.setCertificateEntry("sandbox", CertificateFactory.getInstance("X.509").generateCertificate(pem));
-        }
-        TrustManagerFactory trust = TrustManagerFactory.getInstance(TrustManagerFactory.getDefaultAlgorithm());
-        trust.init(trusted);
-        SSLContext tls = SSLContext.getInstance("TLS");
-        tls.init(null, trust.getTrustManagers(), null);
-        HttpClient http = HttpClient.newBuilder().sslContext(tls).build();
         URI uri = URI.create(BASE_URL.substring(0, BASE_URL.length() - 4) + "/_sandbox/" + route);
         HttpRequest request = HttpRequest.newBuilder(uri)
             .header("X-Sandbox-Token", System.getenv().getOrDefault("PALOMIR_SANDBOX_ADMIN_TOKEN", ""))
             .build();
-        return http.send(request, HttpResponse.BodyHandlers.ofString()).body();
+        return HttpClient.newHttpClient().send(request, HttpResponse.BodyHandlers.ofString()).body();
     }
 
     static int occurrences(String text, String needle) {

@@ -21,7 +21,7 @@ class ServicesTest {
         "service         | gone | Request failed: Bad status: 404",
     })
     void fetch(String operation, String identifier, String expected) throws Exception {
-        Palomir palomir = Sandbox.client("sandbox-secret");
+        Palomir palomir = Sandbox.client();
         Result<Fetched<List<Service>>> result = Sandbox.await((executor, done) -> {
             switch (operation) {
                 case "services" -> palomir.services(executor, done);
