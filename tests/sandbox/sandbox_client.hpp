@@ -28,7 +28,6 @@ struct Signing {
 };
 
 struct Reply {
-    httplib::Error error = httplib::Error::Success;
     int status = 0;
     std::string body;
     httplib::Headers headers;
@@ -52,8 +51,6 @@ public:
         client.set_ca_cert_path(_caFile.c_str());
         client.enable_server_certificate_verification(true);
         client.set_decompress(false);
-        client.set_connection_timeout(std::chrono::seconds(5));
-        client.set_read_timeout(std::chrono::seconds(10));
 
         std::string url = "https://" + _host + ":" + std::to_string(_port) + target;
         if (target.starts_with("/_sandbox/"))
@@ -77,7 +74,6 @@ public:
         Reply reply;
         reply.elapsed =
             std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now() - start);
-        reply.error = result.error();
         if (result) {
             reply.status = result->status;
             reply.body = result->body;
