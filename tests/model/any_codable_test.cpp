@@ -1,7 +1,5 @@
 #include <gtest/gtest.h>
 
-#include <limits>
-
 #include "palomir/any_codable.hpp"
 #include "palomir/palomir.h"
 
@@ -9,8 +7,9 @@ namespace palomir {
 namespace {
 
 // Numbers take the first kind that holds them: int64, then uint64, then
-// double. Whatever decodes encodes to text that decodes to an equal value.
-TEST(AnyCodable, NumbersTakeTheFirstKindThatHoldsThemAndSurviveARoundTrip) {
+// double. (That whatever decodes encodes back to an equal value is the fuzz
+// target's to prove, on every input it meets.)
+TEST(AnyCodable, NumbersTakeTheFirstKindThatHoldsThem) {
     using A = AnyCodable;
     const std::pair<const char*, AnyCodable> cases[] = {
         {"true", A::boolean(true)}, {"1", A::int64(1)}, {"7.0", A::int64(7)}, {"-2.5e-1", A::double_(-0.25)},
@@ -23,8 +22,6 @@ TEST(AnyCodable, NumbersTakeTheFirstKindThatHoldsThemAndSurviveARoundTrip) {
         const auto decoded = decodeJson<AnyCodable>(text);
         ASSERT_TRUE(decoded.hasValue()) << text << ": " << decoded.error().message();
         EXPECT_EQ(decoded.value(), expected) << text;
-        const auto again = decodeJson<AnyCodable>(encode(decoded.value()).value().dump());
-        EXPECT_TRUE(again.hasValue() && again.value() == expected) << text;
     }
 }
 
@@ -66,15 +63,6 @@ TEST(AnyEncodable, WritesEveryKind) {
     ASSERT_TRUE(encoded.hasValue());
     EXPECT_EQ(encoded.value().dump(), R"([null,false,-8,255,18446744073709551615,0.1,2.5,"s",)"
                                       R"("2024-05-01T06:30:00.000Z","https://example.com/a?b=c"])");
-}
-
-// Where in a document a non-finite number sits is proven with the app description.
-TEST(AnyEncodable, NonFiniteNumbersAndDiscardedValuesHaveNoJsonForm) {
-    EXPECT_EQ(encode(AnyEncodable::float_(std::numeric_limits<float>::infinity())).error().message(),
-              "AnyEncodable value cannot be encoded");
-    const auto discarded = decode<AnyDecodable>(nlohmann::json(nlohmann::json::value_t::discarded));
-    ASSERT_TRUE(discarded.hasError());
-    EXPECT_EQ(discarded.error().message(), "AnyDecodable value cannot be decoded");
 }
 
 }  // namespace

@@ -1,6 +1,5 @@
 #include <gtest/gtest.h>
 
-#include <fstream>
 #include <set>
 
 #include "data.hpp"
@@ -37,7 +36,6 @@ TEST(LockdownEvaluation, AMissingTypeIsSoftAndAnInactiveLockdownIsOpenWhateverIt
     lockdown.active = false;
     lockdown.type = LockdownType::hard;
     EXPECT_EQ(evaluate(lockdown), LockdownResult::open());
-    EXPECT_EQ(evaluate(lockdown).type(), std::nullopt);
 }
 
 TEST(Encoding, LeavesAbsentOptionalsOut) {
@@ -55,26 +53,18 @@ TEST(Encoding, LeavesAbsentOptionalsOut) {
 }
 
 // A given media type stands; otherwise the extension decides, whatever its
-// case. The log files' "text/plain", and a text attachment's bytes, are
-// proven by the feedback runs.
+// case.
 TEST(Attachments, DeriveTheMediaTypeCaseInsensitivelyOnlyWhenNoneIsGiven) {
     const std::tuple<const char*, std::optional<std::string>, const char*> rows[] = {
-        {"notes.TXT", std::nullopt, "text/plain"}, {"a.PNG", std::nullopt, "image/png"},
-        {"photo.png", "application/octet-stream", "application/octet-stream"},
-        {"README", std::nullopt, ""}, {"a.definitely-unknown", std::nullopt, ""}};
+        {"notes.TXT", std::nullopt, "text/plain"}, {"README", std::nullopt, ""},
+        {"photo.png", "application/octet-stream", "application/octet-stream"}, {"a.unknown-kind", std::nullopt, ""}};
     for (const auto& [filename, given, expected] : rows)
         EXPECT_EQ(Attachment::fromData(filename, given, {}).contentType, expected) << filename;
 
-    // From a file: its whole contents (more than one read's worth), or why not.
-    const auto path = std::filesystem::temp_directory_path() / "palomir-attachment.json";
-    std::ofstream(path, std::ios::binary) << std::string(40000, 'x');
-    const auto file = Attachment::fromFile(path);
-    std::filesystem::remove(path);
-    ASSERT_TRUE(file.hasValue());
-    EXPECT_EQ(std::tie(file.value().filename, file.value().contentType, file.value().data),
-              std::tuple("palomir-attachment.json", "application/json", std::vector<std::uint8_t>(40000, 'x')));
-    EXPECT_EQ(Attachment::fromFile(path).error(), std::errc::no_such_file_or_directory);
-    EXPECT_EQ(Attachment::fromFile(path.parent_path()).error(), std::errc::is_a_directory);
+    // A file's whole contents and its media type are proven by the demo's
+    // feedback run, a missing file's error by the C facade's; a directory is
+    // refused, not read as nothing.
+    EXPECT_EQ(Attachment::fromFile(std::filesystem::temp_directory_path()).error(), std::errc::is_a_directory);
 }
 
 }  // namespace

@@ -33,10 +33,6 @@ TEST(BannerColourTest, CardColourIsChosenForTheAppearance) {
     }
 }
 
-Configuration withServices(const std::string& services) {
-    return test::withLockdown(R"({"active":false,"latest_version":"1"})", {}, services);
-}
-
 // The worst service's message is placed inside the safe area at either
 // location, reused while one is due, and taken away (with what the host
 // kept) once none is; pressing the chevron twice restores the start. (The
@@ -49,12 +45,12 @@ TEST(UpdateMessageViewTest, PlacesTheWorstMessageTogglesItAndRemovesItWhenNoneIs
     QQuickItem view;
     view.setSize(QSizeF(400, 800));
     setSafeAreaMargins(&view, QMarginsF(0, 40, 0, 30));
-    const auto withMessage = withServices(R"([
+    const auto withMessage = test::withLockdown(R"({"active":false,"latest_version":"1"})", {}, R"([
         {"name":"A","identifier":"a","is_available":true,"state":"warning","triggers_message":true,"message":{"title":"Slow"}},
         {"name":"B","identifier":"b","is_available":true,"state":"error","triggers_message":true,
          "message":{"title":"Down","description":"Changes are kept.","url_title":"Status","url":"https://status.example.com/sync"}}])");
-    const auto withoutMessage =
-        withServices(R"([{"name":"B","identifier":"b","is_available":true,"state":"error","triggers_message":true}])");
+    auto withoutMessage = withMessage;  // the worst service without its message
+    withoutMessage.services->at(1).message.reset();
     auto banner = updateMessageView(&host, &view, Location::top, 10, withMessage);
     ASSERT_FALSE(banner.isNull());
     EXPECT_EQ(text(banner->titleLabel()), QStringLiteral("Down"));

@@ -15,10 +15,7 @@
 namespace palomir::qt {
 namespace {
 
-using test::click;
-using test::colorOf;
-using test::text;
-using test::withLockdown;
+using namespace test;
 
 const std::string kTwoNotes =
     R"([{"identifier":"3F2504E0-4F89-41D3-9A0C-0305E82C3301","title":"One","content":"First"},
@@ -99,7 +96,7 @@ TEST(LockdownViewControllerTest, NoteViewsPlusSpacerAndAGradientOrTheBackgroundC
 }
 
 TEST(LockdownViewControllerTest, TextsColoursAndTheActionOpeningItsUrl) {
-    test::UrlSink sink;
+    UrlSink sink;
     LockdownViewController screen;
     std::vector<DismissAction> reported;
     screen.setDismissCallback([&](DismissAction action) { reported.push_back(action); });
