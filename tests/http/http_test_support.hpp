@@ -9,6 +9,7 @@
 #include <optional>
 #include <string>
 
+#include "palomir_test/temp_dir.hpp"
 #include "palomir_test/tls.hpp"
 #include "platform/http_session.hpp"
 

@@ -5,7 +5,7 @@
 #include <fstream>
 
 #include "palomir/environment.hpp"
-#include "palomir_test/tls.hpp"
+#include "palomir_test/temp_dir.hpp"
 
 using namespace palomir;
 namespace fs = std::filesystem;

@@ -7,6 +7,7 @@
 #include <fstream>
 #include <functional>
 
+#include "palomir_test/temp_dir.hpp"
 #include "palomir_test/tls.hpp"
 #include "platform/crypto.hpp"
 #include "sandbox_client.hpp"
