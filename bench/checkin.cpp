@@ -43,6 +43,7 @@
 #include "palomir/app_info.hpp"
 #include "palomir/environment.hpp"
 #include "palomir/model.hpp"
+#include "palomir_test/temp_dir.hpp"
 #include "palomir_test/tls.hpp"
 
 namespace {

@@ -36,6 +36,7 @@
 #include "palomir/bundle.hpp"
 #include "palomir/client.hpp"
 #include "palomir/model.hpp"
+#include "palomir_test/temp_dir.hpp"
 #include "palomir_test/tls.hpp"
 #include "tools/first_checkin.hpp"
 

@@ -9,6 +9,7 @@
 #include "api/api_client_internal.hpp"
 #include "palomir/api_client.hpp"
 #include "palomir_test/client.hpp"
+#include "palomir_test/temp_dir.hpp"
 #include "palomir_test/tls.hpp"
 
 namespace palomir {

@@ -5,7 +5,7 @@
 #include "palomir_test/client.hpp"
 #include "core/palomir_internal.hpp"
 #include "palomir/environment.hpp"
-#include "palomir_test/tls.hpp"
+#include "palomir_test/temp_dir.hpp"
 
 namespace palomir {
 namespace {

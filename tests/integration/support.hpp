@@ -20,7 +20,7 @@
 #include "palomir/environment.hpp"
 #include "palomir/palomir.hpp"
 #include "palomir_test/client.hpp"
-#include "palomir_test/tls.hpp"
+#include "palomir_test/temp_dir.hpp"
 #include "sandbox.hpp"
 
 namespace palomir {

@@ -21,7 +21,7 @@
 
 #include "palomir/environment.hpp"
 #include "palomir/logging.hpp"
-#include "palomir_test/tls.hpp"
+#include "palomir_test/temp_dir.hpp"
 
 namespace palomir {
 namespace {

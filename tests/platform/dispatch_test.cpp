@@ -54,7 +54,6 @@ TEST(SerialQueue, RunsWorkOneAtATimeInSubmissionOrderOfEachThreadAndTheGroupWait
     producers.clear();
     ASSERT_TRUE(group.waitFor(10s));
     EXPECT_FALSE(disorder);
-    EXPECT_EQ(lastSeen, std::vector<int>(kThreads, kItems - 1));
     EXPECT_EQ(events, (std::vector<std::string>{"outer ends", "inner"}));
 }
 

@@ -60,18 +60,16 @@ TEST(NotificationCenter, ObserversMayRemoveThemselvesAndOthersWhileBeingCalled) 
 TEST(NotificationCenter, CountsEveryPostFromManyThreads) {
     NotificationCenter center;
     std::atomic<int> ticks{0};
-    std::atomic<int> churn{0};
     center.addObserver("tick", nullptr, [&](const Notification&) { ++ticks; });
     std::vector<std::jthread> threads;
     for (int t = 0; t < 8; ++t) {
         threads.emplace_back([&] {
             for (int i = 0; i < 1000; ++i) {
                 center.post("tick");
-                center.removeObserver(center.addObserver("tock", nullptr, [&](const Notification&) { ++churn; }));
+                center.removeObserver(center.addObserver("tock", nullptr, [](const Notification&) {}));
             }
         });
     }
     threads.clear();
     EXPECT_EQ(ticks.load(), 8000);
-    EXPECT_EQ(churn.load(), 0);
 }

@@ -39,12 +39,12 @@ TEST(Url, TakesTheUrlApart) {
 
 // Which reader takes which form: the fetchable "scheme://" form, any
 // absolute URI, any URI reference; the texts are grouped by that outcome.
+// (Bytes no URL holds as written, such as spaces, controls, NUL, non-ASCII
+// and <>"{}|\^`, are refused wherever the URL fuzz target puts them.)
 TEST(Url, EachReaderTakesItsForms) {
-    std::vector<std::string> refused{"", " http://a.example/", "mailto:a b@example.com", "a b", "1http://digit.example",
-                                     "://no-scheme.example", "http://a.example/%zz", "http://a.example/%4",
-                                     "http://a.example:8x/", "http://[::g]/", std::string("http://[::\0:1]/", 15),
-                                     "http://a@b@c.example/", "x#a#b"};
-    for (const char c : std::string_view("\t\x7f\xc3<>\"{}|\\^`[]\0", 15)) refused.push_back(std::string("http://h/a") + c);
+    const std::vector<std::string> refused{"", "1http://digit.example", "://no-scheme.example", "http://a.example/%zz",
+                                           "http://a.example/%4", "http://a.example:8x/", "http://[::g]/",
+                                           "http://a@b@c.example/", "x#a#b", "http://h/a[", "http://h/a]"};
     const std::tuple<bool, bool, bool, std::vector<std::string>> groups[] = {
         {true, true, true, {"https://a.example/x?q#f", "myapp://open/item"}},
         {false, true, true, {"mailto:help@example.com", "tel:+1-555-0100", "urn:isbn:0451450523", "myapp:x",
@@ -65,5 +65,4 @@ TEST(Url, QueryItemsAreDecodedInOrderAndKeepPlusSigns) {
     const auto url = Url::parse("https://h.example/p?b=2&a=x%20y&flag&c=1+1&&e=");
     ASSERT_TRUE(url.has_value());
     EXPECT_EQ(url->queryItems(), (std::vector<Url::QueryItem>{{"b", "2"}, {"a", "x y"}, {"flag", {}}, {"c", "1+1"}, {"e", ""}}));
-    EXPECT_TRUE(Url::parse("https://h.example/p")->queryItems().empty());
 }

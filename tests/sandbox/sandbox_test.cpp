@@ -6,6 +6,7 @@
 #include <ctime>
 #include <fstream>
 
+#include "palomir_test/temp_dir.hpp"
 #include "palomir_test/tls.hpp"
 #include "platform/crypto.hpp"
 #include "sandbox_client.hpp"

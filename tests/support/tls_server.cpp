@@ -12,17 +12,6 @@
 
 namespace palomir_test {
 
-TempDir::TempDir() {
-    std::string pattern = (std::filesystem::temp_directory_path() / "palomir-test-XXXXXX").string();
-    if (!mkdtemp(pattern.data())) throw std::runtime_error("cannot create a temporary directory");
-    _path = pattern;
-}
-
-TempDir::~TempDir() {
-    std::error_code ignored;
-    std::filesystem::remove_all(_path, ignored);
-}
-
 std::vector<std::string> RecordedRequest::headerValues(const std::string& name) const {
     std::vector<std::string> values;
     for (const auto& [field, value] : headers)
@@ -65,7 +54,6 @@ int presentChain(SSL* ssl, void* argument) {
 void countHandshakes(const SSL* ssl, int where, int) {
     if (!(where & SSL_CB_HANDSHAKE_DONE)) return;
     auto* state = static_cast<State*>(SSL_CTX_get_app_data(SSL_get_SSL_CTX(ssl)));
-    if (!state) return;
     ++state->handshakes;
     if (SSL_session_reused(const_cast<SSL*>(ssl))) ++state->resumed;
 }
@@ -73,14 +61,8 @@ void countHandshakes(const SSL* ssl, int where, int) {
 }  // namespace
 
 TlsTestServer::TlsTestServer(Options options) : _state(std::make_shared<State>()) {
-    _state->options = std::move(options);
-    start();
-}
-
-TlsTestServer::~TlsTestServer() { stop(); }
-
-void TlsTestServer::start() {
     State* state = _state.get();
+    state->options = std::move(options);
     state->server = std::make_unique<httplib::SSLServer>([state](SSL_CTX& context) {
         SSL_CTX_set_app_data(&context, state);
         SSL_CTX_set_cert_cb(&context, presentChain, state);
@@ -126,7 +108,6 @@ void TlsTestServer::start() {
     state->server->Get(everything, route);
     state->server->Post(everything, route);
     state->server->Put(everything, route);
-    state->server->Delete(everything, route);
     if (!state->options.keepAlive) state->server->set_keep_alive_max_count(1);
     // Idle connections would hold up the server's end for the default 5 s.
     state->server->set_keep_alive_timeout(1);
@@ -138,11 +119,9 @@ void TlsTestServer::start() {
     state->thread = std::thread([server] { server->listen_after_bind(); });
 }
 
-void TlsTestServer::stop() {
-    if (!_state->server) return;
+TlsTestServer::~TlsTestServer() {
     _state->server->stop();
-    if (_state->thread.joinable()) _state->thread.join();
-    _state->server.reset();
+    _state->thread.join();
 }
 
 std::string TlsTestServer::url(const std::string& path, const std::string& host) const {

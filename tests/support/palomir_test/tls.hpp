@@ -4,7 +4,6 @@
 // receives and can change its certificate chain at run time.
 
 #include <cstdint>
-#include <filesystem>
 #include <functional>
 #include <memory>
 #include <optional>
@@ -17,24 +16,7 @@
 
 namespace palomir_test {
 
-/// A fresh directory under the system's temporary directory, removed with
-/// everything in it when the object goes.
-class TempDir {
-public:
-    TempDir();
-    ~TempDir();
-    TempDir(const TempDir&) = delete;
-    TempDir& operator=(const TempDir&) = delete;
-
-    const std::filesystem::path& path() const { return _path; }
-    std::filesystem::path operator/(const std::string& name) const { return _path / name; }
-
-private:
-    std::filesystem::path _path;
-};
-
 // The sandbox's certificate authority serves the tests too.
-using palomir::sandbox::Certificate;
 using palomir::sandbox::CertificateChain;
 using palomir::sandbox::CertificateFactory;
 using palomir::sandbox::LeafOptions;
@@ -108,9 +90,6 @@ public:
     struct State;
 
 private:
-    void start();
-    void stop();
-
     std::shared_ptr<State> _state;
     int _port = 0;
 };
