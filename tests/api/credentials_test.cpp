@@ -19,11 +19,12 @@ std::optional<std::string> answerOf(UserCredentials& credentials) {
 }
 
 TEST(UserTokenNormalisation, StaticAndClosureAgree) {
+    // Kept as given: any letter case, with or without a blank after the word.
+    // Prefixed: a shorter word, or one after a blank.
     const std::vector<std::pair<std::optional<std::string>, std::optional<std::string>>> cases = {
-        {"abc", "Bearer abc"},        {"", std::nullopt},         {std::nullopt, std::nullopt},
-        {"Bearer abc", "Bearer abc"}, {"bearer abc", "bearer abc"}, {"BEARER abc", "BEARER abc"},
-        {"bEaReRabc", "bEaReRabc"},   {"bearer", "bearer"},         {"bear", "Bearer bear"},
-        {" bearer x", "Bearer  bearer x"}, {"Basic xyz", "Bearer Basic xyz"}};
+        {"abc", "Bearer abc"},        {"", std::nullopt},          {std::nullopt, std::nullopt},
+        {"BEARER abc", "BEARER abc"}, {"bEaReRabc", "bEaReRabc"},  {"bear", "Bearer bear"},
+        {" bearer x", "Bearer  bearer x"}};
     for (const auto& [given, header] : cases) {
         const std::optional<std::string> token = given;  // a lambda cannot capture a structured binding here
         SCOPED_TRACE(token.value_or("(none)"));
