@@ -50,7 +50,7 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 using nlohmann::json;
-using palomir_test::TestPki;
+using palomir_test::Pki;
 using palomir_test::TempDir;
 
 constexpr const char* kToken = "0b5c4f0e9a6d4e2f8c1a7b3d5e9f1a2b";
@@ -122,7 +122,7 @@ std::string configurationDocument() {
 
 class KeepAliveServer {
 public:
-    KeepAliveServer(const TestPki& pki, std::string answer) {
+    KeepAliveServer(const Pki& pki, std::string answer) {
         _response = "HTTP/1.1 200 OK\r\nContent-Type: application/json\r\nContent-Length: " +
                     std::to_string(answer.size()) + "\r\n\r\n" + answer;
         _context = SSL_CTX_new(TLS_server_method());
@@ -228,7 +228,7 @@ private:
 // What both sides share.
 
 struct Fixture {
-    TestPki pki = TestPki::make("palomir-bench");
+    Pki pki = Pki::make("palomir-bench");
     TempDir dir;
     std::string document = configurationDocument();
     std::unique_ptr<KeepAliveServer> server;

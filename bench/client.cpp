@@ -503,7 +503,7 @@ void printBreakdown() {
 }
 
 void BM_ResidentMemory(benchmark::State& state) {
-    auto pki = palomir_test::TestPki::make("palomir-bench");
+    auto pki = palomir_test::Pki::make("palomir-bench");
     palomir_test::TempDir dir;
     pki.leaf.writeDer(dir / "localhost.crt");
     pki.root.writePem(dir / "ca.pem");

@@ -69,7 +69,7 @@ protected:
     }
 
     palomir_test::TempDir _resources;
-    palomir_test::TestPki _pki = palomir_test::TestPki::make("api-client");
+    palomir_test::Pki _pki = palomir_test::Pki::make("api-client");
     std::mutex _handlerMutex;
     palomir_test::TlsTestServer::Handler _handler = [](const RecordedRequest&) { return respond(200, kConfiguration); };
     palomir_test::TlsTestServer _server{{_pki.chain(), [this](const RecordedRequest& request) {

@@ -27,7 +27,7 @@ namespace {
 using palomir_test::CertificateChain;
 using palomir_test::CertificateFactory;
 using palomir_test::RecordedRequest;
-using palomir_test::TestPki;
+using palomir_test::Pki;
 using palomir_test::TestResponse;
 using palomir_test::TlsTestServer;
 
@@ -72,9 +72,9 @@ using Pins = std::map<std::string, std::vector<std::uint8_t>>;
 
 // Trusted: the roots of A and B. Not trusted: U.
 struct World {
-    TestPki a = TestPki::make("A");
-    TestPki b = TestPki::make("B");
-    TestPki u = TestPki::make("U");
+    Pki a = Pki::make("A");
+    Pki b = Pki::make("B");
+    Pki u = Pki::make("U");
     palomir_test::TempDir dir;
     std::filesystem::path anchors = dir / "anchors.pem";
 
@@ -113,7 +113,7 @@ struct World {
     /// no certificate.
     std::vector<std::uint8_t> certificate(const std::string& which) const {
         if (which == "garbage") return {0x30, 0x82, 0x01, 0x00, 0xde, 0xad};
-        const TestPki& pki = which[0] == 'a' ? a : which[0] == 'b' ? b : u;
+        const Pki& pki = which[0] == 'a' ? a : which[0] == 'b' ? b : u;
         const std::string part = which.substr(2);
         return (part == "leaf" ? pki.leaf : part == "root" ? pki.root : pki.intermediate).der();
     }

@@ -152,7 +152,7 @@ TEST_F(SandboxTest, RefusesANonceAlreadyAnsweredButNotOneLeftWithoutAnswer) {
 // browser told once to trust it keeps trusting the sandbox.
 TEST(SandboxCertificateTest, ServesGivenPemFilesOrKeepsItsOwnCaAcrossStarts) {
     palomir_test::TempDir directory;
-    auto pki = palomir_test::TestPki::make("Given");
+    auto pki = palomir_test::Pki::make("Given");
     palomir_test::writePem(directory / "chain.pem", pki.chain());
     pki.leaf.writeKeyPem(directory / "key.pem");
     pki.root.writePem(directory / "root.pem");

@@ -137,11 +137,11 @@ Certificate CertificateFactory::makeLeaf(const Certificate& issuer, const LeafOp
     return make(options, false, &issuer);
 }
 
-TestPki TestPki::make(const std::string& name) {
+Pki Pki::make(const std::string& name) {
     Certificate root = CertificateFactory::makeRoot(name + " Root CA");
     Certificate intermediate = CertificateFactory::makeIntermediate(root, name + " Intermediate CA");
     Certificate leaf = CertificateFactory::makeLeaf(intermediate);
-    return TestPki{std::move(root), std::move(intermediate), std::move(leaf)};
+    return Pki{std::move(root), std::move(intermediate), std::move(leaf)};
 }
 
 }  // namespace palomir::sandbox

@@ -58,12 +58,12 @@ struct CertificateFactory {
 
 /// A root, an intermediate under it and a leaf for localhost/127.0.0.1
 /// under that: what a server normally presents is `chain()`.
-struct TestPki {
+struct Pki {
     Certificate root;
     Certificate intermediate;
     Certificate leaf;
 
-    static TestPki make(const std::string& name);
+    static Pki make(const std::string& name);
     /// Leaf and intermediate: the root is not sent.
     CertificateChain chain() const { return {leaf, intermediate}; }
 };

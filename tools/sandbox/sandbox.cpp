@@ -384,7 +384,7 @@ Result<bool, std::string> Sandbox::State::prepareCertificates() {
         return true;
     };
     if (options.certificateFile.empty() && !reuse()) {
-        auto pki = TestPki::make("Palomir Sandbox");
+        auto pki = Pki::make("Palomir Sandbox");
         chain = {pki.leaf, pki.intermediate};
         key = std::shared_ptr<EVP_PKEY>(pki.leaf.key(), [keep = pki.leaf](EVP_PKEY*) {});
         caPem = pki.root.pem();

@@ -20,7 +20,7 @@ namespace palomir_test {
 using palomir::sandbox::CertificateChain;
 using palomir::sandbox::CertificateFactory;
 using palomir::sandbox::LeafOptions;
-using palomir::sandbox::TestPki;
+using palomir::sandbox::Pki;
 using palomir::sandbox::writePem;
 
 using Headers = std::vector<std::pair<std::string, std::string>>;
