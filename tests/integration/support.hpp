@@ -25,13 +25,10 @@
 
 namespace palomir {
 
+using palomir_test::readText;
+
 inline const std::filesystem::path kScenarios =
     std::filesystem::path(PALOMIR_SOURCE_DIR) / "examples" / "scenarios";
-
-inline std::string readText(const std::filesystem::path& path) {
-    std::ifstream in(path, std::ios::binary);
-    return std::string((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
-}
 
 // The in-process sandbox with Palomir::shared() pointed at it. Each test
 // runs in a process of its own, so the shared client starts fresh.

@@ -17,6 +17,7 @@ namespace {
 namespace fs = std::filesystem;
 using namespace std::chrono_literals;
 using Json = nlohmann::json;
+using palomir_test::readText;
 using testing::Reply;
 using testing::SandboxClient;
 using testing::Signing;
@@ -24,11 +25,6 @@ using testing::Signing;
 const fs::path kScenarios = PALOMIR_SCENARIO_DIR;
 const std::string kCheckin = "/api/checkin/sandbox-token";
 const Signing kUnsigned{.sign = false};
-
-std::string readText(const fs::path& path) {
-    std::ifstream in(path, std::ios::binary);
-    return std::string(std::istreambuf_iterator<char>(in), {});
-}
 
 /// Runs `palomir-sandbox check FILE`; its exit status and what it printed.
 std::pair<int, std::string> checkCommand(const fs::path& file) {

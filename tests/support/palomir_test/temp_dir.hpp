@@ -3,11 +3,19 @@
 #include <stdlib.h>
 
 #include <filesystem>
+#include <fstream>
+#include <iterator>
 #include <stdexcept>
 #include <string>
 #include <system_error>
 
 namespace palomir_test {
+
+/// The whole of a file, or nothing when it cannot be read.
+inline std::string readText(const std::filesystem::path& path) {
+    std::ifstream in(path, std::ios::binary);
+    return std::string(std::istreambuf_iterator<char>(in), {});
+}
 
 /// A fresh directory under the system's temporary directory, removed with
 /// everything in it when the object goes.
