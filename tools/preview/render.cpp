@@ -158,6 +158,12 @@ QStringList renderConfiguration(const Configuration& configuration, const QStrin
             banner->setMessage(*worst->message);
             if (expanded) banner->expandButtonPressed();
             wait(qt::MessageViewController::toggleDuration + options.settleMilliseconds);
+            // On a loaded machine the card's animation can start late and
+            // still be growing now: the picture waits until its height holds.
+            QElapsedTimer timer;
+            timer.start();
+            for (qreal last = -1; banner->roundedCornersView()->height() != last && timer.elapsed() < 2000; wait(20))
+                last = banner->roundedCornersView()->height();
             const QString name = QStringLiteral("banner-%1%2")
                                      .arg(location == Palomir::MessageViewLocation::top ? QStringLiteral("top")
                                                                                    : QStringLiteral("bottom"),
